@@ -1,0 +1,179 @@
+// Firmware discovery and module handle, with the per-process support cache
+// that keeps the frequent "is the firmware there?" question off the IPMI bus.
+#include "discovery_internal.h"
+
+#include <zelo/firmware.h>
+#include <zelo/platform.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <syslog.h>
+
+namespace zelo::firmware {
+
+SysinfoFn gSysinfo = ::sysinfo;
+
+namespace {
+
+constexpr uint32_t kDiscoveryRequestLen = 6;
+constexpr uint32_t kDiscoveryResponseLen = 10;
+constexpr long kRecheckSeconds = 2;
+constexpr const char *kSupportedKey = "zelo_supported_%d";
+constexpr const char *kHandleKey = "zelo_module_handle_%d";
+
+// Shared by every instance number: once any instance is found, the process
+// answers "supported" for all of them without asking again.
+struct SupportCache {
+    bool initialised = false;
+    uint8_t supported = 0;
+    long lastRecheck = 0; // uptime seconds
+};
+SupportCache gCache;
+
+using Key = char[32];
+
+void formatKey(Key &key, const char *format, int32_t instance) {
+    std::snprintf(key, sizeof key, format, instance);
+}
+
+long uptimeSeconds() {
+    struct sysinfo info;
+    std::memset(&info, 0, sizeof info);
+    if (gSysinfo(&info) != 0) {
+        char message[256];
+        std::snprintf(message, sizeof message, "Failed to call sysinfo(), errno:%s.\n",
+                      std::strerror(errno));
+        std::fputs(message, stdout);
+        syslog(LOG_USER | LOG_ERR, "%s", message);
+        return 0;
+    }
+    return info.uptime;
+}
+
+} // namespace
+
+void resetSupportCache() {
+    gCache = SupportCache{};
+}
+
+} // namespace zelo::firmware
+
+using zelo::firmware::gCache;
+
+extern "C" {
+
+uint8_t ZELO_FindFirmwareInstance(uint8_t u8Instance, uint8_t *pu8Descriptor1,
+                                  uint8_t *pu8Descriptor2, uint8_t *pu8ModuleHandle) {
+    if (pu8Descriptor1 == nullptr || pu8Descriptor2 == nullptr || pu8ModuleHandle == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *pu8Descriptor1 = 0;
+    *pu8Descriptor2 = 0;
+    *pu8ModuleHandle = 0;
+
+    const uint8_t request[zelo::firmware::kDiscoveryRequestLen] = {
+        static_cast<uint8_t>(ZELO_IANA_ID & 0xFF),
+        static_cast<uint8_t>((ZELO_IANA_ID >> 8) & 0xFF),
+        static_cast<uint8_t>((ZELO_IANA_ID >> 16) & 0xFF),
+        u8Instance,
+        0,
+        1,
+    };
+    uint8_t response[zelo::firmware::kDiscoveryResponseLen] = {};
+    uint32_t responseLen = sizeof response;
+    const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE, request,
+                                  sizeof request, response, &responseLen);
+    if (rc != 0) {
+        std::printf(
+            "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
+            "and the result code is %d.\n",
+            "ZELO_FindFirmwareInstance", rc);
+        return ZELO_RC_FAILURE;
+    }
+    if (response[0] != 0)
+        return response[0];
+    *pu8ModuleHandle = response[7];
+    if (*pu8ModuleHandle == 0) {
+        std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
+                    "and the result code is %d.\n",
+                    "ZELO_FindFirmwareInstance", response[0]);
+        return ZELO_RC_NO_INSTANCE;
+    }
+    *pu8Descriptor1 = response[5];
+    *pu8Descriptor2 = response[6];
+    return ZELO_RC_SUCCESS;
+}
+
+int ZELO_IsSupported(int32_t s32Instance) {
+    using namespace zelo::firmware;
+    Key supportedKey;
+    formatKey(supportedKey, kSupportedKey, s32Instance);
+
+    if (!gCache.initialised) {
+        gCache.initialised = true;
+        uint8_t stored = 0;
+        (void)kiv_config_get_bool(supportedKey, &stored);
+        gCache.supported = stored;
+    }
+    if (gCache.supported)
+        return 1;
+
+    const long now = uptimeSeconds();
+    if (now - gCache.lastRecheck < kRecheckSeconds)
+        return gCache.supported;
+
+    uint8_t stored = 0;
+    (void)kiv_config_get_bool(supportedKey, &stored);
+    gCache.lastRecheck = now;
+    if (stored) {
+        gCache.supported = 1;
+        return 1;
+    }
+
+    uint8_t descriptor1 = 0;
+    uint8_t descriptor2 = 0;
+    uint8_t handle = 0;
+    const uint8_t rc = ZELO_FindFirmwareInstance(static_cast<uint8_t>(s32Instance), &descriptor1,
+                                                 &descriptor2, &handle);
+    gCache.supported = rc == ZELO_RC_SUCCESS ? 1 : 0;
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("[%s] Failed to call ZELO_FindFirmwareInstance() and the result code is %d.\n",
+                    "ZELO_IsSupported", rc);
+        std::printf("Don't support the ZELO.\n");
+    }
+
+    if (kiv_config_set_bool(supportedKey, gCache.supported, 1) == 0) {
+        std::printf("[%s] Failed to call kiv_config_set_bool(%s).\n", "ZELO_IsSupported",
+                    supportedKey);
+        return gCache.supported;
+    }
+    if (!gCache.supported)
+        return 0;
+
+    Key handleKey;
+    formatKey(handleKey, kHandleKey, s32Instance);
+    if (kiv_config_set_int(handleKey, handle, 1) == 0) {
+        std::printf("[%s] Failed to call kiv_config_set_int(%s).\n", "ZELO_IsSupported", handleKey);
+        // Other processes must not see "supported" without a handle.
+        (void)kiv_config_clear(supportedKey);
+        return 0;
+    }
+    return 1;
+}
+
+uint8_t ZELO_GetModuleHandle(int32_t s32Instance) {
+    using namespace zelo::firmware;
+    if (ZELO_IsSupported(s32Instance) == 0)
+        return 0;
+    Key handleKey;
+    formatKey(handleKey, kHandleKey, s32Instance);
+    int value = 0;
+    if (kiv_config_get_int(handleKey, &value) == 0) {
+        std::printf("[%s] Failed to call kiv_config_get_int(%s).\n", "ZELO_GetModuleHandle",
+                    handleKey);
+        return 0;
+    }
+    return static_cast<uint8_t>(value & 0xFF);
+}
+
+} // extern "C"

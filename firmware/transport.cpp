@@ -1,0 +1,156 @@
+// Element-method transport: request builders and the two register
+// transactions every firmware operation is written against.
+#include <zelo/firmware.h>
+#include <zelo/platform.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr uint8_t kIana[3] = {
+    static_cast<uint8_t>(ZELO_IANA_ID & 0xFF),
+    static_cast<uint8_t>((ZELO_IANA_ID >> 8) & 0xFF),
+    static_cast<uint8_t>((ZELO_IANA_ID >> 16) & 0xFF),
+};
+
+constexpr uint32_t kReadRequestLen = 8;
+constexpr uint32_t kWriteResponseLen = ZELO_RESPONSE_HEAD_LEN;
+
+void printTransportFailure(const char *function, int rc) {
+    std::printf(
+        "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) and "
+        "the result code is %d.\n",
+        function, rc);
+}
+
+} // namespace
+
+extern "C" {
+
+uint8_t GetInvokeElementMethodRequestBuffer(uint8_t u8ModuleHandle, uint8_t u8Element,
+                                            uint8_t u8Method, uint32_t u32RequestLen,
+                                            uint8_t **ppu8Request) {
+    if (ppu8Request == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *ppu8Request = nullptr;
+    // The head alone is 6 bytes; a shorter request cannot be built.
+    if (u32RequestLen < ZELO_REQUEST_HEAD_LEN)
+        return ZELO_RC_INVALID_PARAMETER;
+    auto *request = static_cast<uint8_t *>(std::calloc(u32RequestLen, 1));
+    if (request == nullptr)
+        return ZELO_RC_NO_MEMORY;
+    std::memcpy(request, kIana, sizeof kIana);
+    request[3] = u8ModuleHandle;
+    request[4] = u8Element;
+    request[5] = u8Method;
+    *ppu8Request = request;
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t GetReadRegisterRequestBuffer(uint8_t u8ModuleHandle, uint8_t u8Element,
+                                     uint8_t **ppu8Request) {
+    return GetInvokeElementMethodRequestBuffer(u8ModuleHandle, u8Element, ZELO_METHOD_READ_REGISTER,
+                                               kReadRequestLen, ppu8Request);
+}
+
+uint8_t GetWriteRegisterRequestBuffer(uint8_t u8ModuleHandle, uint8_t u8Element,
+                                      uint8_t u8RegisterId, uint8_t u8DataLen,
+                                      uint8_t **ppu8Request, uint32_t *pu32RequestLen) {
+    if (pu32RequestLen == nullptr) {
+        if (ppu8Request != nullptr)
+            *ppu8Request = nullptr;
+        return ZELO_RC_INVALID_PARAMETER;
+    }
+    // The length is reported even when the allocation then fails.
+    *pu32RequestLen = static_cast<uint32_t>(u8DataLen) + kReadRequestLen;
+    const uint8_t rc = GetInvokeElementMethodRequestBuffer(
+        u8ModuleHandle, u8Element, ZELO_METHOD_WRITE_REGISTER, *pu32RequestLen, ppu8Request);
+    if (rc == ZELO_RC_SUCCESS) {
+        (*ppu8Request)[6] = u8RegisterId;
+        (*ppu8Request)[7] = u8DataLen;
+    }
+    return rc;
+}
+
+#define ZELO_READ_BUILDER(name, element)                                                           \
+    uint8_t name(uint8_t u8ModuleHandle, uint8_t **ppu8Request) {                                  \
+        return GetReadRegisterRequestBuffer(u8ModuleHandle, element, ppu8Request);                 \
+    }
+#define ZELO_WRITE_BUILDER(name, element)                                                          \
+    uint8_t name(uint8_t u8ModuleHandle, uint8_t u8RegisterId, uint8_t u8DataLen,                  \
+                 uint8_t **ppu8Request, uint32_t *pu32RequestLen) {                                \
+        return GetWriteRegisterRequestBuffer(u8ModuleHandle, element, u8RegisterId, u8DataLen,     \
+                                             ppu8Request, pu32RequestLen);                         \
+    }
+
+ZELO_READ_BUILDER(GetReadStatusRegisterRequestBuffer, 0)
+ZELO_READ_BUILDER(GetReadEnergyAccumulatorRegisterRequestBuffer, 1)
+ZELO_READ_BUILDER(GetReadClockAccumulationRegisterRequestBuffer, 4)
+ZELO_READ_BUILDER(GetReadPowerControlRegisterRequestBuffer, 7)
+ZELO_READ_BUILDER(GetReadExhaustHeatIndexRegisterRequestBuffer, 9)
+ZELO_READ_BUILDER(GetReadPowerSupplyRegisterRequestBuffer, 10)
+ZELO_READ_BUILDER(GetReadServerPowerDownRegisterRequestBuffer, 13)
+ZELO_READ_BUILDER(GetReadPowerMaximizerRequestBuffer, 14)
+ZELO_WRITE_BUILDER(GetWriteStatusControlRegisterRequestBuffer, 0)
+ZELO_WRITE_BUILDER(GetWritePowerControlRegisterRequestBuffer, 7)
+ZELO_WRITE_BUILDER(GetWritePowerSupplyRegisterRequestBuffer, 10)
+
+uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLen,
+                     uint8_t **ppu8Response) {
+    if (ppu8Response == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *ppu8Response = nullptr;
+    if (pu8Request == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    pu8Request[6] = u8RegisterId;
+    pu8Request[7] = u8DataLen;
+
+    uint32_t responseLen = static_cast<uint32_t>(u8DataLen) + ZELO_RESPONSE_HEAD_LEN;
+    // Zero-filled, so bytes a short answer leaves out read as zero.
+    auto *response = static_cast<uint8_t *>(std::calloc(responseLen, 1));
+    if (response == nullptr) {
+        std::printf("[%s] Failed to allocate memory for response buffer.\n", "ReadRegister");
+        return ZELO_RC_NO_MEMORY;
+    }
+    *ppu8Response = response;
+
+    const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, pu8Request,
+                                  kReadRequestLen, response, &responseLen);
+    if (rc != 0) {
+        printTransportFailure("ReadRegister", rc);
+        return ZELO_RC_FAILURE;
+    }
+    return response[0];
+}
+
+uint8_t WriteRegister(uint8_t *pu8Request, uint32_t u32RequestLen) {
+    if (pu8Request == nullptr || u32RequestLen < kReadRequestLen)
+        return ZELO_RC_INVALID_PARAMETER;
+    uint8_t response[kWriteResponseLen] = {};
+    uint32_t responseLen = kWriteResponseLen;
+    const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, pu8Request,
+                                  u32RequestLen, response, &responseLen);
+    if (rc != 0) {
+        printTransportFailure("WriteRegister", rc);
+        return ZELO_RC_FAILURE;
+    }
+    return response[0];
+}
+
+uint64_t MSBMultiBytesToValue(uint32_t u32Offset, const uint8_t *pu8Buffer, uint8_t u8Len) {
+    if (u8Len == 0 || pu8Buffer == nullptr)
+        return 0;
+    uint64_t value = 0;
+    for (uint32_t i = 0; i < u8Len; ++i)
+        value = (value << 8) | pu8Buffer[u32Offset + i];
+    return value;
+}
+
+void CleanReadBuffer(uint8_t *pu8Request, uint8_t *pu8Response) {
+    std::free(pu8Request);
+    std::free(pu8Response);
+}
+
+} // extern "C"

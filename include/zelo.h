@@ -1,0 +1,10 @@
+/* zelo: power-management service of the management controller.
+ * The one header every caller includes. C99 and C++. */
+#ifndef ZELO_H
+#define ZELO_H
+
+#include <zelo/common.h>
+#include <zelo/firmware.h>
+#include <zelo/tracelog.h>
+
+#endif

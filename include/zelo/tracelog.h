@@ -1,0 +1,25 @@
+/* The daemon's trace log: two rotating files under /tmp/zelo_trace/. */
+#ifndef ZELO_TRACELOG_H
+#define ZELO_TRACELOG_H
+
+#include <stdio.h>
+#include <zelo/common.h>
+
+#define ZELO_MSG_BUF_SIZE 1024
+
+ZELO_BEGIN_DECLS
+
+/* Scratch buffer for formatting a trace message; no owner, every use
+ * overwrites it. */
+ZELO_API extern char msgBuf[ZELO_MSG_BUF_SIZE];
+
+ZELO_API uint32_t GetCurrentLogSize(void);
+ZELO_API FILE *OpenCurrentLog(int s32Truncate);
+ZELO_API int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMessage);
+/* Writes only when the configured verbosity is at least s32Level. */
+ZELO_API int WriteToPowerHistoryLog(int32_t s32Level, const char *pszFunction, const char *pszLevel,
+                                    const char *pszMessage);
+
+ZELO_END_DECLS
+
+#endif

@@ -1,0 +1,175 @@
+// Host IPMI transport: each exchange is one connection to the firmware
+// simulator's Unix-domain socket. Every step runs against one deadline, so a
+// missing, dead or stuck simulator costs at most kDeadlineMs, never a hang.
+#include "ipmi_wire.h"
+#include "paths.h"
+
+#include <zelo/platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kDeadlineMs = 1500;
+
+class Connection {
+  public:
+    explicit Connection(int fd) : fd_(fd) {}
+    ~Connection() {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
+
+int remainingMs(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Waits for the socket to become ready for `events`; -errno on time-out or error.
+int waitFor(int fd, short events, Clock::time_point deadline) {
+    for (;;) {
+        struct pollfd p = {fd, events, 0};
+        const int n = ::poll(&p, 1, remainingMs(deadline));
+        if (n > 0)
+            return 0;
+        if (n == 0)
+            return -ETIMEDOUT;
+        if (errno != EINTR)
+            return -errno;
+    }
+}
+
+bool socketPath(struct sockaddr_un &addr) {
+    const char *env = std::getenv(zelo::wire::kSocketEnv);
+    char path[PATH_MAX];
+    if (env != nullptr && env[0] != '\0') {
+        if (std::strlen(env) >= sizeof path)
+            return false;
+        std::strcpy(path, env);
+    } else if (!zelo::resolvePath(zelo::wire::kDefaultSocket, path, sizeof path)) {
+        return false;
+    }
+    if (std::strlen(path) >= sizeof addr.sun_path)
+        return false;
+    std::memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path);
+    return true;
+}
+
+int connectTo(const struct sockaddr_un &addr, int fd, Clock::time_point deadline) {
+    if (::connect(fd, reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) == 0)
+        return 0;
+    if (errno != EINPROGRESS && errno != EAGAIN)
+        return -errno;
+    if (const int rc = waitFor(fd, POLLOUT, deadline); rc != 0)
+        return rc;
+    int error = 0;
+    socklen_t len = sizeof error;
+    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) != 0)
+        return -errno;
+    return -error;
+}
+
+int sendAll(int fd, const uint8_t *data, std::size_t len, Clock::time_point deadline) {
+    while (len > 0) {
+        const ssize_t n = ::send(fd, data, len, MSG_NOSIGNAL);
+        if (n > 0) {
+            data += n;
+            len -= static_cast<std::size_t>(n);
+        } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            if (const int rc = waitFor(fd, POLLOUT, deadline); rc != 0)
+                return rc;
+        } else {
+            return n < 0 ? -errno : -EPIPE;
+        }
+    }
+    return 0;
+}
+
+// Reads exactly len bytes; when sink is null the bytes are consumed and dropped.
+int receiveExactly(int fd, uint8_t *sink, std::size_t len, Clock::time_point deadline) {
+    uint8_t scratch[256];
+    while (len > 0) {
+        uint8_t *into = sink != nullptr ? sink : scratch;
+        const std::size_t want = sink != nullptr ? len : std::min(len, sizeof scratch);
+        const ssize_t n = ::recv(fd, into, want, 0);
+        if (n > 0) {
+            len -= static_cast<std::size_t>(n);
+            if (sink != nullptr)
+                sink += n;
+        } else if (n == 0) {
+            return -EPROTO; // the peer closed before the announced length arrived
+        } else if (errno == EAGAIN || errno == EINTR) {
+            if (const int rc = waitFor(fd, POLLIN, deadline); rc != 0)
+                return rc;
+        } else {
+            return -errno;
+        }
+    }
+    return 0;
+}
+
+} // namespace
+
+extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request,
+                              uint32_t requestLen, uint8_t *response, uint32_t *responseLen) {
+    using namespace zelo::wire;
+    if (responseLen == nullptr || (response == nullptr && *responseLen > 0) ||
+        (request == nullptr && requestLen > 0) || requestLen > kMaxDataLen)
+        return -EINVAL;
+    const uint32_t capacity = *responseLen;
+    *responseLen = 0;
+
+    struct sockaddr_un addr;
+    if (!socketPath(addr))
+        return -ENAMETOOLONG;
+    const Connection conn(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (conn.fd() < 0)
+        return -errno;
+    const auto deadline = Clock::now() + std::chrono::milliseconds(kDeadlineMs);
+
+    if (const int rc = connectTo(addr, conn.fd(), deadline); rc != 0)
+        return rc;
+
+    uint8_t head[kRequestHeadLen] = {netFn, cmd, 0, 0};
+    putLe16(head + 2, static_cast<uint16_t>(requestLen));
+    if (int rc = sendAll(conn.fd(), head, sizeof head, deadline); rc != 0)
+        return rc;
+    if (int rc = sendAll(conn.fd(), request, requestLen, deadline); rc != 0)
+        return rc;
+
+    uint8_t lenBytes[kResponseHeadLen];
+    if (const int rc = receiveExactly(conn.fd(), lenBytes, sizeof lenBytes, deadline); rc != 0)
+        return rc;
+    const uint32_t announced = getLe16(lenBytes);
+    if (announced > kMaxDataLen)
+        return -EPROTO;
+    // Bytes beyond the caller's capacity are read off the socket and dropped.
+    const uint32_t kept = std::min(announced, capacity);
+    if (const int rc = receiveExactly(conn.fd(), response, kept, deadline); rc != 0)
+        return rc;
+    if (const int rc = receiveExactly(conn.fd(), nullptr, announced - kept, deadline); rc != 0)
+        return rc;
+    *responseLen = kept;
+    return 0;
+}

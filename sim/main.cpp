@@ -1,0 +1,104 @@
+// zelo-fwsim: stands in for the host's power-management firmware so the
+// library runs end to end on a development machine.
+#include "model.h"
+#include "scenario.h"
+#include "server.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+namespace {
+
+std::atomic<bool> gStop{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "stop flag is set from a signal handler");
+
+extern "C" void onStopSignal(int) {
+    gStop.store(true);
+}
+
+void usage(std::FILE *to) {
+    std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH]\n"
+               "Answers power-management firmware requests on a Unix-domain socket.\n"
+               "  --scenario FILE  firmware setup (default: the built-in firmware)\n"
+               "  --socket PATH    where to listen (default: $ZELO_IPMI_SOCKET, else\n"
+               "                   /run/zelo-fwsim.sock under $ZELO_ROOT)\n"
+               "  --help           show this text\n",
+               to);
+}
+
+bool installSignals() {
+    struct sigaction sa {};
+    sa.sa_handler = onStopSignal;
+    sigemptyset(&sa.sa_mask);
+    // No SA_RESTART: a signal should cut a wait short, not resume it.
+    if (sigaction(SIGTERM, &sa, nullptr) != 0 || sigaction(SIGINT, &sa, nullptr) != 0)
+        return false;
+    return std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+}
+
+int run(int argc, char **argv) {
+    std::string scenarioPath;
+    std::string socketPath;
+    for (int i = 1; i < argc; ++i) {
+        const bool hasValue = i + 1 < argc;
+        if (std::strcmp(argv[i], "--help") == 0) {
+            usage(stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--scenario") == 0 && hasValue) {
+            scenarioPath = argv[++i];
+        } else if (std::strcmp(argv[i], "--socket") == 0 && hasValue) {
+            socketPath = argv[++i];
+        } else {
+            std::fprintf(stderr, "zelo-fwsim: bad argument '%s'\n", argv[i]);
+            usage(stderr);
+            return 2;
+        }
+    }
+
+    zelo::sim::Scenario scenario;
+    std::string error;
+    if (!scenarioPath.empty() && !zelo::sim::loadScenarioFile(scenarioPath, scenario, error)) {
+        std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());
+        return 2;
+    }
+    if (socketPath.empty())
+        socketPath = zelo::sim::defaultSocketPath();
+    if (socketPath.empty()) {
+        std::fputs("zelo-fwsim: socket path under $ZELO_ROOT is too long\n", stderr);
+        return 1;
+    }
+    if (!installSignals()) {
+        std::fprintf(stderr, "zelo-fwsim: signals: %s\n", std::strerror(errno));
+        return 1;
+    }
+
+    zelo::sim::Firmware firmware(std::move(scenario));
+    zelo::sim::Server server(firmware, gStop);
+    if (!server.listen(socketPath, error)) {
+        std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("zelo-fwsim: listening on %s\n", socketPath.c_str());
+    std::fflush(stdout);
+    server.run();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &e) {
+        std::fprintf(stderr, "zelo-fwsim: %s\n", e.what());
+    } catch (...) {
+        std::fputs("zelo-fwsim: unexpected failure\n", stderr);
+    }
+    return 1;
+}

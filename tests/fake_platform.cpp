@@ -1,0 +1,136 @@
+#include "fake_platform.h"
+
+#include "firmware/discovery_internal.h"
+
+#include <zelo/firmware.h>
+#include <zelo/platform.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+namespace zelo::test {
+
+namespace {
+
+FakePlatform gFake;
+
+int fakeSysinfo(struct sysinfo *info) {
+    if (gFake.sysinfoFails) {
+        errno = EFAULT;
+        return -1;
+    }
+    info->uptime = gFake.uptime;
+    return 0;
+}
+
+constexpr uint8_t kIana[3] = {ZELO_IANA_ID & 0xFF, (ZELO_IANA_ID >> 8) & 0xFF,
+                              (ZELO_IANA_ID >> 16) & 0xFF};
+
+} // namespace
+
+FakePlatform &fake() {
+    return gFake;
+}
+
+void PlatformTest::SetUp() {
+    gFake = FakePlatform{};
+    firmware::resetSupportCache();
+    firmware::gSysinfo = fakeSysinfo;
+    char tmpl[] = "/tmp/zelo-test-XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    root = tmpl;
+    ::setenv("ZELO_ROOT", root.c_str(), 1);
+}
+
+void PlatformTest::TearDown() {
+    EXPECT_EQ(gFake.pending(), 0u) << "scripted IPMI exchanges were not sent";
+    ::unsetenv("ZELO_ROOT");
+    std::error_code ec;
+    std::filesystem::remove_all(root, ec);
+}
+
+Bytes head(uint8_t handle, uint8_t element, uint8_t method) {
+    return {kIana[0], kIana[1], kIana[2], handle, element, method};
+}
+
+Bytes concat(Bytes a, const Bytes &b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+Bytes okResponse(const Bytes &data) {
+    return concat({0, kIana[0], kIana[1], kIana[2]}, data);
+}
+
+} // namespace zelo::test
+
+using zelo::test::gFake;
+
+extern "C" {
+
+int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t requestLen,
+                   uint8_t *response, uint32_t *responseLen) {
+    const zelo::test::Bytes sent(request, request + requestLen);
+    if (gFake.next >= gFake.script.size()) {
+        ADD_FAILURE() << "unexpected IPMI request";
+        return -1;
+    }
+    const auto &step = gFake.script[gFake.next++];
+    EXPECT_EQ(netFn, step.netFn);
+    EXPECT_EQ(cmd, step.cmd);
+    EXPECT_EQ(sent, step.request) << "request " << gFake.next;
+    gFake.lastCapacity = *responseLen;
+    if (step.rc != 0)
+        return step.rc;
+    const auto n = std::min<std::size_t>(step.response.size(), *responseLen);
+    std::copy_n(step.response.begin(), n, response);
+    *responseLen = static_cast<uint32_t>(n);
+    return 0;
+}
+
+int kiv_config_get_bool(const char *key, uint8_t *value) {
+    gFake.storeCalls.push_back(std::string("get_bool ") + key);
+    const auto it = gFake.store.find(key);
+    if (it == gFake.store.end())
+        return 0;
+    *value = it->second != 0;
+    return 1;
+}
+
+int kiv_config_get_int(const char *key, int *value) {
+    gFake.storeCalls.push_back(std::string("get_int ") + key);
+    const auto it = gFake.store.find(key);
+    if (it == gFake.store.end())
+        return 0;
+    *value = static_cast<int>(it->second);
+    return 1;
+}
+
+static int fakeSet(const char *what, const char *key, int64_t value) {
+    gFake.storeCalls.push_back(std::string(what) + " " + key + "=" + std::to_string(value));
+    if (gFake.failingSets.count(key) != 0)
+        return 0;
+    gFake.store[key] = value;
+    return 1;
+}
+
+int kiv_config_set_bool(const char *key, uint8_t value, int) {
+    return fakeSet("set_bool", key, value);
+}
+int kiv_config_set_int(const char *key, int value, int) {
+    return fakeSet("set_int", key, value);
+}
+int kiv_config_set_int64(const char *key, int64_t value, int) {
+    return fakeSet("set_int64", key, value);
+}
+
+int kiv_config_clear(const char *key) {
+    gFake.storeCalls.push_back(std::string("clear ") + key);
+    gFake.store.erase(key);
+    return 1;
+}
+
+} // extern "C"

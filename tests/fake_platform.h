@@ -1,0 +1,59 @@
+// Scripted fake of the platform interfaces for unit tests: IPMI exchanges are
+// checked byte for byte against a script and answered from it; the
+// configuration store is a map whose every call is recorded in order.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace zelo::test {
+
+using Bytes = std::vector<uint8_t>;
+
+struct IpmiStep {
+    uint8_t netFn;
+    uint8_t cmd;
+    Bytes request;  // expected request bytes
+    Bytes response; // canned answer, completion code first
+    int rc = 0;     // transport result; non-zero means no answer
+};
+
+struct FakePlatform {
+    std::vector<IpmiStep> script;
+    std::size_t next = 0;
+    uint32_t lastCapacity = 0;
+
+    std::map<std::string, int64_t> store;
+    std::vector<std::string> storeCalls; // "get_bool k", "set_int k=5", "clear k"
+    std::set<std::string> failingSets;   // keys whose setters fail
+
+    long uptime = 100;
+    bool sysinfoFails = false;
+
+    void expect(IpmiStep step) { script.push_back(std::move(step)); }
+    std::size_t pending() const { return script.size() - next; }
+};
+
+FakePlatform &fake();
+
+// Resets the fake, the library's support cache and the uptime seam, gives the
+// test its own ZELO_ROOT, and checks at the end that the script ran out.
+class PlatformTest : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    std::string root;
+};
+
+// The element-method request head for the build's enterprise id.
+Bytes head(uint8_t handle, uint8_t element, uint8_t method);
+Bytes concat(Bytes a, const Bytes &b);
+// A successful response: completion code 0, id echo, data.
+Bytes okResponse(const Bytes &data);
+
+} // namespace zelo::test

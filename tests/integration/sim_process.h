@@ -1,0 +1,47 @@
+// Runs the real zelo-fwsim program for a test, and other programs of the
+// build, under the cross build's emulator when there is one.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace zelo::test {
+
+// A temporary ZELO_ROOT for one test, removed afterwards.
+class TempRoot {
+  public:
+    TempRoot();
+    ~TempRoot();
+    TempRoot(const TempRoot &) = delete;
+    TempRoot &operator=(const TempRoot &) = delete;
+    const std::string &path() const { return path_; }
+
+  private:
+    std::string path_;
+};
+
+class SimProcess {
+  public:
+    // Writes the scenario into root/scenario.scn and starts the simulator on
+    // the default socket under root; returns once it listens.
+    SimProcess(const std::string &root, const std::string &scenario);
+    ~SimProcess();
+    SimProcess(const SimProcess &) = delete;
+    SimProcess &operator=(const SimProcess &) = delete;
+    void stop();
+
+  private:
+    pid_t pid_ = -1;
+};
+
+struct RunResult {
+    int status = -1; // exit status, or -1 when it did not exit normally
+    std::string out;
+    std::string err;
+};
+
+// Runs a program of the build with the given arguments and environment additions.
+RunResult runProgram(const std::string &program, const std::vector<std::string> &args);
+
+} // namespace zelo::test

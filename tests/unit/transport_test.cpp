@@ -1,0 +1,135 @@
+// Element-method frames and register transactions, checked on the wire.
+#include "fake_platform.h"
+
+#include <zelo/firmware.h>
+
+#include <cstdlib>
+
+namespace zelo::test {
+namespace {
+
+using TransportTest = PlatformTest;
+
+struct ReadBuilder {
+    uint8_t (*build)(uint8_t, uint8_t **);
+    uint8_t element;
+};
+struct WriteBuilder {
+    uint8_t (*build)(uint8_t, uint8_t, uint8_t, uint8_t **, uint32_t *);
+    uint8_t element;
+};
+
+TEST_F(TransportTest, EveryBuilderWritesTheHeadOfItsElement) {
+    const ReadBuilder reads[] = {
+        {GetReadStatusRegisterRequestBuffer, 0},
+        {GetReadEnergyAccumulatorRegisterRequestBuffer, 1},
+        {GetReadClockAccumulationRegisterRequestBuffer, 4},
+        {GetReadPowerControlRegisterRequestBuffer, 7},
+        {GetReadExhaustHeatIndexRegisterRequestBuffer, 9},
+        {GetReadPowerSupplyRegisterRequestBuffer, 10},
+        {GetReadServerPowerDownRegisterRequestBuffer, 13},
+        {GetReadPowerMaximizerRequestBuffer, 14},
+    };
+    for (const auto &row : reads) {
+        uint8_t *request = nullptr;
+        ASSERT_EQ(row.build(0x42, &request), ZELO_RC_SUCCESS);
+        EXPECT_EQ(Bytes(request, request + 6), head(0x42, row.element, 0x82));
+        std::free(request);
+    }
+    const WriteBuilder writes[] = {
+        {GetWriteStatusControlRegisterRequestBuffer, 0},
+        {GetWritePowerControlRegisterRequestBuffer, 7},
+        {GetWritePowerSupplyRegisterRequestBuffer, 10},
+    };
+    for (const auto &row : writes) {
+        uint8_t *request = nullptr;
+        uint32_t length = 0;
+        ASSERT_EQ(row.build(0x42, 3, 2, &request, &length), ZELO_RC_SUCCESS);
+        EXPECT_EQ(length, 10u);
+        EXPECT_EQ(Bytes(request, request + 8), concat(head(0x42, row.element, 0x83), {3, 2}));
+        std::free(request);
+    }
+}
+
+TEST_F(TransportTest, BuildersRefuseMissingOutputsAndImpossibleLengths) {
+    uint8_t *request = reinterpret_cast<uint8_t *>(1);
+    EXPECT_EQ(GetInvokeElementMethodRequestBuffer(1, 0, 0x80, 5, &request),
+              ZELO_RC_INVALID_PARAMETER);
+    EXPECT_EQ(request, nullptr);
+    EXPECT_EQ(GetReadRegisterRequestBuffer(1, 0, nullptr), ZELO_RC_INVALID_PARAMETER);
+    EXPECT_EQ(GetWriteRegisterRequestBuffer(1, 0, 0, 1, &request, nullptr),
+              ZELO_RC_INVALID_PARAMETER);
+}
+
+TEST_F(TransportTest, ReadSendsEightBytesAndOffersDataPlusFour) {
+    fake().expect({0x2E, 0x81, concat(head(5, 7, 0x82), {0, 2}), okResponse({0x01, 0xF4})});
+    uint8_t *request = nullptr;
+    uint8_t *response = nullptr;
+    ASSERT_EQ(GetReadPowerControlRegisterRequestBuffer(5, &request), 0);
+    EXPECT_EQ(ReadRegister(request, 0, 2, &response), ZELO_RC_SUCCESS);
+    EXPECT_EQ(fake().lastCapacity, 6u);
+    EXPECT_EQ(MSBMultiBytesToValue(4, response, 2), 500u);
+    CleanReadBuffer(request, response);
+}
+
+TEST_F(TransportTest, ReadPassesCompletionCodeThroughAndZeroFillsShortAnswers) {
+    fake().expect({0x2E, 0x81, concat(head(5, 1, 0x82), {1, 8}), {0xC1}});
+    fake().expect({0x2E, 0x81, concat(head(5, 1, 0x82), {1, 8}), okResponse({0xAA, 0xBB})});
+    uint8_t *request = nullptr;
+    uint8_t *response = nullptr;
+    ASSERT_EQ(GetReadEnergyAccumulatorRegisterRequestBuffer(5, &request), 0);
+    EXPECT_EQ(ReadRegister(request, 1, 8, &response), 193);
+    EXPECT_NE(response, nullptr) << "the response area belongs to the caller also on failure";
+    CleanReadBuffer(nullptr, response);
+
+    EXPECT_EQ(ReadRegister(request, 1, 8, &response), ZELO_RC_SUCCESS);
+    EXPECT_EQ(MSBMultiBytesToValue(4, response, 8), 0xAABB000000000000u);
+    CleanReadBuffer(request, response);
+}
+
+TEST_F(TransportTest, TransportFailureIs255WithItsMessage) {
+    fake().expect({0x2E, 0x81, concat(head(5, 0, 0x82), {0, 1}), {}, -110});
+    uint8_t *request = nullptr;
+    uint8_t *response = nullptr;
+    ASSERT_EQ(GetReadStatusRegisterRequestBuffer(5, &request), 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ReadRegister(request, 0, 1, &response), ZELO_RC_FAILURE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ReadRegister] Failed to call IPMI_DoIPMICmd(NETFN_DUV, "
+              "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is -110.\n");
+    CleanReadBuffer(request, response);
+}
+
+TEST_F(TransportTest, WriteSendsValueMostSignificantFirst) {
+    fake().expect({0x2E, 0x81, concat(head(5, 7, 0x83), {0, 2, 0x01, 0x2C}), okResponse({})});
+    fake().expect({0x2E, 0x81, concat(head(5, 7, 0x83), {0, 2, 0x01, 0x2C}), {0xC9}});
+    fake().expect({0x2E, 0x81, concat(head(5, 7, 0x83), {0, 2, 0x01, 0x2C}), {}, -1});
+    uint8_t *request = nullptr;
+    uint32_t length = 0;
+    ASSERT_EQ(GetWritePowerControlRegisterRequestBuffer(5, 0, 2, &request, &length), 0);
+    request[8] = 300 >> 8;
+    request[9] = 300 & 0xFF;
+    EXPECT_EQ(WriteRegister(request, length), ZELO_RC_SUCCESS);
+    EXPECT_EQ(fake().lastCapacity, 4u);
+    EXPECT_EQ(WriteRegister(request, length), 0xC9);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(WriteRegister(request, length), ZELO_RC_FAILURE);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("[WriteRegister] Failed to call"),
+              std::string::npos);
+    std::free(request);
+}
+
+TEST(MSBMultiBytesToValue, ReadsBigEndianFieldsOfAnyWidth) {
+    const uint8_t buffer[] = {0, 0, 0, 0, 0x01, 0x2C, 0x00, 0x00, 0x01, 0xF4};
+    EXPECT_EQ(MSBMultiBytesToValue(4, buffer, 2), 300u);
+    EXPECT_EQ(MSBMultiBytesToValue(6, buffer, 4), 500u);
+    EXPECT_EQ(MSBMultiBytesToValue(4, buffer, 0), 0u);
+    EXPECT_EQ(MSBMultiBytesToValue(4, buffer, 1), 1u);
+    const uint8_t ones[8] = {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFE};
+    EXPECT_EQ(MSBMultiBytesToValue(0, ones, 8), 0xFFFFFFFFFFFFFFFEu);
+    EXPECT_EQ(MSBMultiBytesToValue(0, nullptr, 2), 0u);
+    CleanReadBuffer(nullptr, nullptr); // must do nothing
+}
+
+} // namespace
+} // namespace zelo::test
