@@ -40,8 +40,8 @@ uint32_t GetCurrentLogSize(void) {
     if (!currentLogPath(path, sizeof path) || stat(path, &st) != 0)
         return 0;
     // A trace file never approaches 4 GiB; saturate rather than wrap if one does.
-    return st.st_size > static_cast<off_t>(UINT32_MAX) ? UINT32_MAX
-                                                       : static_cast<uint32_t>(st.st_size);
+    const auto size = static_cast<uint64_t>(st.st_size < 0 ? 0 : st.st_size);
+    return size > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(size);
 }
 
 FILE *OpenCurrentLog(int s32Truncate) {

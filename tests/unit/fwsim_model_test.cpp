@@ -321,7 +321,8 @@ TEST_F(FwsimServer, DropsOversizedAndStalledClients) {
     ASSERT_TRUE(server.listen(path_, error)) << error;
 
     int fd = connectClient();
-    send(fd, {NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, 0x01, 0x10}); // 4097 bytes
+    // Announces 4097 bytes and sends them all: refused without an answer.
+    send(fd, cat({NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, 0x01, 0x10}, Bytes(4097, 0)));
     EXPECT_TRUE(server.serveOnce(1000));
     EXPECT_EQ(readAll(fd), Bytes{});
     ::close(fd);
