@@ -108,6 +108,8 @@ void SimProcess::stop() {
     int status = 0;
     ::waitpid(pid_, &status, 0);
     pid_ = -1;
+    // A sanitizer report or a crash in the simulator fails the test too.
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "zelo-fwsim status " << status;
 }
 
 RunResult runProgram(const std::string &program, const std::vector<std::string> &args) {
