@@ -2,13 +2,14 @@
 // that keeps the frequent "is the firmware there?" question off the IPMI bus.
 #include "discovery_internal.h"
 
+#include "report.h"
+
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <syslog.h>
 
 namespace zelo::firmware {
 
@@ -41,11 +42,7 @@ long uptimeSeconds() {
     struct sysinfo info;
     std::memset(&info, 0, sizeof info);
     if (gSysinfo(&info) != 0) {
-        char message[256];
-        std::snprintf(message, sizeof message, "Failed to call sysinfo(), errno:%s.\n",
-                      std::strerror(errno));
-        std::fputs(message, stdout);
-        syslog(LOG_USER | LOG_ERR, "%s", message);
+        report(kReportedError, "Failed to call sysinfo(), errno:%s.\n", std::strerror(errno));
         return 0;
     }
     return info.uptime;

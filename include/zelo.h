@@ -4,7 +4,10 @@
 #define ZELO_H
 
 #include <zelo/common.h>
+#include <zelo/expansion.h>
 #include <zelo/firmware.h>
+#include <zelo/powersupply.h>
+#include <zelo/registers.h>
 #include <zelo/tracelog.h>
 
 #endif

@@ -3,6 +3,8 @@
 #include <zelo/firmware.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <optional>
 
 namespace zelo::sim {
 
@@ -24,6 +26,15 @@ constexpr std::size_t kMethod = 5;
 constexpr std::size_t kRegisterId = ZELO_REQUEST_HEAD_LEN;
 constexpr std::size_t kDataLen = ZELO_REQUEST_HEAD_LEN + 1;
 constexpr std::size_t kRegisterRequestLen = ZELO_REQUEST_HEAD_LEN + 2;
+constexpr std::size_t kConfigurationRequestLen = ZELO_REQUEST_HEAD_LEN;
+constexpr std::size_t kBufferId = ZELO_REQUEST_HEAD_LEN;
+constexpr std::size_t kEntryIndex = ZELO_REQUEST_HEAD_LEN + 1;
+constexpr std::size_t kBytesWanted = ZELO_REQUEST_HEAD_LEN + 2;
+constexpr std::size_t kIndexedBufferRequestLen = ZELO_REQUEST_HEAD_LEN + 3;
+
+constexpr std::uint8_t kConfigurationLen = 5;
+constexpr std::uint8_t kPsuTypeBuffer = 0;
+constexpr std::uint8_t kRedundancyBuffer = 1;
 
 // Completion code and, when the request has one, its id echoed back.
 std::vector<std::uint8_t> reply(std::uint8_t cc, std::span<const std::uint8_t> request) {
@@ -37,6 +48,73 @@ std::vector<std::uint8_t> reply(std::uint8_t cc, std::span<const std::uint8_t> r
 
 bool idMatches(std::span<const std::uint8_t> request) {
     return std::equal(kId, kId + kIdLen, request.begin());
+}
+
+void putU16(std::vector<std::uint8_t> &out, std::uint16_t v) {
+    out.push_back(static_cast<std::uint8_t>(v >> 8));
+    out.push_back(static_cast<std::uint8_t>(v));
+}
+
+std::vector<std::uint8_t> powerSupplyConfiguration(const PowerSupplyTables &t,
+                                                   std::span<const std::uint8_t> request) {
+    if (request.size() != kConfigurationRequestLen)
+        return reply(kCcBadLength, request);
+    std::vector<std::uint8_t> out = reply(kCcOk, request);
+    // The scenario parser keeps both tables within a byte's count.
+    out.insert(out.end(),
+               {kConfigurationLen, t.configByte0, static_cast<std::uint8_t>(t.types.size()),
+                static_cast<std::uint8_t>(t.configs.size()), t.factor1, t.factor2});
+    return out;
+}
+
+// One entry of a power-supply buffer, with the length the firmware reports.
+struct Entry {
+    std::uint8_t reportedLen = 0;
+    std::vector<std::uint8_t> bytes;
+};
+
+std::optional<Entry> powerSupplyEntry(const PowerSupplyTables &t, std::uint8_t buffer,
+                                      std::uint8_t index) {
+    Entry e;
+    if (buffer == kPsuTypeBuffer && index < t.types.size()) {
+        const PsuType &type = t.types[index];
+        e.bytes = {type.bytes[0], type.bytes[1]};
+        putU16(e.bytes, type.watts);
+    } else if (buffer == kRedundancyBuffer && index < t.configs.size()) {
+        const RedundancyConfig &c = t.configs[index];
+        e.bytes.push_back(c.byte0);
+        putU16(e.bytes, c.properties);
+        e.bytes.push_back(c.n);
+        e.bytes.push_back(c.m);
+        for (const std::uint16_t w : c.words)
+            putU16(e.bytes, w);
+        e.bytes.insert(e.bytes.end(), c.typeList.begin(), c.typeList.end());
+        if (c.entryLength) {
+            e.reportedLen = *c.entryLength;
+            return e;
+        }
+    } else {
+        return std::nullopt;
+    }
+    e.reportedLen = static_cast<std::uint8_t>(e.bytes.size());
+    return e;
+}
+
+std::vector<std::uint8_t> powerSupplyBuffer(const PowerSupplyTables &t,
+                                            std::span<const std::uint8_t> request) {
+    if (request.size() != kIndexedBufferRequestLen)
+        return reply(kCcBadLength, request);
+    const std::uint8_t buffer = request[kBufferId];
+    const std::uint8_t index = request[kEntryIndex];
+    const auto entry = powerSupplyEntry(t, buffer, index);
+    if (!entry)
+        return reply(kCcInvalidField, request);
+    std::vector<std::uint8_t> out = reply(kCcOk, request);
+    out.insert(out.end(), {buffer, index, entry->reportedLen});
+    const std::size_t n = std::min<std::size_t>(entry->bytes.size(), request[kBytesWanted]);
+    out.insert(out.end(), entry->bytes.begin(),
+               entry->bytes.begin() + static_cast<std::ptrdiff_t>(n));
+    return out;
 }
 
 } // namespace
@@ -99,8 +177,10 @@ Firmware::Bytes Firmware::invokeMethod(std::span<const std::uint8_t> request) {
         return readRegister(inst, request);
     case ZELO_METHOD_WRITE_REGISTER:
         return writeRegister(inst, request);
-    // Configuration and buffer reads come with snapshot buffers and the
-    // power-supply tables; each is one more case and handler.
+    case ZELO_METHOD_READ_CONFIGURATION:
+        return readConfiguration(inst, request);
+    case ZELO_METHOD_READ_INDEXED_BUFFER:
+        return readIndexedBuffer(inst, request);
     default:
         return reply(kCcInvalidField, request);
     }
@@ -140,6 +220,28 @@ Firmware::Bytes Firmware::writeRegister(InstanceSetup &inst,
         return reply(kCcInvalidField, request);
     inst.registers[*row] = value;
     return reply(kCcOk, request);
+}
+
+// Which elements have a configuration or indexed buffers, and their layout,
+// differs per element: one case each.
+Firmware::Bytes Firmware::readConfiguration(const InstanceSetup &inst,
+                                            std::span<const std::uint8_t> request) {
+    switch (request[kElement]) {
+    case kPowerSupplyElement:
+        return powerSupplyConfiguration(inst.psu, request);
+    default:
+        return reply(kCcInvalidField, request);
+    }
+}
+
+Firmware::Bytes Firmware::readIndexedBuffer(const InstanceSetup &inst,
+                                            std::span<const std::uint8_t> request) {
+    switch (request[kElement]) {
+    case kPowerSupplyElement:
+        return powerSupplyBuffer(inst.psu, request);
+    default:
+        return reply(kCcInvalidField, request);
+    }
 }
 
 const Fault *Firmware::findFault(bool discovery, int instance, std::uint8_t element,

@@ -13,6 +13,16 @@
 // high bytes are dropped when n is below the register's width, zeros are
 // prepended when above. Writes take n bytes the same way and are refused when
 // the number does not fit the register.
+//
+// Element 10 (power supplies) also has its tables:
+//   0x80 read configuration, no parameters: [5, first configuration byte,
+//        PSU types, redundancy configurations, factor1, factor2]
+//   0x87 read indexed buffer, parameters [buffer, index, bytes wanted]:
+//        [buffer, index, entry length, entry bytes...], the entry cut to the
+//        bytes wanted. Buffer 0 holds PSU types [b0, b1, watts (2)], buffer 1
+//        redundancy configurations [byte0, properties (2), N, M, three u16
+//        words, PSU-type list]. Unknown buffer or index: 0xCC.
+// Numbers are big-endian. Other elements answer 0xCC to both methods.
 #pragma once
 
 #include "scenario.h"
@@ -47,6 +57,8 @@ class Firmware {
     Bytes invokeMethod(std::span<const std::uint8_t> request);
     Bytes readRegister(InstanceSetup &inst, std::span<const std::uint8_t> request);
     Bytes writeRegister(InstanceSetup &inst, std::span<const std::uint8_t> request);
+    Bytes readConfiguration(const InstanceSetup &inst, std::span<const std::uint8_t> request);
+    Bytes readIndexedBuffer(const InstanceSetup &inst, std::span<const std::uint8_t> request);
     const Fault *findFault(bool discovery, int instance, std::uint8_t element,
                            std::uint8_t method) const;
 

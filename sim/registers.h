@@ -18,7 +18,6 @@ struct RegisterDef {
     const char *name;
 };
 
-// Element 10 (power supplies) gets its rows with the power-supply tables.
 inline constexpr std::array kRegisters = {
     // element 0: status and control
     RegisterDef{0, 0, 1, false, 0x01, "power status"},
@@ -50,6 +49,24 @@ inline constexpr std::array kRegisters = {
     // element 9: thermal
     RegisterDef{9, 0, 1, false, 35, "exhaust heat index"},
     RegisterDef{9, 1, 1, false, 24, "inlet temperature"},
+    // element 10: power supplies. The per-supply registers come in four
+    // instances, selected by bits 3-4 of the id; this firmware fills the first.
+    RegisterDef{10, 0, 1, false, 0x01, "max power supplies"},                 // (low nibble) + 1
+    RegisterDef{10, 1, 8, false, 0x0320032000000000, "output label power 0"}, // u16 W each
+    RegisterDef{10, 9, 8, false, 0, "output label power 1"},
+    RegisterDef{10, 17, 8, false, 0, "output label power 2"},
+    RegisterDef{10, 25, 8, false, 0, "output label power 3"},
+    RegisterDef{10, 2, 1, false, 0x03, "supply presence 0"}, // bit i: supply i
+    RegisterDef{10, 10, 1, false, 0, "supply presence 1"},
+    RegisterDef{10, 18, 1, false, 0, "supply presence 2"},
+    RegisterDef{10, 26, 1, false, 0, "supply presence 3"},
+    // High byte: supplies reporting; low byte: 2-bit code per supply (220 V).
+    RegisterDef{10, 4, 2, false, 0x0305, "input voltage 0"},
+    RegisterDef{10, 12, 2, false, 0, "input voltage 1"},
+    RegisterDef{10, 20, 2, false, 0, "input voltage 2"},
+    RegisterDef{10, 28, 2, false, 0, "input voltage 3"},
+    RegisterDef{10, 30, 1, true, 0x00, "redundancy target"},
+    RegisterDef{10, 31, 1, true, 0x00, "target redundancy configuration"},
     // element 13: server power-down; standby is byte 2 a u8, bytes 3-4 the watts
     RegisterDef{13, 0, 2, false, 0x0001, "server power-down support"},
     RegisterDef{13, 1, 8, false, 0x000007001E000000, "standby power"},

@@ -47,11 +47,50 @@ std::vector<std::string_view> splitWords(std::string_view line) {
     return words;
 }
 
+// A believable two-supply server: two PSU types, four configurations of
+// which 1+1 on the installed 800 W pair is active.
+PowerSupplyTables builtInPowerSupplies() {
+    PowerSupplyTables t;
+    t.types = {{800, {0x01, 0x00}}, {1100, {0x02, 0x00}}};
+    const std::uint16_t allowedAlways = kPropAllowedPolicySetNoTarget |
+                                        kPropAllowedPolicyClearNoTarget |
+                                        kPropAllowedPolicySetTarget | kPropAllowedPolicyClearTarget;
+    RedundancyConfig c;
+    c.n = 1;
+    c.m = 1;
+    c.typeList = {0, 0};
+    c.properties = kPropValid | allowedAlways | kPropActive;
+    t.configs.push_back(c);
+    // Both supplies share the load: no redundancy, so only without a target.
+    c.n = 2;
+    c.m = 0;
+    c.properties = kPropPowerMode2 | kPropValid | kPropAllowedPolicySetNoTarget |
+                   kPropAllowedPolicyClearNoTarget;
+    t.configs.push_back(c);
+    c.n = 1;
+    c.m = 1;
+    c.typeList = {0, 0, 0, 0};
+    c.properties = kPropValid | kPropAllowedPolicySetNoTarget | kPropAllowedPolicySetTarget;
+    t.configs.push_back(c);
+    c.typeList = {0, 1, 0, 1};
+    c.properties = kPropValid;
+    t.configs.push_back(c);
+    return t;
+}
+
+// Per instance: whether this text already started its own type and
+// configuration lists (the first line replaces the built-in one).
+struct ListsStarted {
+    std::array<bool, kInstanceCount> types{};
+    std::array<bool, kInstanceCount> configs{};
+};
+
 // One line's worth of parsing; every check leaves its message in error.
 class LineParser {
   public:
-    LineParser(const std::vector<std::string_view> &words, Scenario &scenario, std::string &error)
-        : words_(words), sc_(scenario), error_(error) {}
+    LineParser(const std::vector<std::string_view> &words, Scenario &scenario,
+               ListsStarted &started, std::string &error)
+        : words_(words), sc_(scenario), started_(started), error_(error) {}
 
     bool apply() {
         const std::string_view keyword = words_[0];
@@ -65,6 +104,12 @@ class LineParser {
             return fault();
         if (keyword == "delay")
             return delay();
+        if (keyword == "psu-factors")
+            return psuFactors();
+        if (keyword == "psutype")
+            return psuType();
+        if (keyword == "redundancy")
+            return redundancy();
         return fail(
             format("unknown keyword '%.*s'", static_cast<int>(keyword.size()), keyword.data()));
     }
@@ -78,7 +123,11 @@ class LineParser {
     bool usage(const char *text) { return fail(std::string("usage: ") + text); }
 
     bool number(std::size_t index, std::uint64_t max, std::uint64_t &out) {
-        std::string_view word = words_[index];
+        return numberIn(words_[index], max, out);
+    }
+
+    bool numberIn(const std::string_view shownWord, std::uint64_t max, std::uint64_t &out) {
+        std::string_view word = shownWord;
         int base = 10;
         if (word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X')) {
             word.remove_prefix(2);
@@ -86,12 +135,37 @@ class LineParser {
         }
         const char *end = word.data() + word.size();
         const auto [ptr, ec] = std::from_chars(word.data(), end, out, base);
-        const int shown = static_cast<int>(words_[index].size());
+        const int shown = static_cast<int>(shownWord.size());
         if (ec == std::errc::result_out_of_range || (ec == std::errc() && ptr == end && out > max))
-            return fail(
-                format("%.*s out of range (0-%" PRIu64 ")", shown, words_[index].data(), max));
+            return fail(format("%.*s out of range (0-%" PRIu64 ")", shown, shownWord.data(), max));
         if (ec != std::errc() || ptr != end || word.empty())
-            return fail(format("bad number '%.*s'", shown, words_[index].data()));
+            return fail(format("bad number '%.*s'", shown, shownWord.data()));
+        return true;
+    }
+
+    bool u16(std::size_t index, std::uint16_t &out) {
+        std::uint64_t v = 0;
+        if (!number(index, 0xFFFF, v))
+            return false;
+        out = static_cast<std::uint16_t>(v);
+        return true;
+    }
+
+    // Next index of a dense table; the first line of this text for the
+    // instance replaces the built-in entries.
+    template <typename T>
+    bool tableIndex(std::vector<T> &table, bool &started, const char *what, std::size_t &out) {
+        std::uint64_t index = 0;
+        if (!number(2, kMaxTableEntries - 1, index))
+            return false;
+        const std::size_t next = started ? table.size() : 0;
+        if (index != next)
+            return fail(
+                format("%s index %" PRIu64 " out of order; next is %zu", what, index, next));
+        if (!started)
+            table.clear();
+        started = true;
+        out = next;
         return true;
     }
 
@@ -217,8 +291,116 @@ class LineParser {
         return true;
     }
 
+    bool psuFactors() {
+        const bool withByte0 = words_.size() == 6 && words_[4] == "byte0";
+        if (words_.size() != 4 && !withByte0)
+            return usage("psu-factors <instance> <f1> <f2> [byte0 <v>]");
+        unsigned n = 0;
+        if (!instanceNumber(1, n))
+            return false;
+        PowerSupplyTables &t = sc_.instances[n].psu;
+        if (!byte(2, t.factor1) || !byte(3, t.factor2))
+            return false;
+        return !withByte0 || byte(5, t.configByte0);
+    }
+
+    bool psuType() {
+        const bool withBytes = words_.size() == 7 && words_[4] == "bytes";
+        if (words_.size() != 4 && !withBytes)
+            return usage("psutype <instance> <index> <watts> [bytes <b0> <b1>]");
+        unsigned n = 0;
+        PsuType type;
+        if (!instanceNumber(1, n) || !u16(3, type.watts))
+            return false;
+        if (withBytes && (!byte(5, type.bytes[0]) || !byte(6, type.bytes[1])))
+            return false;
+        PowerSupplyTables &t = sc_.instances[n].psu;
+        std::size_t index = 0;
+        if (!tableIndex(t.types, started_.types[n], "psutype", index))
+            return false;
+        t.types.push_back(type);
+        return true;
+    }
+
+    bool redundancy() {
+        static constexpr const char *kUsage =
+            "redundancy <instance> <index> <N>+<M> props <p> list <i>,<i>...|none "
+            "[byte0 <v>] [words <w1> <w2> <w3>] [entrylen <v>]";
+        if (words_.size() < 8 || words_[4] != "props" || words_[6] != "list")
+            return usage(kUsage);
+        unsigned n = 0;
+        RedundancyConfig c;
+        if (!instanceNumber(1, n) || !redundancyShape(words_[3], c) || !u16(5, c.properties) ||
+            !typeList(words_[7], c.typeList))
+            return false;
+        for (std::size_t i = 8; i < words_.size();) {
+            const std::string_view option = words_[i];
+            std::size_t values = 1;
+            if (option == "words")
+                values = 3;
+            else if (option != "byte0" && option != "entrylen")
+                return usage(kUsage);
+            if (i + values >= words_.size())
+                return usage(kUsage);
+            if (option == "byte0" && !byte(i + 1, c.byte0))
+                return false;
+            if (option == "words") {
+                for (std::size_t w = 0; w < c.words.size(); ++w) {
+                    if (!u16(i + 1 + w, c.words[w]))
+                        return false;
+                }
+            }
+            if (option == "entrylen") {
+                std::uint8_t length = 0;
+                if (!byte(i + 1, length))
+                    return false;
+                c.entryLength = length;
+            }
+            i += 1 + values;
+        }
+        PowerSupplyTables &t = sc_.instances[n].psu;
+        std::size_t index = 0;
+        if (!tableIndex(t.configs, started_.configs[n], "redundancy", index))
+            return false;
+        t.configs.push_back(std::move(c));
+        return true;
+    }
+
+    bool redundancyShape(std::string_view word, RedundancyConfig &c) {
+        const std::size_t plus = word.find('+');
+        std::uint64_t n = 0;
+        std::uint64_t m = 0;
+        const bool good = plus != std::string_view::npos &&
+                          numberIn(word.substr(0, plus), 0xFF, n) &&
+                          numberIn(word.substr(plus + 1), 0xFF, m);
+        if (!good) // replaces the number's message: the whole word is what is wrong
+            return fail(format("bad N+M '%.*s' (e.g. 2+1, each 0-255)",
+                               static_cast<int>(word.size()), word.data()));
+        c.n = static_cast<std::uint8_t>(n);
+        c.m = static_cast<std::uint8_t>(m);
+        return true;
+    }
+
+    bool typeList(std::string_view word, std::vector<std::uint8_t> &out) {
+        if (word == "none")
+            return true;
+        for (;;) {
+            const std::size_t comma = word.find(',');
+            std::uint64_t index = 0;
+            if (!numberIn(word.substr(0, comma), 0xFF, index))
+                return false;
+            if (out.size() == kMaxTypeListLen)
+                return fail(format("type list longer than %zu entries", kMaxTypeListLen));
+            out.push_back(static_cast<std::uint8_t>(index));
+            if (comma == std::string_view::npos)
+                return true;
+            word.remove_prefix(comma + 1);
+        }
+    }
+
     const std::vector<std::string_view> &words_;
     Scenario &sc_;
+    ListsStarted &started_;
     std::string &error_;
 };
 
@@ -230,6 +412,8 @@ Scenario::Scenario() {
     instances[0].descriptor1 = 0x01;
     instances[0].descriptor2 = 0x02;
 
+    instances[0].psu = builtInPowerSupplies();
+
     // The expansion unit is a larger chassis with its own supplies.
     InstanceSetup &exp = instances[1];
     exp.defined = true;
@@ -238,11 +422,13 @@ Scenario::Scenario() {
     exp.descriptor2 = 0x03;
     exp.registers[*findRegister(7, 9)] = 1600;
     exp.registers[*findRegister(13, 1)] = 0x0000050014000000; // 20 W
+    exp.psu = instances[0].psu;
 }
 
 bool parseScenario(std::string_view text, std::string_view name, Scenario &scenario,
                    std::string &error) {
     Scenario work = scenario;
+    ListsStarted started;
     unsigned lineNo = 0;
     while (!text.empty()) {
         ++lineNo;
@@ -253,7 +439,7 @@ bool parseScenario(std::string_view text, std::string_view name, Scenario &scena
         if (words.empty())
             continue;
         std::string what;
-        if (!LineParser(words, work, what).apply()) {
+        if (!LineParser(words, work, started, what).apply()) {
             error = format("%.*s:%u: ", static_cast<int>(name.size()), name.data(), lineNo) + what;
             return false;
         }

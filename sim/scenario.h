@@ -19,13 +19,41 @@
 //                                       answers cc
 //   delay <ms>                          wait before every answer (0-60000)
 //
+// Power-supply tables of element 10, per instance (both start with the
+// built-in server tables). Indices are given densely from 0, in order; the
+// first psutype (redundancy) line for an instance replaces its built-in list.
+//
+//   psu-factors <n> <f1> <f2> [byte0 <v>]
+//                                       f1 x f2 is the longest type list the
+//                                       configurations carry (built-in 2 2);
+//                                       byte0 is the first configuration byte
+//   psutype <n> <index> <watts> [bytes <b0> <b1>]
+//                                       power-supply type; bytes default 0 0
+//   redundancy <n> <index> <N>+<M> props <p> list <i>,<i>... [byte0 <v>]
+//              [words <w1> <w2> <w3>] [entrylen <v>]
+//                                       redundancy configuration: N supplies
+//                                       carry the load, M spare; p the 16
+//                                       property bits; the list names PSU
+//                                       types (list none: empty). Neither the
+//                                       list length nor its indices are
+//                                       checked against the factors or types,
+//                                       so broken firmware can be staged;
+//                                       entrylen overrides the entry length
+//                                       the firmware reports (else 11 + list)
+//
+// Property bits: 0 power mode 2 (clear: mode 1), 1 valid for the installed
+// supplies, 2-5 allowed with policy bit 0 set / clear and a redundancy target
+// of 0 (bits 2, 3) or non-zero (bits 4, 5), 6 active.
+//
 // Errors name the file and line: "lab.scn:12: unknown register 0/99".
 #pragma once
 
 #include "registers.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -36,12 +64,56 @@ inline constexpr unsigned kInstanceCount = 2;
 inline constexpr int kAnyInstance = -1;
 inline constexpr std::uint32_t kMaxDelayMs = 60000;
 
+inline constexpr std::uint8_t kPowerSupplyElement = 10;
+
+// Redundancy configuration property bits.
+inline constexpr std::uint16_t kPropPowerMode2 = 1U << 0;
+inline constexpr std::uint16_t kPropValid = 1U << 1;
+inline constexpr std::uint16_t kPropAllowedPolicySetNoTarget = 1U << 2;
+inline constexpr std::uint16_t kPropAllowedPolicyClearNoTarget = 1U << 3;
+inline constexpr std::uint16_t kPropAllowedPolicySetTarget = 1U << 4;
+inline constexpr std::uint16_t kPropAllowedPolicyClearTarget = 1U << 5;
+inline constexpr std::uint16_t kPropActive = 1U << 6;
+
+// An entry's length fits a byte: 11 fixed bytes and the type list.
+inline constexpr std::size_t kRedundancyFixedLen = 11;
+inline constexpr std::size_t kMaxTypeListLen = 0xFF - kRedundancyFixedLen;
+// Counts are bytes on the wire.
+inline constexpr std::size_t kMaxTableEntries = 0xFF;
+
+struct PsuType {
+    std::uint16_t watts = 0;
+    std::array<std::uint8_t, 2> bytes{}; // passed through to clients as is
+    bool operator==(const PsuType &) const = default;
+};
+
+struct RedundancyConfig {
+    std::uint8_t byte0 = 0;
+    std::uint16_t properties = 0;
+    std::uint8_t n = 0; // supplies carrying the load
+    std::uint8_t m = 0; // spares
+    std::array<std::uint16_t, 3> words{};
+    std::vector<std::uint8_t> typeList;      // indices into the PSU types
+    std::optional<std::uint8_t> entryLength; // set: the firmware misreports it
+    bool operator==(const RedundancyConfig &) const = default;
+};
+
+struct PowerSupplyTables {
+    std::uint8_t configByte0 = 0;
+    std::uint8_t factor1 = 2;
+    std::uint8_t factor2 = 2;
+    std::vector<PsuType> types;
+    std::vector<RedundancyConfig> configs;
+    bool operator==(const PowerSupplyTables &) const = default;
+};
+
 struct InstanceSetup {
     bool defined = false;
     std::uint8_t handle = 0;
     std::uint8_t descriptor1 = 0;
     std::uint8_t descriptor2 = 0;
     RegisterValues registers = initialRegisterValues();
+    PowerSupplyTables psu;
 };
 
 struct Fault {

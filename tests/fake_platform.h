@@ -53,6 +53,8 @@ class PlatformTest : public ::testing::Test {
 // The element-method request head for the build's enterprise id.
 Bytes head(uint8_t handle, uint8_t element, uint8_t method);
 Bytes concat(Bytes a, const Bytes &b);
+// The discovery request for an instance.
+Bytes discoveryRequest(uint8_t instance);
 // A successful response: completion code 0, id echo, data.
 Bytes okResponse(const Bytes &data);
 

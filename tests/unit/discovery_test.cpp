@@ -9,14 +9,6 @@ namespace {
 using DiscoveryTest = PlatformTest;
 using Strings = std::vector<std::string>;
 
-Bytes discoveryRequest(uint8_t instance) {
-    return {ZELO_IANA_ID & 0xFF,
-            (ZELO_IANA_ID >> 8) & 0xFF,
-            (ZELO_IANA_ID >> 16) & 0xFF,
-            instance,
-            0,
-            1};
-}
 // Answer with the descriptor bytes 0x11 0x22 and the given handle.
 Bytes discoveryAnswer(uint8_t handle) {
     return okResponse({0, 0x11, 0x22, handle, 0, 0});

@@ -51,6 +51,16 @@ Bytes writeReg(std::uint8_t handle, std::uint8_t element, std::uint8_t reg, cons
     return cat({kId0, kId1, kId2, handle, element, ZELO_METHOD_WRITE_REGISTER, reg, n}, value);
 }
 
+Bytes readConfig(std::uint8_t handle, std::uint8_t element = kPowerSupplyElement) {
+    return {kId0, kId1, kId2, handle, element, ZELO_METHOD_READ_CONFIGURATION};
+}
+
+Bytes readEntry(std::uint8_t handle, std::uint8_t buffer, std::uint8_t index,
+                std::uint8_t wanted = 0xFF, std::uint8_t element = kPowerSupplyElement) {
+    return {kId0,   kId1,  kId2,  handle, element, ZELO_METHOD_READ_INDEXED_BUFFER,
+            buffer, index, wanted};
+}
+
 Bytes find(Firmware &fw, const Bytes &req) {
     return fw.handle(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE, req);
 }
@@ -119,7 +129,8 @@ TEST(FwsimRegisters, ReadsBigEndianAndAdjustsToRequestedLength) {
 TEST(FwsimRegisters, RejectsUnknownTargetsAndBadLengths) {
     Firmware fw{Scenario{}};
     EXPECT_EQ(invoke(fw, readReg(kHandle0, 7, 99, 2)), failed(0xCC));
-    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 0, 1)), failed(0xCC));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 11, 0, 1)), failed(0xCC));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 3, 1)), failed(0xCC));
     EXPECT_EQ(invoke(fw, readReg(kHandle0, 7, 0, 0)), failed(0xCC));
     EXPECT_EQ(invoke(fw, readReg(42, 7, 0, 2)), failed(0xCC));
     Bytes longer = readReg(kHandle0, 7, 0, 2);
@@ -157,6 +168,123 @@ TEST(FwsimRegisters, RefusesBadWrites) {
     Bytes longWrite = writeReg(kHandle0, 7, 0, {0x01, 0x90});
     longWrite.push_back(0);
     EXPECT_EQ(invoke(fw, longWrite), failed(0xC7));
+}
+
+TEST(FwsimPowerSupplies, PerSupplyRegistersHaveFourInstances) {
+    Firmware fw{parsed("reg 0 10 9 0x0640000000000000\n"
+                       "reg 0 10 10 0x01\n"
+                       "reg 0 10 12 0x0102\n")};
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 1, 8)), ok({0x03, 0x20, 0x03, 0x20, 0, 0, 0, 0}));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 9, 8)), ok({0x06, 0x40, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 2, 1)), ok({0x03}));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 10, 1)), ok({0x01}));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 4, 2)), ok({0x03, 0x05}));
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 12, 2)), ok({0x01, 0x02}));
+    EXPECT_EQ(invoke(fw, readReg(kHandle1, 10, 9, 8)), ok(Bytes(8, 0)));
+    // Only the redundancy target and configuration take writes.
+    EXPECT_EQ(invoke(fw, writeReg(kHandle0, 10, 30, {1})), ok());
+    EXPECT_EQ(invoke(fw, writeReg(kHandle0, 10, 31, {3})), ok());
+    EXPECT_EQ(invoke(fw, readReg(kHandle0, 10, 31, 1)), ok({3}));
+    EXPECT_EQ(invoke(fw, writeReg(kHandle0, 10, 2, {0x0F})), failed(0xCC));
+}
+
+TEST(FwsimPowerSupplies, ConfigurationCountsTheTablesOfEachInstance) {
+    Firmware builtIn{Scenario{}};
+    EXPECT_EQ(invoke(builtIn, readConfig(kHandle0)), ok({5, 0, 2, 4, 2, 2}));
+
+    Firmware fw{parsed("psu-factors 0 3 4 byte0 0x80\n"
+                       "psutype 0 0 800\npsutype 0 1 1100\npsutype 0 2 1600\n"
+                       "redundancy 0 0 1+1 props 0x7E list 0,0\n")};
+    EXPECT_EQ(invoke(fw, readConfig(kHandle0)), ok({5, 0x80, 3, 1, 3, 4}));
+    EXPECT_EQ(invoke(fw, readConfig(kHandle1)), ok({5, 0, 2, 4, 2, 2}));
+}
+
+TEST(FwsimPowerSupplies, EntriesCarryTheirFieldsBigEndian) {
+    Firmware fw{parsed("psutype 0 0 800 bytes 0x01 0x00\n"
+                       "psutype 0 1 1600 bytes 0x03 0x7F\n"
+                       "redundancy 0 0 2+1 props 0x017E list 1,0 byte0 0x81 "
+                       "words 0x0102 0x0304 0xA0B0\n"
+                       "redundancy 0 1 1+1 props 0x0002 list 0,1,0,1\n"
+                       "redundancy 0 2 1+0 props 0x0001 list none\n")};
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 0, 1)), ok({0, 1, 4, 0x03, 0x7F, 0x06, 0x40}));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 1, 0)),
+              ok({1, 0, 13, 0x81, 0x01, 0x7E, 2, 1, 0x01, 0x02, 0x03, 0x04, 0xA0, 0xB0, 1, 0}));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 1, 1)),
+              ok({1, 1, 15, 0, 0, 0x02, 1, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 1}));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 1, 2)),
+              ok({1, 2, 11, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0}));
+    // The expansion unit keeps the built-in tables: 1100 W, then 1+1 active.
+    EXPECT_EQ(invoke(fw, readEntry(kHandle1, 0, 1)), ok({0, 1, 4, 0x02, 0x00, 0x04, 0x4C}));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle1, 1, 0)),
+              ok({1, 0, 13, 0, 0, 0x7E, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST(FwsimPowerSupplies, EntriesAreCutToTheBytesWanted) {
+    Firmware fw{parsed("redundancy 0 0 1+1 props 0x0002 list 0,1,0,1\n"
+                       "redundancy 0 1 1+1 props 0x0002 list 0,1 entrylen 10\n")};
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 0, 1, 2)), ok({0, 1, 4, 0x02, 0x00}));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 0, 1, 0)), ok({0, 1, 4}));
+    // The length byte still tells the whole entry.
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 1, 0, 12)),
+              ok({1, 0, 15, 0, 0, 0x02, 1, 1, 0, 0, 0, 0, 0, 0, 0}));
+    // A lying firmware reports 10 but sends what it has.
+    const Bytes lying = invoke(fw, readEntry(kHandle0, 1, 1));
+    ASSERT_EQ(lying.size(), 4u + 3 + 13);
+    EXPECT_EQ(lying[6], 10);
+}
+
+TEST(FwsimPowerSupplies, RejectsUnknownEntriesElementsAndLengths) {
+    Firmware fw{Scenario{}};
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 0, 2)), failed(0xCC));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 1, 4)), failed(0xCC));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 2, 0)), failed(0xCC));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 0, 0, 0xFF, 7)), failed(0xCC));
+    EXPECT_EQ(invoke(fw, readConfig(kHandle0, 7)), failed(0xCC));
+
+    Bytes config = readConfig(kHandle0);
+    config.push_back(0);
+    EXPECT_EQ(invoke(fw, config), failed(0xC7));
+    Bytes entry = readEntry(kHandle0, 0, 0);
+    entry.push_back(0);
+    EXPECT_EQ(invoke(fw, entry), failed(0xC7));
+    entry.resize(entry.size() - 2);
+    EXPECT_EQ(invoke(fw, entry), failed(0xC7));
+}
+
+TEST(FwsimPowerSupplies, ForcedCodesHitTheTableMethods) {
+    Firmware fw{parsed("fault 0 10 0x80 0xD5\nfault 1 10 0x87 0xC0\n")};
+    EXPECT_EQ(invoke(fw, readConfig(kHandle0)), failed(0xD5));
+    EXPECT_EQ(invoke(fw, readEntry(kHandle0, 0, 0))[0], 0);
+    EXPECT_EQ(invoke(fw, readConfig(kHandle1))[0], 0);
+    EXPECT_EQ(invoke(fw, readEntry(kHandle1, 0, 0)), failed(0xC0));
+}
+
+TEST(FwsimPowerSupplies, ScenarioListsReplaceTheBuiltInOnesPerText) {
+    Scenario s = parsed("psutype 0 0 1600\nredundancy 1 0 1+1 props 2 list 0,0\n");
+    EXPECT_EQ(s.instances[0].psu.types, (std::vector<PsuType>{{1600, {0, 0}}}));
+    EXPECT_EQ(s.instances[0].psu.configs, Scenario{}.instances[0].psu.configs);
+    EXPECT_EQ(s.instances[1].psu.configs.size(), 1u);
+    EXPECT_EQ(s.instances[1].psu.types.size(), 2u);
+
+    // A second text starts over as well: last file wins, as with registers.
+    std::string error;
+    ASSERT_TRUE(parseScenario("psutype 0 0 900\n", "u.scn", s, error)) << error;
+    EXPECT_EQ(s.instances[0].psu.types, (std::vector<PsuType>{{900, {0, 0}}}));
+
+    // Lists a client must refuse are still staged: odd length, unknown type.
+    s = parsed("redundancy 0 0 1+1 props 2 list 0,9,0\n");
+    EXPECT_EQ(s.instances[0].psu.configs[0].typeList, (std::vector<std::uint8_t>{0, 9, 0}));
+
+    std::string longest = "redundancy 0 0 1+1 props 2 list 0";
+    for (std::size_t i = 1; i < kMaxTypeListLen; ++i)
+        longest += ",1";
+    Firmware fw{parsed(longest + "\n")};
+    const Bytes rsp = invoke(fw, readEntry(kHandle0, 1, 0));
+    ASSERT_EQ(rsp.size(), 4u + 3 + 255);
+    EXPECT_EQ(rsp[6], 255);
+
+    EXPECT_FALSE(parseScenario(longest + ",1\n", "t.scn", s, error));
+    EXPECT_EQ(error, "t.scn:1: type list longer than 244 entries");
 }
 
 TEST(FwsimRouting, UnknownNetFnCommandOrAbsentFirmwareIsInvalidCommand) {
@@ -218,6 +346,25 @@ TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
         {"fault 0 7 0x82 0", "completion code 0"},
         {"fault discovery 0 1 0xC1", "usage: fault discovery"},
         {"delay 60001", "60001 out of range (0-60000)"},
+        {"psu-factors 0 2", "usage: psu-factors"},
+        {"psu-factors 0 2 256", "256 out of range (0-255)"},
+        {"psutype 0 0 70000", "70000 out of range (0-65535)"},
+        {"psutype 0 255 800", "255 out of range (0-254)"},
+        {"psutype 0 0 800 bytes 1", "usage: psutype"},
+        {"psutype 0 1 800", "psutype index 1 out of order; next is 0"},
+        {"psutype 0 0 800\npsutype 0 2 900", "psutype index 2 out of order; next is 1"},
+        {"psutype 0 0 800\npsutype 0 0 900", "psutype index 0 out of order; next is 1"},
+        {"redundancy 0 1 1+1 props 2 list 0", "redundancy index 1 out of order; next is 0"},
+        {"redundancy 0 0 1-1 props 2 list 0", "bad N+M '1-1'"},
+        {"redundancy 0 0 1+256 props 2 list 0", "bad N+M '1+256'"},
+        {"redundancy 0 0 +1 props 2 list 0", "bad N+M '+1'"},
+        {"redundancy 0 0 1+1 props 0x10000 list 0", "0x10000 out of range (0-65535)"},
+        {"redundancy 0 0 1+1 props 2 list 0,,1", "bad number ''"},
+        {"redundancy 0 0 1+1 props 2 list 0,256", "256 out of range (0-255)"},
+        {"redundancy 0 0 1+1 props 2 list 0 words 1 2", "usage: redundancy"},
+        {"redundancy 0 0 1+1 props 2 list 0 colour 3", "usage: redundancy"},
+        {"redundancy 0 0 1+1 list 0 props 2", "usage: redundancy"},
+        {"redundancy 0 0 1+1 props 2 list 0 entrylen 256", "256 out of range (0-255)"},
     };
     for (const auto &c : cases) {
         const std::string text = std::string("delay 7\n") + c.text;
@@ -228,6 +375,7 @@ TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
         const std::string expected = "t.scn:" + std::to_string(line) + ": " + c.error;
         EXPECT_EQ(error.substr(0, expected.size()), expected);
         EXPECT_EQ(s.delayMs, 0u) << c.text;
+        EXPECT_EQ(s.instances[0].psu, Scenario{}.instances[0].psu) << c.text;
     }
     // Moving instance 1 off its handle frees that handle for instance 0.
     parsed("instance 1 handle 7\ninstance 0 handle 9\n");
@@ -250,6 +398,34 @@ TEST(FwsimScenario, SampleFilesLoad) {
     std::string error;
     EXPECT_FALSE(loadScenarioFile((dir / "missing.scn").string(), s, error));
     EXPECT_NE(error.find("missing.scn: "), std::string::npos) << error;
+}
+
+TEST(FwsimScenario, SampleFilesStageWhatTheySay) {
+    const auto dir = std::filesystem::path(__FILE__).parent_path() / "../../sim/scenarios";
+    const auto load = [&](const char *file) {
+        Scenario s;
+        std::string error;
+        EXPECT_TRUE(loadScenarioFile((dir / file).string(), s, error)) << error;
+        return s;
+    };
+
+    // The default file spells out the built-in firmware.
+    const Scenario fromFile = load("default.scn");
+    const Scenario builtIn;
+    for (unsigned n = 0; n < kInstanceCount; ++n) {
+        EXPECT_EQ(fromFile.instances[n].registers, builtIn.instances[n].registers) << n;
+        EXPECT_EQ(fromFile.instances[n].psu, builtIn.instances[n].psu) << n;
+    }
+
+    const auto configs = load("redundancy.scn").instances[0].psu.configs;
+    ASSERT_FALSE(configs.empty());
+    const auto active = std::count_if(configs.begin(), configs.end(),
+                                      [](const auto &c) { return c.properties & kPropActive; });
+    EXPECT_EQ(active, 1);
+    EXPECT_FALSE(configs[0].properties & kPropActive);
+
+    for (const auto &inst : load("no-redundancy.scn").instances)
+        EXPECT_EQ(inst.registers[*findRegister(0, 14)] & (1U << 9), 0u);
 }
 
 // Socket tests run client and server in one thread: the client's frame waits

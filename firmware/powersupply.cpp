@@ -1,0 +1,333 @@
+// Power supplies and redundancy (element 10): per-supply registers, the
+// element configuration block and the two indexed buffers.
+#include "register_access.h"
+
+#include <zelo/firmware.h>
+#include <zelo/platform.h>
+#include <zelo/powersupply.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace zelo::firmware {
+namespace {
+
+constexpr uint8_t kElement = 10;
+constexpr uint8_t kSupplyIdMask = 0xE7; // bits 3 and 4 pick one of four register instances
+constexpr uint8_t kPsuTypesBuffer = 0;
+constexpr uint8_t kRedundancyConfigsBuffer = 1;
+constexpr uint32_t kIndexedRequestLen = 9;
+constexpr uint32_t kConfigurationResponseLen = 10;
+constexpr uint8_t kConfigurationLen = 5;
+constexpr uint8_t kPsuTypeEntryLen = 4;
+constexpr uint32_t kPsuTypeResponseLen = 11;
+constexpr uint32_t kConfigEntryHeadLen = 11;   // entry bytes before the index list
+constexpr uint32_t kConfigResponseExtra = 7;   // response bytes before the entry
+constexpr uint32_t kIndexListOffset = 18;      // response offset of the index list
+
+// Request, response and what arrived, released together on every path.
+struct Exchange {
+    uint8_t *request = nullptr;
+    uint8_t *response = nullptr;
+    uint32_t received = 0;
+    ~Exchange() { CleanReadBuffer(request, response); }
+};
+
+// Sends the request (requestLen bytes) into a zero-filled response area of
+// `capacity` bytes; returns the transport's own result.
+int send(Exchange &x, uint32_t requestLen, uint32_t capacity) {
+    x.received = capacity;
+    return IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, x.request, requestLen,
+                          x.response, &x.received);
+}
+
+struct SupplyRegister {
+    const char *name;
+    uint8_t base;
+    uint8_t length;
+    const char *unexpectedId;
+};
+
+constexpr SupplyRegister kOutputLabelPower{
+    "ZELO_ReadOutputLabelPowerRegister", 1, 8,
+    "[%s] Unexpected Power Supply Output Label power register ID [%d]\n"};
+constexpr SupplyRegister kPresence{"ZELO_ReadPowerSupplyPresenceRegister", 2, 1,
+                                   "[%s] Unexpected Power Supply Presence register ID [%d]\n"};
+constexpr SupplyRegister kInputVoltage{
+    "ZELO_ReadPowerSupplyInputVoltageRegister", 4, 2,
+    "[%s] Unexpected Power Supply Input Voltage register ID [%d]\n"};
+
+// Checks the id, reads the register and decodes min(count, 4) supplies with
+// decode(data, i). Outputs are written only on success; afterRead sees the
+// result and the data of every read that reached the firmware.
+template <typename T, typename Decode, typename AfterRead>
+uint8_t readPerSupply(const SupplyRegister &reg, uint8_t handle, uint8_t id, uint32_t count,
+                      T *out, Decode decode, AfterRead afterRead) {
+    if ((id & kSupplyIdMask) != reg.base) {
+        report(kReportedWarning, reg.unexpectedId, reg.name, id);
+        return ZELO_RC_FAILURE;
+    }
+    const uint32_t supplies = std::min<uint32_t>(count, ZELO_MAX_POWER_SUPPLIES);
+    if (supplies > 0 && out == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    uint8_t data[8] = {};
+    const uint8_t rc =
+        readData(reg.name, kPowerSupplyPerSupplyElement, handle, id, {data, reg.length});
+    if (rc == ZELO_RC_SUCCESS)
+        for (uint32_t i = 0; i < supplies; ++i)
+            out[i] = decode(data, i);
+    afterRead(rc, data);
+    return rc;
+}
+
+void nothingAfterRead(uint8_t, const uint8_t *) {}
+
+// Input voltage code of a present supply: 110 V, 220 V, -48 V DC, unknown.
+constexpr int32_t kInputVoltages[4] = {110, 220, -48, 0};
+
+uint8_t bit(uint16_t word, unsigned n) { return static_cast<uint8_t>((word >> n) & 1u); }
+
+void decodeConfigEntry(const char *name, const uint8_t *r, RedundancyConfigEntry &e) {
+    e.u8ConfigByte0 = r[7];
+    const auto properties = static_cast<uint16_t>(MSBMultiBytesToValue(8, r, 2));
+    e.u8PowerModeBit = bit(properties, 0);
+    e.u8PowerModeBitClear = e.u8PowerModeBit ^ 1u;
+    e.u8PowerMode = static_cast<uint8_t>(e.u8PowerModeBit + 1);
+    e.u8ValidForPSUs = bit(properties, 1);
+    e.u8AllowedPolicy1Target0 = bit(properties, 2);
+    e.u8AllowedPolicy0Target0 = bit(properties, 3);
+    e.u8AllowedPolicy1Target1 = bit(properties, 4);
+    e.u8AllowedPolicy0Target1 = bit(properties, 5);
+    e.u8Active = bit(properties, 6);
+    e.u8Bit7 = bit(properties, 7);
+    e.u8Bit7Clear = e.u8Bit7 ^ 1u;
+    std::printf("%s : Config properties is 0x%X\n", name, properties);
+    std::printf("%s : Config is valid for PSUs: %d\n", name, e.u8ValidForPSUs);
+    std::printf("%s : Power Mode is %d\n", name, e.u8PowerMode);
+    e.u16ConfigProperties = properties;
+    e.u8RedundancyN = r[10];
+    e.u8RedundancyM = r[11];
+    e.u64ConfigWord1 = MSBMultiBytesToValue(12, r, 2);
+    e.u64ConfigWord2 = MSBMultiBytesToValue(14, r, 2);
+    e.u64ConfigWord3 = MSBMultiBytesToValue(16, r, 2);
+}
+
+void printBufferHead(const char *name, const uint8_t *response) {
+    std::printf("%s : Bufer ID is [%d]\n", name, response[4]);
+    std::printf("%s : Bufer Index is [%d]\n", name, response[5]);
+    std::printf("%s : Bufer Length is [%d]\n", name, response[6]);
+}
+
+} // namespace
+} // namespace zelo::firmware
+
+using namespace zelo;
+using namespace zelo::firmware;
+
+extern "C" {
+
+uint8_t ZELO_ReadMaxNumberOfPowerSuppliesRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value) {
+    if (pu8Value == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    uint8_t data = 0;
+    const uint8_t rc = readData("ZELO_ReadMaxNumberOfPowerSuppliesRegister", kPowerSupplyElement,
+                                u8ModuleHandle, 0, {&data, 1});
+    if (rc == ZELO_RC_SUCCESS)
+        *pu8Value = static_cast<uint8_t>((data & 0x0F) + 1);
+    return rc;
+}
+
+uint8_t ZELO_ReadOutputLabelPowerRegister(uint8_t u8ModuleHandle, uint8_t u8RegisterId,
+                                          uint32_t u32Count, uint32_t *pu32Power) {
+    return readPerSupply(
+        kOutputLabelPower, u8ModuleHandle, u8RegisterId, u32Count, pu32Power,
+        [](const uint8_t *d, uint32_t i) {
+            return static_cast<uint32_t>(MSBMultiBytesToValue(2 * i, d, 2));
+        },
+        nothingAfterRead);
+}
+
+uint8_t ZELO_ReadPowerSupplyPresenceRegister(uint8_t u8ModuleHandle, uint8_t u8RegisterId,
+                                             uint32_t u32Count, uint8_t *pu8Present) {
+    return readPerSupply(
+        kPresence, u8ModuleHandle, u8RegisterId, u32Count, pu8Present,
+        [](const uint8_t *d, uint32_t i) { return static_cast<uint8_t>((d[0] >> i) & 1u); },
+        [](uint8_t rc, const uint8_t *d) {
+            if (rc != ZELO_RC_SUCCESS)
+                report(kReportedError, "[%s] Failed to read Power Supply Presence info",
+                       kPresence.name);
+            else
+                std::printf("[%s] Power Supply Presence info is [%d]\n", kPresence.name, d[0]);
+        });
+}
+
+uint8_t ZELO_ReadPowerSupplyInputVoltageRegister(uint8_t u8ModuleHandle, uint8_t u8RegisterId,
+                                                 uint32_t u32Count, int32_t *ps32Voltage) {
+    return readPerSupply(
+        kInputVoltage, u8ModuleHandle, u8RegisterId, u32Count, ps32Voltage,
+        [](const uint8_t *d, uint32_t i) {
+            if (((d[0] & 0x0F) >> i & 1u) == 0)
+                return int32_t{0};
+            return kInputVoltages[(d[1] >> (2 * i)) & 0x03];
+        },
+        nothingAfterRead);
+}
+
+uint8_t ZELO_ReadPowerSupplyElementConfigurationRegister(uint8_t u8ModuleHandle,
+                                                         uint8_t *pu8Config) {
+    static constexpr const char *kName = "ZELO_ReadPowerSupplyElementConfigurationRegister";
+    if (pu8Config == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    Exchange x;
+    if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kElement,
+                                            ZELO_METHOD_READ_CONFIGURATION, ZELO_REQUEST_HEAD_LEN,
+                                            &x.request) != ZELO_RC_SUCCESS) {
+        report(kReportedError, "[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        return ZELO_RC_NO_MEMORY;
+    }
+    x.response = static_cast<uint8_t *>(std::calloc(kConfigurationResponseLen, 1));
+    if (x.response == nullptr) {
+        report(kReportedError, "[%s] Failed to allocate memory for response buffer.\n", kName);
+        return ZELO_RC_NO_MEMORY;
+    }
+    if (const int rc = send(x, ZELO_REQUEST_HEAD_LEN, kConfigurationResponseLen); rc != 0) {
+        report(kReportedError,
+               "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the result code is %d.\n",
+               kName, rc);
+        return ZELO_RC_FAILURE;
+    }
+    if (x.response[0] != 0) {
+        report(kReportedError,
+               "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the respbuf[0] is %d.\n",
+               kName, x.response[0]);
+        return x.response[0];
+    }
+    report(kReportedDebug, "%s: configuration data length is %d\n", kName, x.response[4]);
+    if (x.response[4] != kConfigurationLen) {
+        report(kReportedError, "[%s] config len [%d] is unexpected.\n", kName, x.response[4]);
+        return ZELO_RC_FAILURE;
+    }
+    std::memcpy(pu8Config, x.response + 6, 4);
+    return ZELO_RC_SUCCESS;
+}
+
+int ZELO_IsPowerSupplyRedundancyExposeInfoSupported(void) {
+    return extendedCapability("ZELO_IsPowerSupplyRedundancyExposeInfoSupported", 0x200,
+                              "[%s]Failed to call ZELO_GetModuleHandle()\n");
+}
+
+uint8_t ZELO_WriteTargetRedundancyConfigurationRegister(uint8_t u8ModuleHandle, uint8_t u8Value) {
+    static constexpr const char *kName = "ZELO_WriteTargetRedundancyConfigurationRegister";
+    if (ZELO_IsPowerSupplyRedundancyExposeInfoSupported() == 0) {
+        report(kLoggedWarning, "[%s] target redundancy cfg register is not supported\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    return writeValue(kName, kPowerSupplyElement, u8ModuleHandle, 31, 1, u8Value);
+}
+
+uint8_t ZELO_ReadSupportedPSUTypesIndexedBuffer(uint8_t u8ModuleHandle, uint8_t u8Index,
+                                                PSUTypeEntry *psEntry) {
+    static constexpr const char *kName = "ZELO_ReadSupportedPSUTypesIndexedBuffer";
+    if (psEntry == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    if (ZELO_IsPowerSupplyRedundancyExposeInfoSupported() == 0) {
+        report(kLoggedWarning, "[%s] target redundancy cfg register is not supported\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    Exchange x;
+    if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kElement,
+                                            ZELO_METHOD_READ_INDEXED_BUFFER, kIndexedRequestLen,
+                                            &x.request) != ZELO_RC_SUCCESS) {
+        std::printf("[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    x.request[6] = kPsuTypesBuffer;
+    x.request[7] = u8Index;
+    x.request[8] = kPsuTypeEntryLen;
+    x.response = static_cast<uint8_t *>(std::calloc(kPsuTypeResponseLen, 1));
+    if (x.response == nullptr) {
+        std::printf("[%s] Failed to allocate memory for response buffer.\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    if (const int rc = send(x, kIndexedRequestLen, kPsuTypeResponseLen); rc != 0) {
+        std::printf("[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
+                    "and the result code is %d.\n",
+                    kName, rc);
+        return ZELO_RC_FAILURE;
+    }
+    if (x.response[0] != 0) {
+        std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
+                    "and the result code is %d.\n",
+                    kName, x.response[0]);
+        return x.response[0];
+    }
+    printBufferHead(kName, x.response);
+    psEntry->u8PSUTypeByte0 = x.response[7];
+    psEntry->u8PSUTypeByte1 = x.response[8];
+    psEntry->u16PSUWattage = static_cast<uint16_t>(MSBMultiBytesToValue(9, x.response, 2));
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle, uint8_t u8Index,
+                                                         RedundancyConfigEntry *psEntry) {
+    static constexpr const char *kName = "ZELO_ReadSupportedRedundancyConfigsIndexedBuffer";
+    if (psEntry == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    uint8_t config[4] = {};
+    if (ZELO_ReadPowerSupplyElementConfigurationRegister(u8ModuleHandle, config) != 0) {
+        report(kReportedError, "[%s] Failed to call get ps element configurations.\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    const uint32_t maxListLen = static_cast<uint32_t>(config[2]) * config[3];
+    const uint32_t entryLen = maxListLen + kConfigEntryHeadLen;
+    const uint32_t capacity = entryLen + kConfigResponseExtra;
+
+    Exchange x;
+    if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kElement,
+                                            ZELO_METHOD_READ_INDEXED_BUFFER, kIndexedRequestLen,
+                                            &x.request) != ZELO_RC_SUCCESS) {
+        report(kReportedError, "[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    x.request[6] = kRedundancyConfigsBuffer;
+    x.request[7] = u8Index;
+    x.request[8] = static_cast<uint8_t>(entryLen & 0xFF);
+    x.response = static_cast<uint8_t *>(std::calloc(capacity, 1));
+    if (x.response == nullptr) {
+        report(kReportedError, "[%s] Failed to allocate memory for response buffer.\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    if (const int rc = send(x, kIndexedRequestLen, capacity); rc != 0) {
+        report(kReportedError, "[%s] Failed to call IPMICmd(0x2E,0x81) and the result code is %d.\n",
+               kName, rc);
+        return ZELO_RC_FAILURE;
+    }
+    if (x.response[0] != 0) {
+        report(kReportedError, "[%s] Failed to call IPMICmd(0x2E,0x81) and the resp[0] is %d.\n",
+               kName, x.response[0]);
+        return x.response[0];
+    }
+    printBufferHead(kName, x.response);
+    decodeConfigEntry(kName, x.response, *psEntry);
+
+    const int listLen = static_cast<int>(x.response[6]) - static_cast<int>(kConfigEntryHeadLen);
+    std::printf("%s : PSU type index buf length is [%d]\n", kName, listLen);
+    uint8_t *list = listLen > 0 ? static_cast<uint8_t *>(std::calloc(listLen, 1)) : nullptr;
+    if (listLen < 0 || (listLen > 0 && list == nullptr)) {
+        std::printf("[%s] Failed to allocate memory for PSU type index buffer.\n", kName);
+        return ZELO_RC_SUCCESS;
+    }
+    // Copy only what arrived and what the configuration block allows; the
+    // rest of a longer announced list stays zero.
+    const uint32_t arrived = x.received > kIndexListOffset ? x.received - kIndexListOffset : 0;
+    const uint32_t copied = std::min({static_cast<uint32_t>(listLen), maxListLen, arrived});
+    if (copied > 0)
+        std::memcpy(list, x.response + kIndexListOffset, copied);
+    psEntry->pu8PSUTypeIndex = list;
+    psEntry->u8PSUTypeIndexLen = static_cast<uint8_t>(listLen);
+    return ZELO_RC_SUCCESS;
+}
+
+} // extern "C"

@@ -1,0 +1,299 @@
+// Named register accessors and capability queries. Each accessor is one row
+// of the lists below; the engine does the rest.
+#include "register_access.h"
+
+#include <zelo/firmware.h>
+#include <zelo/powersupply.h>
+#include <zelo/registers.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+namespace zelo::firmware {
+
+namespace {
+
+constexpr Element kStatus{
+    GetReadStatusRegisterRequestBuffer, "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n",
+    GetWriteStatusControlRegisterRequestBuffer,
+    "[%s] Failed to call GetWriteStatusControlRegisterRequestBuffer().\n", kPrinted};
+constexpr Element kEnergy{GetReadEnergyAccumulatorRegisterRequestBuffer,
+                          "[%s] Failed to call GetReadEnergyAccumulatorRegisterRequestBuffer().\n",
+                          nullptr, nullptr, kPrinted};
+constexpr Element kClock{GetReadClockAccumulationRegisterRequestBuffer,
+                         "[%s] Failed to call GetReadClockAccumulationRegisterRequestBuffer().\n",
+                         nullptr, nullptr, kPrinted};
+constexpr Element kPowerControl{
+    GetReadPowerControlRegisterRequestBuffer,
+    "[%s] Failed to call GetReadPowerControlRegisterRequestBuffer().\n",
+    GetWritePowerControlRegisterRequestBuffer,
+    "[%s] Failed to call GetWritePowerControlRegisterRequestBuffer().\n", kPrinted};
+// The hot-plug cap reads tell their builder failure to the system log only.
+constexpr Element kPowerControlHotplug{
+    GetReadPowerControlRegisterRequestBuffer,
+    "[%s] Failed to call GetReadPowerControlRegisterRequestBuffer()\n", nullptr, nullptr,
+    kLoggedError};
+constexpr Element kExhaustHeat{GetReadExhaustHeatIndexRegisterRequestBuffer,
+                               "[%s] Failed to call GetReadExhaustHeatIndexRegisterRequestBuffer().\n",
+                               nullptr, nullptr, kPrinted};
+constexpr Element kServerPowerDown{
+    GetReadServerPowerDownRegisterRequestBuffer,
+    "[%s] Failed to call GetReadServerPowerDownRegisterRequestBuffer().\n", nullptr, nullptr,
+    kPrinted};
+constexpr Element kMaximizer{GetReadPowerMaximizerRequestBuffer,
+                             "[%s] Failed to call GetReadPowerMaximizerRegisterRequestBuffer().\n",
+                             nullptr, nullptr, kPrinted};
+
+struct Buffers {
+    uint8_t *request = nullptr;
+    uint8_t *response = nullptr;
+    ~Buffers() { CleanReadBuffer(request, response); }
+};
+
+} // namespace
+
+const Element kPowerSupplyElement{
+    GetReadPowerSupplyRegisterRequestBuffer,
+    "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n",
+    GetWritePowerSupplyRegisterRequestBuffer,
+    "[%s] Failed to call GetWritePowerSupplyRegisterRequestBuffer().\n", kReportedError};
+const Element kPowerSupplyPerSupplyElement{
+    GetReadPowerSupplyRegisterRequestBuffer,
+    "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n", nullptr, nullptr,
+    kReportedWarning};
+
+namespace {
+
+// Builds the read request and runs the transaction; the buffers are released
+// by their owner on every path.
+uint8_t transact(const char *name, const Element &element, uint8_t handle, uint8_t reg,
+                 uint8_t length, Buffers &buffers) {
+    const uint8_t built = element.read(handle, &buffers.request);
+    if (buffers.request == nullptr) {
+        report(element.builderNotice, element.readFailure, name);
+        return built;
+    }
+    return ReadRegister(buffers.request, reg, length, &buffers.response);
+}
+
+} // namespace
+
+uint8_t readFields(const char *name, const Element &element, uint8_t handle, uint8_t reg,
+                   uint8_t length, std::span<const Field> fields, std::span<uint64_t> values) {
+    Buffers buffers;
+    const uint8_t rc = transact(name, element, handle, reg, length, buffers);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    for (std::size_t i = 0; i < fields.size() && i < values.size(); ++i)
+        values[i] = MSBMultiBytesToValue(fields[i].offset, buffers.response, fields[i].width);
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t readData(const char *name, const Element &element, uint8_t handle, uint8_t reg,
+                 std::span<uint8_t> data) {
+    Buffers buffers;
+    const auto length = static_cast<uint8_t>(data.size());
+    const uint8_t rc = transact(name, element, handle, reg, length, buffers);
+    if (rc == ZELO_RC_SUCCESS)
+        std::copy_n(buffers.response + ZELO_RESPONSE_HEAD_LEN, length, data.begin());
+    return rc;
+}
+
+uint8_t writeValue(const char *name, const Element &element, uint8_t handle, uint8_t reg,
+                   uint8_t length, uint64_t value) {
+    uint8_t *request = nullptr;
+    uint32_t requestLen = 0;
+    const uint8_t built = element.write(handle, reg, length, &request, &requestLen);
+    if (request == nullptr) {
+        report(element.builderNotice, element.writeFailure, name);
+        return built;
+    }
+    for (uint8_t i = 0; i < length; ++i)
+        request[8 + i] = static_cast<uint8_t>(value >> (8 * (length - 1 - i)));
+    const uint8_t rc = WriteRegister(request, requestLen);
+    std::free(request);
+    return rc;
+}
+
+int extendedCapability(const char *name, uint32_t mask, const char *handleFailure) {
+    const uint8_t handle = ZELO_GetModuleHandle(0);
+    if (handle == 0) {
+        report(kLoggedError, handleFailure, name);
+        return 0;
+    }
+    uint8_t capabilities = 0;
+    if (ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &capabilities) != 0) {
+        report(kLoggedError, "[%s] Failed to read Power/Thermal Capabilities Register\n", name);
+        return 0;
+    }
+    if ((capabilities & 0x80) == 0) {
+        report(kLoggedError, "[%s] Extended f/w capabilites REG not supported\n", name);
+        return 0;
+    }
+    uint32_t extended = 0;
+    if (ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &extended) != 0) {
+        report(kLoggedError, "[%s] Failed to read Extended Firmware Capabilities Register\n", name);
+        return 0;
+    }
+    return (extended & mask) != 0 ? 1 : 0;
+}
+
+} // namespace zelo::firmware
+
+using namespace zelo::firmware;
+
+// Accessor, element, register id, length, output type.
+#define ZELO_SINGLE_READS(X)                                                                      \
+    X(ZELO_ReadPowerStatusRegister, kStatus, 0, 1, uint8_t)                                        \
+    X(ZELO_2_6_ReadPowerEventRegister, kStatus, 1, 2, uint16_t)                                    \
+    X(ZELO_ReadPowerHardwareErrorRegister, kStatus, 2, 1, uint8_t)                                 \
+    X(ZELO_ReadSMSPowerControlPolicyRegister, kStatus, 3, 1, uint8_t)                              \
+    X(ZELO_ReadFirmwarePowerThermalCapabilitiesRegister, kStatus, 7, 1, uint8_t)                   \
+    X(ZELO_ReadServerPowerCapabilitiesRegister, kStatus, 8, 1, uint8_t)                            \
+    X(ZELO_ReadServerPowerSettingsRegister, kStatus, 9, 1, uint8_t)                                \
+    X(ZELO_ReadExtendedFirmwareCapabilitiesRegister, kStatus, 14, 4, uint32_t)                     \
+    X(ZELO_ReadCFFPowerControlPolicyRegister, kStatus, 16, 1, uint8_t)                             \
+    X(ZELO_ReadEARDCRegister, kEnergy, 0, 8, uint64_t)                                             \
+    X(ZELO_ReadEARACRegister, kEnergy, 1, 8, uint64_t)                                             \
+    X(ZELO_ReadCARRegister, kClock, 0, 4, uint32_t)                                                \
+    X(ZELO_ReadClockRateRegister, kClock, 1, 2, uint16_t)                                          \
+    X(ZELO_ReadPcapRegister, kPowerControl, 0, 2, uint16_t)                                        \
+    X(ZELO_ReadPcapMaxHotplugRegister, kPowerControlHotplug, 1, 2, uint16_t)                       \
+    X(ZELO_ReadPcapMaxRegister, kPowerControl, 2, 2, uint16_t)                                     \
+    X(ZELO_ReadPcapMinRegister, kPowerControl, 4, 2, uint16_t)                                     \
+    X(ZELO_ReadPauxMaxRegister, kPowerControl, 5, 2, uint16_t)                                     \
+    X(ZELO_ReadPcapSoftMinRegister, kPowerControl, 6, 2, uint16_t)                                 \
+    X(ZELO_ReadPnameplateRegister, kPowerControl, 9, 2, uint16_t)                                  \
+    X(ZELO_ReadPcapModeRegister, kPowerControl, 10, 1, uint8_t)                                    \
+    X(ZELO_ReadEHIRegister, kExhaustHeat, 0, 1, uint8_t)                                           \
+    X(ZELO_ReadInletTemperatureRegister, kExhaustHeat, 1, 1, uint8_t)                              \
+    X(ZELO_ReadServerPowerDownSupportRegister, kServerPowerDown, 0, 2, uint16_t)                   \
+    X(ZELO_ReadIPLTimeRegister, kServerPowerDown, 2, 2, uint16_t)                                  \
+    X(ZELO_ReadNumberOWakesFromS3Register, kServerPowerDown, 4, 2, uint16_t)                       \
+    X(ZELO_ReadMaximizerStatusRegister, kMaximizer, 6, 1, uint8_t)                                 \
+    X(ZELO_ReadRedundancyTargetRegister, kPowerSupplyElement, 30, 1, uint8_t)
+
+// Accessor, element, register id, length, value type.
+#define ZELO_WRITES(X)                                                                            \
+    X(ZELO_WriteSMSPowerControlPolicyRegister, kStatus, 3, 1, uint8_t)                             \
+    X(ZELO_WriteCFFPowerControlPolicyRegister, kStatus, 16, 1, uint8_t)                            \
+    X(ZELO_WritePcapRegister, kPowerControl, 0, 2, uint16_t)                                       \
+    X(ZELO_WritePcapModeRegister, kPowerControl, 10, 1, uint8_t)                                   \
+    X(ZELO_WriteRedundancyTargetRegister, kPowerSupplyElement, 30, 1, uint8_t)
+
+#define ZELO_DEFINE_READ(fn, element, reg, length, T)                                             \
+    uint8_t fn(uint8_t u8ModuleHandle, T *out) {                                                  \
+        return readOne(#fn, element, u8ModuleHandle, reg, length, out);                           \
+    }
+#define ZELO_DEFINE_WRITE(fn, element, reg, length, T)                                            \
+    uint8_t fn(uint8_t u8ModuleHandle, T value) {                                                 \
+        return writeValue(#fn, element, u8ModuleHandle, reg, length, value);                      \
+    }
+
+extern "C" {
+
+ZELO_SINGLE_READS(ZELO_DEFINE_READ)
+ZELO_WRITES(ZELO_DEFINE_WRITE)
+
+uint8_t ZELO_ReadPOSTPowerSettingsRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value) {
+    static constexpr const char *kName = "ZELO_ReadPOSTPowerSettingsRegister";
+    std::printf("[%s] read POST Power Settings Register\n", kName);
+    const uint8_t rc = readOne(kName, kStatus, u8ModuleHandle, 5, 1, pu8Value);
+    if (rc == ZELO_RC_SUCCESS)
+        std::printf("Post Power Settings register value is %d\n", *pu8Value);
+    return rc;
+}
+
+uint8_t ZELO_ReadPcapMinHotplugRegister(uint8_t u8ModuleHandle, uint16_t *pu16Value) {
+    static constexpr const char *kName = "ZELO_ReadPcapMinHotplugRegister";
+    if (pu16Value == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *pu16Value = 0;
+    if (ZELO_IsSupportPowerCapMinHotplugRegister() == 0) {
+        std::printf("%s: Pcap Min hotplug is not supported!!!\n ", kName);
+        return ZELO_RC_FAILURE;
+    }
+    return readOne(kName, kPowerControlHotplug, u8ModuleHandle, 12, 2, pu16Value);
+}
+
+uint8_t ZELO_ReadStandbyPowerRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value,
+                                      uint16_t *pu16StandbyPower) {
+    if (pu8Value == nullptr || pu16StandbyPower == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *pu8Value = 0;
+    *pu16StandbyPower = 0;
+    static constexpr Field kFields[] = {{6, 1}, {7, 2}};
+    uint64_t values[2] = {};
+    const uint8_t rc = readFields("ZELO_ReadStandbyPowerRegister", kServerPowerDown,
+                                  u8ModuleHandle, 1, 8, kFields, values);
+    if (rc == ZELO_RC_SUCCESS) {
+        *pu8Value = static_cast<uint8_t>(values[0]);
+        *pu16StandbyPower = static_cast<uint16_t>(values[1]);
+    }
+    return rc;
+}
+
+uint8_t ZELO_ReadNumberOfPowerCyclesRegister(uint8_t u8ModuleHandle, uint16_t *pu16First,
+                                             uint16_t *pu16Second) {
+    if (pu16First == nullptr || pu16Second == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *pu16First = 0;
+    *pu16Second = 0;
+    static constexpr Field kFields[] = {{4, 2}, {6, 2}};
+    uint64_t values[2] = {};
+    const uint8_t rc = readFields("ZELO_ReadNumberOfPowerCyclesRegister", kServerPowerDown,
+                                  u8ModuleHandle, 3, 4, kFields, values);
+    if (rc == ZELO_RC_SUCCESS) {
+        *pu16First = static_cast<uint16_t>(values[0]);
+        *pu16Second = static_cast<uint16_t>(values[1]);
+    }
+    return rc;
+}
+
+int ZELO_IsPowerCappingEnabled(void) {
+    const uint8_t handle = ZELO_GetModuleHandle(0);
+    if (handle == 0) {
+        std::printf("[%s]Failed to call ZELO_GetModuleHandle().\n", "ZELO_IsPowerCappingEnabled");
+        return 0;
+    }
+    uint8_t settings = 0;
+    return ZELO_ReadPOSTPowerSettingsRegister(handle, &settings) == 0 &&
+                   (settings & 0x02) != 0
+               ? 1
+               : 0;
+}
+
+int ZELO_IsSupportPowerUtilization(void) {
+    return ZELO_IsSupported(0) != 0 && IsBladeServer() == 0 && ZELO_IsPowerCappingEnabled() != 0
+               ? 1
+               : 0;
+}
+
+int ZELO_IsStaticPowerSavingsModeSupported(void) {
+    return extendedCapability("ZELO_IsStaticPowerSavingsModeSupported", 0x100,
+                              "[%s] Failed to call ZELO_GetModuleHandle().\n");
+}
+
+int ZELO_IsSupportPowerCapMinHotplugRegister(void) {
+    return extendedCapability("ZELO_IsSupportPowerCapMinHotplugRegister", 0x240,
+                              "[%s] Failed to call ZELO_GetModuleHandle().\n");
+}
+
+int ZELO_IsPowerCappingModeSupported(void) {
+    static constexpr const char *kName = "ZELO_IsPowerCappingModeSupported";
+    const uint8_t handle = ZELO_GetModuleHandle(0);
+    if (handle == 0) {
+        std::printf("[%s]Failed to call ZELO_GetModuleHandle().\n", kName);
+        return 0;
+    }
+    uint8_t mode = 0;
+    const uint8_t rc = ZELO_ReadPcapModeRegister(handle, &mode);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("[%s]ZELO_ReadPcapModeRegister() returns [%d].\n", kName, rc);
+        return 0;
+    }
+    return 1;
+}
+
+} // extern "C"

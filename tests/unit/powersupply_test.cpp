@@ -1,0 +1,257 @@
+// Element 10: per-supply registers, the configuration block, the indexed
+// buffers and the capability gate.
+#include "fake_platform.h"
+
+#include <zelo.h>
+
+#include <cstdlib>
+
+namespace zelo::test {
+namespace {
+
+constexpr uint8_t kHandle = 5;
+
+class PowerSupplyTest : public PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        fake().store["zelo_supported_0"] = 1;
+        fake().store["zelo_module_handle_0"] = kHandle;
+    }
+    void expectRegister(uint8_t reg, uint8_t length, const Bytes &answer) {
+        fake().expect({0x2E, 0x81, concat(head(kHandle, 10, 0x82), {reg, length}), answer});
+    }
+    // Capabilities bit 7 and extended capabilities as given.
+    void expectCapabilities(uint8_t extendedLow16Hi, uint8_t extendedLow) {
+        fake().expect(
+            {0x2E, 0x81, concat(head(kHandle, 0, 0x82), {7, 1}), okResponse({0x80})});
+        fake().expect({0x2E, 0x81, concat(head(kHandle, 0, 0x82), {14, 4}),
+                       okResponse({0, 0, extendedLow16Hi, extendedLow})});
+    }
+    void expectConfigurationBlock(const Bytes &answer) {
+        fake().expect({0x2E, 0x81, head(kHandle, 10, 0x80), answer});
+    }
+    Bytes indexedRequest(uint8_t buffer, uint8_t index, uint8_t wanted) {
+        return concat(head(kHandle, 10, 0x87), {buffer, index, wanted});
+    }
+};
+
+TEST_F(PowerSupplyTest, SupplyRegisterIdsAreCheckedBeforeAnyTraffic) {
+    uint32_t power[4] = {};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadOutputLabelPowerRegister(kHandle, 3, 4, power), ZELO_RC_FAILURE);
+    uint8_t present[4] = {};
+    EXPECT_EQ(ZELO_ReadPowerSupplyPresenceRegister(kHandle, 1, 4, present), ZELO_RC_FAILURE);
+    int32_t volts[4] = {};
+    EXPECT_EQ(ZELO_ReadPowerSupplyInputVoltageRegister(kHandle, 0x24, 4, volts), ZELO_RC_FAILURE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadOutputLabelPowerRegister] Unexpected Power Supply Output Label power "
+              "register ID [3]\n"
+              "[ZELO_ReadPowerSupplyPresenceRegister] Unexpected Power Supply Presence register "
+              "ID [1]\n"
+              "[ZELO_ReadPowerSupplyInputVoltageRegister] Unexpected Power Supply Input Voltage "
+              "register ID [36]\n");
+}
+
+TEST_F(PowerSupplyTest, OutputLabelPowerDecodesAtMostFourSupplies) {
+    const Bytes data = {0x03, 0x20, 0x04, 0x4C, 0x00, 0x00, 0x06, 0x40};
+    expectRegister(9, 8, okResponse(data));
+    uint32_t power[6] = {1, 1, 1, 1, 77, 77};
+    EXPECT_EQ(ZELO_ReadOutputLabelPowerRegister(kHandle, 9, 6, power), 0);
+    EXPECT_EQ(power[0], 800u);
+    EXPECT_EQ(power[1], 1100u);
+    EXPECT_EQ(power[2], 0u);
+    EXPECT_EQ(power[3], 1600u);
+    EXPECT_EQ(power[4], 77u) << "never past four";
+
+    expectRegister(25, 8, okResponse(data));
+    EXPECT_EQ(ZELO_ReadOutputLabelPowerRegister(kHandle, 25, 0, nullptr), 0);
+}
+
+TEST_F(PowerSupplyTest, PresenceFlagsAndTheirLine) {
+    expectRegister(2, 1, okResponse({0x05}));
+    uint8_t present[4] = {9, 9, 9, 9};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadPowerSupplyPresenceRegister(kHandle, 2, 4, present), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadPowerSupplyPresenceRegister] Power Supply Presence info is [5]\n");
+    EXPECT_EQ(Bytes(present, present + 4), (Bytes{1, 0, 1, 0}));
+
+    expectRegister(18, 1, {0xC1});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadPowerSupplyPresenceRegister(kHandle, 18, 4, present), 0xC1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadPowerSupplyPresenceRegister] Failed to read Power Supply Presence info\n");
+    EXPECT_EQ(Bytes(present, present + 4), (Bytes{1, 0, 1, 0})) << "untouched on failure";
+}
+
+TEST_F(PowerSupplyTest, InputVoltageCodesOfPresentSupplies) {
+    expectRegister(4, 2, okResponse({0x0B, 0x64}));
+    int32_t volts[4] = {};
+    EXPECT_EQ(ZELO_ReadPowerSupplyInputVoltageRegister(kHandle, 4, 4, volts), 0);
+    EXPECT_EQ(volts[0], 110);
+    EXPECT_EQ(volts[1], 220);
+    EXPECT_EQ(volts[2], 0);
+    EXPECT_EQ(volts[3], 220);
+
+    // Only the low four bits say which supplies report; code 2 is -48 V DC, 3 unknown.
+    expectRegister(12, 2, okResponse({0xF3, 0xFE}));
+    EXPECT_EQ(ZELO_ReadPowerSupplyInputVoltageRegister(kHandle, 12, 4, volts), 0);
+    EXPECT_EQ(volts[0], -48);
+    EXPECT_EQ(volts[1], 0);
+    EXPECT_EQ(volts[2], 0);
+    EXPECT_EQ(volts[3], 0);
+}
+
+TEST_F(PowerSupplyTest, MaxNumberIsLowNibblePlusOne) {
+    expectRegister(0, 1, okResponse({0xF3}));
+    uint8_t supplies = 0;
+    EXPECT_EQ(ZELO_ReadMaxNumberOfPowerSuppliesRegister(kHandle, &supplies), 0);
+    EXPECT_EQ(supplies, 4);
+}
+
+TEST_F(PowerSupplyTest, ConfigurationBlockChecksItsLength) {
+    expectConfigurationBlock(okResponse({5, 0xEE, 3, 4, 2, 2}));
+    uint8_t config[4] = {};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadPowerSupplyElementConfigurationRegister(kHandle, config), 0);
+    EXPECT_EQ(Bytes(config, config + 4), (Bytes{3, 4, 2, 2}));
+
+    expectConfigurationBlock(okResponse({4, 0, 9, 9, 9, 9}));
+    EXPECT_EQ(ZELO_ReadPowerSupplyElementConfigurationRegister(kHandle, config), ZELO_RC_FAILURE);
+    EXPECT_EQ(Bytes(config, config + 4), (Bytes{3, 4, 2, 2}));
+
+    expectConfigurationBlock({0xC1});
+    EXPECT_EQ(ZELO_ReadPowerSupplyElementConfigurationRegister(kHandle, config), 0xC1);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "ZELO_ReadPowerSupplyElementConfigurationRegister: configuration data length is 5\n"
+              "ZELO_ReadPowerSupplyElementConfigurationRegister: configuration data length is 4\n"
+              "[ZELO_ReadPowerSupplyElementConfigurationRegister] config len [4] is unexpected.\n"
+              "[ZELO_ReadPowerSupplyElementConfigurationRegister] Failed to call "
+              "ipmi(NETFN_DUV,ELEMENT_METHOD) and the respbuf[0] is 193.\n");
+}
+
+TEST_F(PowerSupplyTest, PsuTypeEntryIsGatedByTheRedundancyCapability) {
+    expectCapabilities(0x01, 0x40); // bit 8 and 6, not 9
+    PSUTypeEntry entry = {7, 7, 7};
+    EXPECT_EQ(ZELO_ReadSupportedPSUTypesIndexedBuffer(kHandle, 0, &entry), ZELO_RC_FAILURE);
+    expectCapabilities(0x01, 0x40);
+    EXPECT_EQ(ZELO_WriteTargetRedundancyConfigurationRegister(kHandle, 1), ZELO_RC_FAILURE);
+
+    expectCapabilities(0x02, 0x00);
+    fake().expect({0x2E, 0x81, indexedRequest(0, 1, 4),
+                   okResponse({0, 1, 4, 0xA1, 0xB2, 0x04, 0x4C})});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadSupportedPSUTypesIndexedBuffer(kHandle, 1, &entry), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "ZELO_ReadSupportedPSUTypesIndexedBuffer : Bufer ID is [0]\n"
+              "ZELO_ReadSupportedPSUTypesIndexedBuffer : Bufer Index is [1]\n"
+              "ZELO_ReadSupportedPSUTypesIndexedBuffer : Bufer Length is [4]\n");
+    EXPECT_EQ(fake().lastCapacity, 11u);
+    EXPECT_EQ(entry.u8PSUTypeByte0, 0xA1);
+    EXPECT_EQ(entry.u8PSUTypeByte1, 0xB2);
+    EXPECT_EQ(entry.u16PSUWattage, 1100);
+
+    expectCapabilities(0x02, 0x00);
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 10, 0x83), {31, 1, 2}), okResponse({})});
+    EXPECT_EQ(ZELO_WriteTargetRedundancyConfigurationRegister(kHandle, 2), 0);
+}
+
+// A configuration entry: properties 0x0047 (mode 2, valid, policy1/target0,
+// active), 2+1, words 1, 2, 3, then the index list.
+Bytes configEntry(uint8_t index, uint8_t entryLength, const Bytes &list) {
+    return okResponse(concat({1, index, entryLength, 0x3C, 0x00, 0x47, 2, 1, 0, 1, 0, 2, 0, 3}, list));
+}
+
+class ConfigEntryTest : public PowerSupplyTest {
+  protected:
+    // Reads entry 0 with index-list factors f1 x f2 and the given answer.
+    uint8_t read(uint8_t f1, uint8_t f2, const Bytes &answer, RedundancyConfigEntry &entry) {
+        expectConfigurationBlock(okResponse({5, 0, 2, 1, f1, f2}));
+        fake().expect({0x2E, 0x81, indexedRequest(1, 0, static_cast<uint8_t>(11 + f1 * f2)),
+                       answer});
+        testing::internal::CaptureStdout();
+        const uint8_t rc = ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(kHandle, 0, &entry);
+        output = testing::internal::GetCapturedStdout();
+        return rc;
+    }
+    std::string output;
+};
+
+TEST_F(ConfigEntryTest, DecodesPropertiesAndCopiesTheIndexList) {
+    RedundancyConfigEntry e = {};
+    ASSERT_EQ(read(2, 2, configEntry(0, 13, {1, 0}), e), 0);
+    EXPECT_EQ(fake().lastCapacity, 22u);
+    EXPECT_EQ(e.u8ConfigByte0, 0x3C);
+    EXPECT_EQ(e.u16ConfigProperties, 0x47);
+    EXPECT_EQ(e.u8PowerModeBit, 1);
+    EXPECT_EQ(e.u8PowerModeBitClear, 0);
+    EXPECT_EQ(e.u8PowerMode, 2);
+    EXPECT_EQ(e.u8ValidForPSUs, 1);
+    EXPECT_EQ(e.u8AllowedPolicy1Target0, 1);
+    EXPECT_EQ(e.u8AllowedPolicy0Target0 | e.u8AllowedPolicy1Target1 | e.u8AllowedPolicy0Target1,
+              0);
+    EXPECT_EQ(e.u8Active, 1);
+    EXPECT_EQ(e.u8Bit7, 0);
+    EXPECT_EQ(e.u8Bit7Clear, 1);
+    EXPECT_EQ(e.u8RedundancyN, 2);
+    EXPECT_EQ(e.u8RedundancyM, 1);
+    EXPECT_EQ(e.u64ConfigWord1, 1u);
+    EXPECT_EQ(e.u64ConfigWord2, 2u);
+    EXPECT_EQ(e.u64ConfigWord3, 3u);
+    ASSERT_EQ(e.u8PSUTypeIndexLen, 2);
+    EXPECT_EQ(Bytes(e.pu8PSUTypeIndex, e.pu8PSUTypeIndex + 2), (Bytes{1, 0}));
+    std::free(e.pu8PSUTypeIndex);
+    EXPECT_NE(output.find("ZELO_ReadSupportedRedundancyConfigsIndexedBuffer : Config properties "
+                          "is 0x47\n"),
+              std::string::npos);
+    EXPECT_NE(output.find(" : PSU type index buf length is [2]\n"), std::string::npos);
+}
+
+TEST_F(ConfigEntryTest, IndexListLengthComesFromTheEntryLength) {
+    RedundancyConfigEntry e = {};
+    ASSERT_EQ(read(2, 2, configEntry(0, 11, {}), e), 0);
+    EXPECT_EQ(e.u8PSUTypeIndexLen, 0);
+    EXPECT_EQ(e.pu8PSUTypeIndex, nullptr);
+
+    e = {};
+    ASSERT_EQ(read(2, 2, configEntry(0, 10, {}), e), 0) << "a short entry still succeeds";
+    EXPECT_EQ(e.u8PSUTypeIndexLen, 0);
+    EXPECT_EQ(e.pu8PSUTypeIndex, nullptr);
+    EXPECT_NE(output.find("Failed to allocate memory for PSU type index buffer.\n"),
+              std::string::npos);
+
+    // Announced 6 list bytes, factors allow 4, only 3 arrived: 3 copied, the rest zero.
+    e = {};
+    ASSERT_EQ(read(2, 2, configEntry(0, 17, {1, 2, 3}), e), 0);
+    ASSERT_EQ(e.u8PSUTypeIndexLen, 6);
+    EXPECT_EQ(Bytes(e.pu8PSUTypeIndex, e.pu8PSUTypeIndex + 6), (Bytes{1, 2, 3, 0, 0, 0}));
+    std::free(e.pu8PSUTypeIndex);
+
+    // More arrived than the factors allow: the surplus is not copied.
+    e = {};
+    ASSERT_EQ(read(1, 2, configEntry(0, 15, {1, 2, 3, 4}), e), 0);
+    ASSERT_EQ(e.u8PSUTypeIndexLen, 4);
+    EXPECT_EQ(Bytes(e.pu8PSUTypeIndex, e.pu8PSUTypeIndex + 4), (Bytes{1, 2, 0, 0}));
+    std::free(e.pu8PSUTypeIndex);
+}
+
+TEST_F(ConfigEntryTest, FailuresOfEitherExchange) {
+    RedundancyConfigEntry e = {};
+    expectConfigurationBlock({0xC3});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(kHandle, 0, &e), ZELO_RC_FAILURE);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "[ZELO_ReadSupportedRedundancyConfigsIndexedBuffer] Failed to call get ps "
+                  "element configurations.\n"),
+              std::string::npos);
+
+    EXPECT_EQ(read(2, 2, {0xCC}, e), 0xCC);
+    EXPECT_NE(output.find("[ZELO_ReadSupportedRedundancyConfigsIndexedBuffer] Failed to call "
+                          "IPMICmd(0x2E,0x81) and the resp[0] is 204.\n"),
+              std::string::npos);
+    EXPECT_EQ(e.pu8PSUTypeIndex, nullptr);
+}
+
+} // namespace
+} // namespace zelo::test

@@ -1,0 +1,251 @@
+// Named register accessors and capability queries, against the register
+// table they implement, checked on the wire.
+#include "fake_platform.h"
+
+#include <zelo.h>
+
+#include <functional>
+
+namespace zelo::test {
+namespace {
+
+constexpr uint8_t kHandle = 5;
+
+// A read accessor seen through one 64-bit output, preset to a sentinel.
+using ReadFn = std::function<uint8_t(uint64_t *)>;
+struct ReadRow {
+    const char *name;
+    uint8_t element;
+    uint8_t reg;
+    uint8_t length;
+    ReadFn read;
+};
+
+template <typename T>
+ReadFn reader(uint8_t (*fn)(uint8_t, T *)) {
+    return [fn](uint64_t *value) {
+        T out = static_cast<T>(0x5A5A5A5A5A5A5A5AULL);
+        const uint8_t rc = fn(kHandle, &out);
+        *value = out;
+        return rc;
+    };
+}
+
+#define ROW(fn, element, reg, length) {#fn, element, reg, length, reader(fn)}
+const ReadRow kReads[] = {
+    ROW(ZELO_ReadPowerStatusRegister, 0, 0, 1),
+    ROW(ZELO_2_6_ReadPowerEventRegister, 0, 1, 2),
+    ROW(ZELO_ReadPowerHardwareErrorRegister, 0, 2, 1),
+    ROW(ZELO_ReadSMSPowerControlPolicyRegister, 0, 3, 1),
+    ROW(ZELO_ReadFirmwarePowerThermalCapabilitiesRegister, 0, 7, 1),
+    ROW(ZELO_ReadServerPowerCapabilitiesRegister, 0, 8, 1),
+    ROW(ZELO_ReadServerPowerSettingsRegister, 0, 9, 1),
+    ROW(ZELO_ReadExtendedFirmwareCapabilitiesRegister, 0, 14, 4),
+    ROW(ZELO_ReadCFFPowerControlPolicyRegister, 0, 16, 1),
+    ROW(ZELO_ReadEARDCRegister, 1, 0, 8),
+    ROW(ZELO_ReadEARACRegister, 1, 1, 8),
+    ROW(ZELO_ReadCARRegister, 4, 0, 4),
+    ROW(ZELO_ReadClockRateRegister, 4, 1, 2),
+    ROW(ZELO_ReadPcapRegister, 7, 0, 2),
+    ROW(ZELO_ReadPcapMaxHotplugRegister, 7, 1, 2),
+    ROW(ZELO_ReadPcapMaxRegister, 7, 2, 2),
+    ROW(ZELO_ReadPcapMinRegister, 7, 4, 2),
+    ROW(ZELO_ReadPauxMaxRegister, 7, 5, 2),
+    ROW(ZELO_ReadPcapSoftMinRegister, 7, 6, 2),
+    ROW(ZELO_ReadPnameplateRegister, 7, 9, 2),
+    ROW(ZELO_ReadPcapModeRegister, 7, 10, 1),
+    ROW(ZELO_ReadEHIRegister, 9, 0, 1),
+    ROW(ZELO_ReadInletTemperatureRegister, 9, 1, 1),
+    ROW(ZELO_ReadServerPowerDownSupportRegister, 13, 0, 2),
+    ROW(ZELO_ReadIPLTimeRegister, 13, 2, 2),
+    ROW(ZELO_ReadNumberOWakesFromS3Register, 13, 4, 2),
+    ROW(ZELO_ReadMaximizerStatusRegister, 14, 6, 1),
+    ROW(ZELO_ReadRedundancyTargetRegister, 10, 30, 1),
+};
+#undef ROW
+
+const Bytes kData = {0x81, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88};
+
+Bytes readRequest(uint8_t element, uint8_t reg, uint8_t length) {
+    return concat(head(kHandle, element, 0x82), {reg, length});
+}
+
+class RegistersTest : public PlatformTest {
+  protected:
+    // The store knows the firmware: handle 5 for instance 0, no discovery.
+    void knownFirmware() {
+        fake().store["zelo_supported_0"] = 1;
+        fake().store["zelo_module_handle_0"] = kHandle;
+    }
+    void expectRead(uint8_t element, uint8_t reg, uint8_t length, const Bytes &data) {
+        fake().expect({0x2E, 0x81, readRequest(element, reg, length), okResponse(data)});
+    }
+};
+
+TEST_F(RegistersTest, EveryReadSendsItsRowAndDecodesItsWholeWidth) {
+    for (const auto &row : kReads) {
+        SCOPED_TRACE(row.name);
+        expectRead(row.element, row.reg, row.length, kData);
+        uint64_t value = 0;
+        EXPECT_EQ(row.read(&value), ZELO_RC_SUCCESS);
+        uint64_t expected = 0;
+        for (uint8_t i = 0; i < row.length; ++i)
+            expected = (expected << 8) | kData[i];
+        EXPECT_EQ(value, expected);
+    }
+}
+
+TEST_F(RegistersTest, EveryReadPassesTheCompletionCodeAndLeavesZero) {
+    for (const auto &row : kReads) {
+        SCOPED_TRACE(row.name);
+        fake().expect({0x2E, 0x81, readRequest(row.element, row.reg, row.length), {0xC9}});
+        uint64_t value = 1;
+        EXPECT_EQ(row.read(&value), 201);
+        EXPECT_EQ(value, 0u);
+    }
+}
+
+TEST_F(RegistersTest, WritesSendTheirValueMostSignificantFirst) {
+    const struct {
+        const char *name;
+        std::function<uint8_t()> write;
+        Bytes tail; // register id, length, value bytes
+        uint8_t element;
+    } writes[] = {
+        {"SMS policy", [] { return ZELO_WriteSMSPowerControlPolicyRegister(kHandle, 0xA5); },
+         {3, 1, 0xA5}, 0},
+        {"CFF policy", [] { return ZELO_WriteCFFPowerControlPolicyRegister(kHandle, 0x03); },
+         {16, 1, 0x03}, 0},
+        {"power cap", [] { return ZELO_WritePcapRegister(kHandle, 300); }, {0, 2, 0x01, 0x2C}, 7},
+        {"capping mode", [] { return ZELO_WritePcapModeRegister(kHandle, 2); }, {10, 1, 2}, 7},
+        {"redundancy target", [] { return ZELO_WriteRedundancyTargetRegister(kHandle, 1); },
+         {30, 1, 1}, 10},
+    };
+    for (const auto &w : writes) {
+        SCOPED_TRACE(w.name);
+        fake().expect({0x2E, 0x81, concat(head(kHandle, w.element, 0x83), w.tail), okResponse({})});
+        EXPECT_EQ(w.write(), ZELO_RC_SUCCESS);
+        fake().expect({0x2E, 0x81, concat(head(kHandle, w.element, 0x83), w.tail), {0xD5}});
+        EXPECT_EQ(w.write(), 0xD5);
+    }
+}
+
+TEST_F(RegistersTest, TwoOutputRegistersDecodeEachField) {
+    expectRead(13, 1, 8, {0x00, 0x00, 0x07, 0x01, 0x2C, 0x00, 0x00, 0x00});
+    uint8_t unlabelled = 0;
+    uint16_t standby = 0;
+    EXPECT_EQ(ZELO_ReadStandbyPowerRegister(kHandle, &unlabelled, &standby), 0);
+    EXPECT_EQ(unlabelled, 7);
+    EXPECT_EQ(standby, 300);
+
+    expectRead(13, 3, 4, {0x00, 0x0A, 0x00, 0x03});
+    uint16_t first = 0, second = 0;
+    EXPECT_EQ(ZELO_ReadNumberOfPowerCyclesRegister(kHandle, &first, &second), 0);
+    EXPECT_EQ(first, 10);
+    EXPECT_EQ(second, 3);
+
+    fake().expect({0x2E, 0x81, readRequest(13, 3, 4), {0xC1}});
+    EXPECT_EQ(ZELO_ReadNumberOfPowerCyclesRegister(kHandle, &first, &second), 0xC1);
+    EXPECT_EQ(first | second, 0);
+}
+
+TEST_F(RegistersTest, PostPowerSettingsTellsWhatItReads) {
+    expectRead(0, 5, 1, {0x02});
+    uint8_t value = 0;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadPOSTPowerSettingsRegister(kHandle, &value), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadPOSTPowerSettingsRegister] read POST Power Settings Register\n"
+              "Post Power Settings register value is 2\n");
+}
+
+TEST_F(RegistersTest, ExtendedCapabilityQueriesTestTheirBits) {
+    knownFirmware();
+    const struct {
+        uint8_t capabilities;
+        uint32_t extended;
+        int staticSavings;
+        int minHotplug;
+    } cases[] = {
+        {0x80, 0x100, 1, 0},
+        {0x80, 0x040, 0, 1},
+        {0x80, 0x200, 0, 1},
+        {0x80, 0x000, 0, 0},
+    };
+    for (const auto &c : cases) {
+        const Bytes extended = {static_cast<uint8_t>(c.extended >> 24),
+                                static_cast<uint8_t>(c.extended >> 16),
+                                static_cast<uint8_t>(c.extended >> 8),
+                                static_cast<uint8_t>(c.extended)};
+        expectRead(0, 7, 1, {c.capabilities});
+        expectRead(0, 14, 4, extended);
+        EXPECT_EQ(ZELO_IsStaticPowerSavingsModeSupported(), c.staticSavings) << c.extended;
+        expectRead(0, 7, 1, {c.capabilities});
+        expectRead(0, 14, 4, extended);
+        EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), c.minHotplug) << c.extended;
+    }
+    // Without capabilities bit 7 the extended register is never read.
+    expectRead(0, 7, 1, {0x7F});
+    EXPECT_EQ(ZELO_IsStaticPowerSavingsModeSupported(), 0);
+    fake().expect({0x2E, 0x81, readRequest(0, 7, 1), {0xC1}});
+    EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), 0);
+}
+
+TEST_F(RegistersTest, MinHotplugCapIsReadOnlyWhenSupported) {
+    knownFirmware();
+    expectRead(0, 7, 1, {0x80});
+    expectRead(0, 14, 4, {0, 0, 0, 0});
+    uint16_t value = 9;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadPcapMinHotplugRegister(kHandle, &value), ZELO_RC_FAILURE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "ZELO_ReadPcapMinHotplugRegister: Pcap Min hotplug is not supported!!!\n ");
+    EXPECT_EQ(value, 0);
+
+    expectRead(0, 7, 1, {0x80});
+    expectRead(0, 14, 4, {0, 0, 0, 0x40});
+    expectRead(7, 12, 2, {0x00, 0xDC});
+    EXPECT_EQ(ZELO_ReadPcapMinHotplugRegister(kHandle, &value), 0);
+    EXPECT_EQ(value, 220);
+}
+
+TEST_F(RegistersTest, CappingQueriesNeedAHandleAndAnAnswer) {
+    // No firmware: discovery fails and no register is read.
+    fake().expect({0x2E, 0x82, discoveryRequest(0), {0xC1}});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_IsPowerCappingEnabled(), 0);
+    EXPECT_EQ(ZELO_IsPowerCappingModeSupported(), 0);
+    const auto out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("[ZELO_IsPowerCappingEnabled]Failed to call ZELO_GetModuleHandle().\n"),
+              std::string::npos);
+    EXPECT_NE(out.find("[ZELO_IsPowerCappingModeSupported]Failed to call ZELO_GetModuleHandle().\n"),
+              std::string::npos);
+}
+
+TEST_F(RegistersTest, CappingQueriesReadTheirRegisters) {
+    knownFirmware();
+    testing::internal::CaptureStdout();
+    expectRead(0, 5, 1, {0x02});
+    EXPECT_EQ(ZELO_IsPowerCappingEnabled(), 1);
+    expectRead(0, 5, 1, {0xFD});
+    EXPECT_EQ(ZELO_IsPowerCappingEnabled(), 0);
+
+    expectRead(7, 10, 1, {0x00});
+    EXPECT_EQ(ZELO_IsPowerCappingModeSupported(), 1) << "whatever the mode holds";
+    fake().expect({0x2E, 0x81, readRequest(7, 10, 1), {0xCB}});
+    EXPECT_EQ(ZELO_IsPowerCappingModeSupported(), 0);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "[ZELO_IsPowerCappingModeSupported]ZELO_ReadPcapModeRegister() returns [203].\n"),
+              std::string::npos);
+
+    expectRead(0, 5, 1, {0x02});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_IsSupportPowerUtilization(), 1);
+    ::setenv("RUX_FAMILY", "blade", 1);
+    EXPECT_EQ(ZELO_IsSupportPowerUtilization(), 0) << "a blade reads no register";
+    ::unsetenv("RUX_FAMILY");
+    testing::internal::GetCapturedStdout();
+}
+
+} // namespace
+} // namespace zelo::test
