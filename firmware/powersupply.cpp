@@ -23,9 +23,9 @@ constexpr uint32_t kConfigurationResponseLen = 10;
 constexpr uint8_t kConfigurationLen = 5;
 constexpr uint8_t kPsuTypeEntryLen = 4;
 constexpr uint32_t kPsuTypeResponseLen = 11;
-constexpr uint32_t kConfigEntryHeadLen = 11;   // entry bytes before the index list
-constexpr uint32_t kConfigResponseExtra = 7;   // response bytes before the entry
-constexpr uint32_t kIndexListOffset = 18;      // response offset of the index list
+constexpr uint32_t kConfigEntryHeadLen = 11; // entry bytes before the index list
+constexpr uint32_t kConfigResponseExtra = 7; // response bytes before the entry
+constexpr uint32_t kIndexListOffset = 18;    // response offset of the index list
 
 // Request, response and what arrived, released together on every path.
 struct Exchange {
@@ -63,8 +63,8 @@ constexpr SupplyRegister kInputVoltage{
 // decode(data, i). Outputs are written only on success; afterRead sees the
 // result and the data of every read that reached the firmware.
 template <typename T, typename Decode, typename AfterRead>
-uint8_t readPerSupply(const SupplyRegister &reg, uint8_t handle, uint8_t id, uint32_t count,
-                      T *out, Decode decode, AfterRead afterRead) {
+uint8_t readPerSupply(const SupplyRegister &reg, uint8_t handle, uint8_t id, uint32_t count, T *out,
+                      Decode decode, AfterRead afterRead) {
     if ((id & kSupplyIdMask) != reg.base) {
         report(kReportedWarning, reg.unexpectedId, reg.name, id);
         return ZELO_RC_FAILURE;
@@ -87,7 +87,9 @@ void nothingAfterRead(uint8_t, const uint8_t *) {}
 // Input voltage code of a present supply: 110 V, 220 V, -48 V DC, unknown.
 constexpr int32_t kInputVoltages[4] = {110, 220, -48, 0};
 
-uint8_t bit(uint16_t word, unsigned n) { return static_cast<uint8_t>((word >> n) & 1u); }
+uint8_t bit(uint16_t word, unsigned n) {
+    return static_cast<uint8_t>((word >> n) & 1u);
+}
 
 void decodeConfigEntry(const char *name, const uint8_t *r, RedundancyConfigEntry &e) {
     e.u8ConfigByte0 = r[7];
@@ -184,7 +186,8 @@ uint8_t ZELO_ReadPowerSupplyElementConfigurationRegister(uint8_t u8ModuleHandle,
     if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kElement,
                                             ZELO_METHOD_READ_CONFIGURATION, ZELO_REQUEST_HEAD_LEN,
                                             &x.request) != ZELO_RC_SUCCESS) {
-        report(kReportedError, "[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        report(kReportedError, "[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n",
+               kName);
         return ZELO_RC_NO_MEMORY;
     }
     x.response = static_cast<uint8_t *>(std::calloc(kConfigurationResponseLen, 1));
@@ -252,9 +255,10 @@ uint8_t ZELO_ReadSupportedPSUTypesIndexedBuffer(uint8_t u8ModuleHandle, uint8_t 
         return ZELO_RC_FAILURE;
     }
     if (const int rc = send(x, kIndexedRequestLen, kPsuTypeResponseLen); rc != 0) {
-        std::printf("[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
-                    "and the result code is %d.\n",
-                    kName, rc);
+        std::printf(
+            "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
+            "and the result code is %d.\n",
+            kName, rc);
         return ZELO_RC_FAILURE;
     }
     if (x.response[0] != 0) {
@@ -288,7 +292,8 @@ uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle,
     if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kElement,
                                             ZELO_METHOD_READ_INDEXED_BUFFER, kIndexedRequestLen,
                                             &x.request) != ZELO_RC_SUCCESS) {
-        report(kReportedError, "[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        report(kReportedError, "[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n",
+               kName);
         return ZELO_RC_FAILURE;
     }
     x.request[6] = kRedundancyConfigsBuffer;
@@ -300,8 +305,8 @@ uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle,
         return ZELO_RC_FAILURE;
     }
     if (const int rc = send(x, kIndexedRequestLen, capacity); rc != 0) {
-        report(kReportedError, "[%s] Failed to call IPMICmd(0x2E,0x81) and the result code is %d.\n",
-               kName, rc);
+        report(kReportedError,
+               "[%s] Failed to call IPMICmd(0x2E,0x81) and the result code is %d.\n", kName, rc);
         return ZELO_RC_FAILURE;
     }
     if (x.response[0] != 0) {

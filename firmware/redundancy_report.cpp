@@ -127,9 +127,9 @@ uint8_t ZELO_GetRedundancyConfigs(RedundancyConfigs *psConfigs) {
         RedundancyConfigEntry &e = r.configs[i];
         rc = ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(handle, static_cast<uint8_t>(i), &e);
         if (rc != 0) {
-            setError(r,
-                     "Error reading supported redundancy configs indexed buffer for index=%i, rc=%i",
-                     i, rc);
+            setError(
+                r, "Error reading supported redundancy configs indexed buffer for index=%i, rc=%i",
+                i, rc);
             return rc;
         }
         if (e.u8Active)

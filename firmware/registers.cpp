@@ -14,10 +14,11 @@ namespace zelo::firmware {
 
 namespace {
 
-constexpr Element kStatus{
-    GetReadStatusRegisterRequestBuffer, "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n",
-    GetWriteStatusControlRegisterRequestBuffer,
-    "[%s] Failed to call GetWriteStatusControlRegisterRequestBuffer().\n", kPrinted};
+constexpr Element kStatus{GetReadStatusRegisterRequestBuffer,
+                          "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n",
+                          GetWriteStatusControlRegisterRequestBuffer,
+                          "[%s] Failed to call GetWriteStatusControlRegisterRequestBuffer().\n",
+                          kPrinted};
 constexpr Element kEnergy{GetReadEnergyAccumulatorRegisterRequestBuffer,
                           "[%s] Failed to call GetReadEnergyAccumulatorRegisterRequestBuffer().\n",
                           nullptr, nullptr, kPrinted};
@@ -34,9 +35,10 @@ constexpr Element kPowerControlHotplug{
     GetReadPowerControlRegisterRequestBuffer,
     "[%s] Failed to call GetReadPowerControlRegisterRequestBuffer()\n", nullptr, nullptr,
     kLoggedError};
-constexpr Element kExhaustHeat{GetReadExhaustHeatIndexRegisterRequestBuffer,
-                               "[%s] Failed to call GetReadExhaustHeatIndexRegisterRequestBuffer().\n",
-                               nullptr, nullptr, kPrinted};
+constexpr Element kExhaustHeat{
+    GetReadExhaustHeatIndexRegisterRequestBuffer,
+    "[%s] Failed to call GetReadExhaustHeatIndexRegisterRequestBuffer().\n", nullptr, nullptr,
+    kPrinted};
 constexpr Element kServerPowerDown{
     GetReadServerPowerDownRegisterRequestBuffer,
     "[%s] Failed to call GetReadServerPowerDownRegisterRequestBuffer().\n", nullptr, nullptr,
@@ -144,7 +146,7 @@ int extendedCapability(const char *name, uint32_t mask, const char *handleFailur
 using namespace zelo::firmware;
 
 // Accessor, element, register id, length, output type.
-#define ZELO_SINGLE_READS(X)                                                                      \
+#define ZELO_SINGLE_READS(X)                                                                       \
     X(ZELO_ReadPowerStatusRegister, kStatus, 0, 1, uint8_t)                                        \
     X(ZELO_2_6_ReadPowerEventRegister, kStatus, 1, 2, uint16_t)                                    \
     X(ZELO_ReadPowerHardwareErrorRegister, kStatus, 2, 1, uint8_t)                                 \
@@ -175,20 +177,20 @@ using namespace zelo::firmware;
     X(ZELO_ReadRedundancyTargetRegister, kPowerSupplyElement, 30, 1, uint8_t)
 
 // Accessor, element, register id, length, value type.
-#define ZELO_WRITES(X)                                                                            \
+#define ZELO_WRITES(X)                                                                             \
     X(ZELO_WriteSMSPowerControlPolicyRegister, kStatus, 3, 1, uint8_t)                             \
     X(ZELO_WriteCFFPowerControlPolicyRegister, kStatus, 16, 1, uint8_t)                            \
     X(ZELO_WritePcapRegister, kPowerControl, 0, 2, uint16_t)                                       \
     X(ZELO_WritePcapModeRegister, kPowerControl, 10, 1, uint8_t)                                   \
     X(ZELO_WriteRedundancyTargetRegister, kPowerSupplyElement, 30, 1, uint8_t)
 
-#define ZELO_DEFINE_READ(fn, element, reg, length, T)                                             \
-    uint8_t fn(uint8_t u8ModuleHandle, T *out) {                                                  \
-        return readOne(#fn, element, u8ModuleHandle, reg, length, out);                           \
+#define ZELO_DEFINE_READ(fn, element, reg, length, T)                                              \
+    uint8_t fn(uint8_t u8ModuleHandle, T *out) {                                                   \
+        return readOne(#fn, element, u8ModuleHandle, reg, length, out);                            \
     }
-#define ZELO_DEFINE_WRITE(fn, element, reg, length, T)                                            \
-    uint8_t fn(uint8_t u8ModuleHandle, T value) {                                                 \
-        return writeValue(#fn, element, u8ModuleHandle, reg, length, value);                      \
+#define ZELO_DEFINE_WRITE(fn, element, reg, length, T)                                             \
+    uint8_t fn(uint8_t u8ModuleHandle, T value) {                                                  \
+        return writeValue(#fn, element, u8ModuleHandle, reg, length, value);                       \
     }
 
 extern "C" {
@@ -225,8 +227,8 @@ uint8_t ZELO_ReadStandbyPowerRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value,
     *pu16StandbyPower = 0;
     static constexpr Field kFields[] = {{6, 1}, {7, 2}};
     uint64_t values[2] = {};
-    const uint8_t rc = readFields("ZELO_ReadStandbyPowerRegister", kServerPowerDown,
-                                  u8ModuleHandle, 1, 8, kFields, values);
+    const uint8_t rc = readFields("ZELO_ReadStandbyPowerRegister", kServerPowerDown, u8ModuleHandle,
+                                  1, 8, kFields, values);
     if (rc == ZELO_RC_SUCCESS) {
         *pu8Value = static_cast<uint8_t>(values[0]);
         *pu16StandbyPower = static_cast<uint16_t>(values[1]);
@@ -258,10 +260,8 @@ int ZELO_IsPowerCappingEnabled(void) {
         return 0;
     }
     uint8_t settings = 0;
-    return ZELO_ReadPOSTPowerSettingsRegister(handle, &settings) == 0 &&
-                   (settings & 0x02) != 0
-               ? 1
-               : 0;
+    return ZELO_ReadPOSTPowerSettingsRegister(handle, &settings) == 0 && (settings & 0x02) != 0 ? 1
+                                                                                                : 0;
 }
 
 int ZELO_IsSupportPowerUtilization(void) {

@@ -35,9 +35,9 @@ uint8_t GetInvokeElementMethodRequestBuffer(uint8_t u8ModuleHandle, uint8_t u8El
     if (ppu8Request == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *ppu8Request = nullptr;
-    // The head alone is 6 bytes; a shorter request cannot be built.
+    // Our own guard: the head alone is 6 bytes, a shorter request cannot be built.
     if (u32RequestLen < ZELO_REQUEST_HEAD_LEN)
-        return ZELO_RC_INVALID_PARAMETER;
+        return ZELO_RC_FAILURE;
     auto *request = static_cast<uint8_t *>(std::calloc(u32RequestLen, 1));
     if (request == nullptr)
         return ZELO_RC_NO_MEMORY;
@@ -102,8 +102,8 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
     if (ppu8Response == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *ppu8Response = nullptr;
-    if (pu8Request == nullptr)
-        return ZELO_RC_INVALID_PARAMETER;
+    if (pu8Request == nullptr) // our own guard: nothing to send
+        return ZELO_RC_FAILURE;
     pu8Request[6] = u8RegisterId;
     pu8Request[7] = u8DataLen;
 
@@ -126,8 +126,9 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
 }
 
 uint8_t WriteRegister(uint8_t *pu8Request, uint32_t u32RequestLen) {
+    // Our own guard: a write request carries at least register id and length.
     if (pu8Request == nullptr || u32RequestLen < kReadRequestLen)
-        return ZELO_RC_INVALID_PARAMETER;
+        return ZELO_RC_FAILURE;
     uint8_t response[kWriteResponseLen] = {};
     uint32_t responseLen = kWriteResponseLen;
     const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, pu8Request,

@@ -22,6 +22,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int kDeadlineMs = 1500;
+constexpr useconds_t kConnectRetryUs = 5000;
 
 class Connection {
   public:
@@ -76,18 +77,25 @@ bool socketPath(struct sockaddr_un &addr) {
     return true;
 }
 
-int connectTo(const struct sockaddr_un &addr, int fd, Clock::time_point deadline) {
-    if (::connect(fd, reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) == 0)
-        return 0;
-    if (errno != EINPROGRESS && errno != EAGAIN)
-        return -errno;
-    if (const int rc = waitFor(fd, POLLOUT, deadline); rc != 0)
-        return rc;
-    int error = 0;
-    socklen_t len = sizeof error;
-    if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &len) != 0)
-        return -errno;
-    return -error;
+// Connects before the deadline. A full listen queue (EAGAIN) is not a
+// connection in progress on a Unix socket: try again with a fresh socket.
+int connectTo(const struct sockaddr_un &addr, Clock::time_point deadline, int *fdOut) {
+    for (;;) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        if (fd < 0)
+            return -errno;
+        if (::connect(fd, reinterpret_cast<const struct sockaddr *>(&addr), sizeof addr) == 0) {
+            *fdOut = fd;
+            return 0;
+        }
+        const int error = errno;
+        ::close(fd);
+        if (error != EAGAIN && error != EINTR)
+            return -error;
+        if (remainingMs(deadline) == 0)
+            return -ETIMEDOUT;
+        ::usleep(kConnectRetryUs);
+    }
 }
 
 int sendAll(int fd, const uint8_t *data, std::size_t len, Clock::time_point deadline) {
@@ -143,19 +151,21 @@ extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request
     struct sockaddr_un addr;
     if (!socketPath(addr))
         return -ENAMETOOLONG;
-    const Connection conn(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (conn.fd() < 0)
-        return -errno;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kDeadlineMs);
-
-    if (const int rc = connectTo(addr, conn.fd(), deadline); rc != 0)
+    int fd = -1;
+    if (const int rc = connectTo(addr, deadline, &fd); rc != 0)
         return rc;
+    const Connection conn(fd);
 
-    uint8_t head[kRequestHeadLen] = {netFn, cmd, 0, 0};
-    putLe16(head + 2, static_cast<uint16_t>(requestLen));
-    if (int rc = sendAll(conn.fd(), head, sizeof head, deadline); rc != 0)
-        return rc;
-    if (int rc = sendAll(conn.fd(), request, requestLen, deadline); rc != 0)
+    // One frame in one send, so a peer that answers after the head alone
+    // cannot cut the request in two.
+    uint8_t frame[kRequestHeadLen + kMaxDataLen];
+    frame[0] = netFn;
+    frame[1] = cmd;
+    putLe16(frame + 2, static_cast<uint16_t>(requestLen));
+    if (requestLen > 0)
+        std::memcpy(frame + kRequestHeadLen, request, requestLen);
+    if (const int rc = sendAll(conn.fd(), frame, kRequestHeadLen + requestLen, deadline); rc != 0)
         return rc;
 
     uint8_t lenBytes[kResponseHeadLen];

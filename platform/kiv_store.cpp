@@ -72,7 +72,10 @@ bool readValue(const char *key, int64_t *value) {
     if (fd < 0)
         return false;
     char text[kMaxValueText + 1];
-    const ssize_t n = ::read(fd, text, kMaxValueText + 1);
+    ssize_t n = 0;
+    do
+        n = ::read(fd, text, kMaxValueText + 1);
+    while (n < 0 && errno == EINTR);
     ::close(fd);
     if (n <= 0 || static_cast<std::size_t>(n) > kMaxValueText)
         return false;
@@ -104,7 +107,9 @@ bool writeValue(const char *key, int64_t value) {
         return false;
     char text[kMaxValueText];
     const int len = std::snprintf(text, sizeof text, "%" PRId64 "\n", value);
-    const bool written = ::fchmod(fd, 0644) == 0 && ::write(fd, text, len) == len;
+    // Flushed before the rename, so a crash leaves the old value or the new one.
+    const bool written =
+        ::fchmod(fd, 0644) == 0 && ::write(fd, text, len) == len && ::fsync(fd) == 0;
     const bool closed = ::close(fd) == 0;
     if (!written || !closed || ::rename(temp, path) != 0) {
         ::unlink(temp);

@@ -3,6 +3,7 @@
 #include <zelo/platform.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -61,7 +62,15 @@ extern "C" FILE *secure_popen(const char *command, const char *mode) {
     }
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::dup2(fds[1], STDOUT_FILENO); // dup2 clears close-on-exec on the copy
+        // The command starts as from a clean shell: default SIGPIPE, nothing blocked.
+        ::signal(SIGPIPE, SIG_DFL);
+        sigset_t none;
+        ::sigemptyset(&none);
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);
+        if (fds[1] == STDOUT_FILENO)
+            ::fcntl(STDOUT_FILENO, F_SETFD, 0); // keep it across exec
+        else
+            ::dup2(fds[1], STDOUT_FILENO); // the copy has no close-on-exec
         ::execv(argv[0], argv);
         ::_exit(127);
     }

@@ -113,22 +113,23 @@ int kiv_config_get_int(const char *key, int *value) {
     return 1;
 }
 
-static int fakeSet(const char *what, const char *key, int64_t value) {
-    gFake.storeCalls.push_back(std::string(what) + " " + key + "=" + std::to_string(value));
+static int fakeSet(const char *what, const char *key, int64_t value, int flag) {
+    gFake.storeCalls.push_back(std::string(what) + " " + key + "=" + std::to_string(value) +
+                               " flag " + std::to_string(flag));
     if (gFake.failingSets.count(key) != 0)
         return 0;
     gFake.store[key] = value;
     return 1;
 }
 
-int kiv_config_set_bool(const char *key, uint8_t value, int) {
-    return fakeSet("set_bool", key, value);
+int kiv_config_set_bool(const char *key, uint8_t value, int flag) {
+    return fakeSet("set_bool", key, value, flag);
 }
-int kiv_config_set_int(const char *key, int value, int) {
-    return fakeSet("set_int", key, value);
+int kiv_config_set_int(const char *key, int value, int flag) {
+    return fakeSet("set_int", key, value, flag);
 }
-int kiv_config_set_int64(const char *key, int64_t value, int) {
-    return fakeSet("set_int64", key, value);
+int kiv_config_set_int64(const char *key, int64_t value, int flag) {
+    return fakeSet("set_int64", key, value, flag);
 }
 
 int kiv_config_clear(const char *key) {

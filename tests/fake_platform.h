@@ -29,7 +29,7 @@ struct FakePlatform {
     uint32_t lastCapacity = 0;
 
     std::map<std::string, int64_t> store;
-    std::vector<std::string> storeCalls; // "get_bool k", "set_int k=5", "clear k"
+    std::vector<std::string> storeCalls; // "get_bool k", "set_int k=5 flag 1", "clear k"
     std::set<std::string> failingSets;   // keys whose setters fail
 
     long uptime = 100;

@@ -27,7 +27,8 @@ std::vector<std::string> commandLine(const std::string &program,
     return argv;
 }
 
-// Starts argv with stdout and stderr on pipes (outFd, errFd, either may be null).
+// Starts argv with stdout on a pipe, and stderr on one when errFd is given;
+// otherwise the child shares the test's stderr, so its reports stay visible.
 pid_t spawn(const std::vector<std::string> &argv, int *outFd, int *errFd) {
     int out[2], err[2];
     if (::pipe(out) != 0 || ::pipe(err) != 0)
@@ -39,7 +40,8 @@ pid_t spawn(const std::vector<std::string> &argv, int *outFd, int *errFd) {
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::dup2(out[1], STDOUT_FILENO);
-        ::dup2(err[1], STDERR_FILENO);
+        if (errFd != nullptr)
+            ::dup2(err[1], STDERR_FILENO);
         ::close(out[0]);
         ::close(err[0]);
         ::execvp(cargv[0], cargv.data());

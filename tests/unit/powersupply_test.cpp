@@ -23,8 +23,7 @@ class PowerSupplyTest : public PlatformTest {
     }
     // Capabilities bit 7 and extended capabilities as given.
     void expectCapabilities(uint8_t extendedLow16Hi, uint8_t extendedLow) {
-        fake().expect(
-            {0x2E, 0x81, concat(head(kHandle, 0, 0x82), {7, 1}), okResponse({0x80})});
+        fake().expect({0x2E, 0x81, concat(head(kHandle, 0, 0x82), {7, 1}), okResponse({0x80})});
         fake().expect({0x2E, 0x81, concat(head(kHandle, 0, 0x82), {14, 4}),
                        okResponse({0, 0, extendedLow16Hi, extendedLow})});
     }
@@ -139,8 +138,8 @@ TEST_F(PowerSupplyTest, PsuTypeEntryIsGatedByTheRedundancyCapability) {
     EXPECT_EQ(ZELO_WriteTargetRedundancyConfigurationRegister(kHandle, 1), ZELO_RC_FAILURE);
 
     expectCapabilities(0x02, 0x00);
-    fake().expect({0x2E, 0x81, indexedRequest(0, 1, 4),
-                   okResponse({0, 1, 4, 0xA1, 0xB2, 0x04, 0x4C})});
+    fake().expect(
+        {0x2E, 0x81, indexedRequest(0, 1, 4), okResponse({0, 1, 4, 0xA1, 0xB2, 0x04, 0x4C})});
     testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_ReadSupportedPSUTypesIndexedBuffer(kHandle, 1, &entry), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -160,7 +159,8 @@ TEST_F(PowerSupplyTest, PsuTypeEntryIsGatedByTheRedundancyCapability) {
 // A configuration entry: properties 0x0047 (mode 2, valid, policy1/target0,
 // active), 2+1, words 1, 2, 3, then the index list.
 Bytes configEntry(uint8_t index, uint8_t entryLength, const Bytes &list) {
-    return okResponse(concat({1, index, entryLength, 0x3C, 0x00, 0x47, 2, 1, 0, 1, 0, 2, 0, 3}, list));
+    return okResponse(
+        concat({1, index, entryLength, 0x3C, 0x00, 0x47, 2, 1, 0, 1, 0, 2, 0, 3}, list));
 }
 
 class ConfigEntryTest : public PowerSupplyTest {
@@ -168,8 +168,8 @@ class ConfigEntryTest : public PowerSupplyTest {
     // Reads entry 0 with index-list factors f1 x f2 and the given answer.
     uint8_t read(uint8_t f1, uint8_t f2, const Bytes &answer, RedundancyConfigEntry &entry) {
         expectConfigurationBlock(okResponse({5, 0, 2, 1, f1, f2}));
-        fake().expect({0x2E, 0x81, indexedRequest(1, 0, static_cast<uint8_t>(11 + f1 * f2)),
-                       answer});
+        fake().expect(
+            {0x2E, 0x81, indexedRequest(1, 0, static_cast<uint8_t>(11 + f1 * f2)), answer});
         testing::internal::CaptureStdout();
         const uint8_t rc = ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(kHandle, 0, &entry);
         output = testing::internal::GetCapturedStdout();
@@ -189,8 +189,7 @@ TEST_F(ConfigEntryTest, DecodesPropertiesAndCopiesTheIndexList) {
     EXPECT_EQ(e.u8PowerMode, 2);
     EXPECT_EQ(e.u8ValidForPSUs, 1);
     EXPECT_EQ(e.u8AllowedPolicy1Target0, 1);
-    EXPECT_EQ(e.u8AllowedPolicy0Target0 | e.u8AllowedPolicy1Target1 | e.u8AllowedPolicy0Target1,
-              0);
+    EXPECT_EQ(e.u8AllowedPolicy0Target0 | e.u8AllowedPolicy1Target1 | e.u8AllowedPolicy0Target1, 0);
     EXPECT_EQ(e.u8Active, 1);
     EXPECT_EQ(e.u8Bit7, 0);
     EXPECT_EQ(e.u8Bit7Clear, 1);

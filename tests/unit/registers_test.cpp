@@ -31,7 +31,8 @@ ReadFn reader(uint8_t (*fn)(uint8_t, T *)) {
     };
 }
 
-#define ROW(fn, element, reg, length) {#fn, element, reg, length, reader(fn)}
+#define ROW(fn, element, reg, length)                                                              \
+    { #fn, element, reg, length, reader(fn) }
 const ReadRow kReads[] = {
     ROW(ZELO_ReadPowerStatusRegister, 0, 0, 1),
     ROW(ZELO_2_6_ReadPowerEventRegister, 0, 1, 2),
@@ -112,14 +113,20 @@ TEST_F(RegistersTest, WritesSendTheirValueMostSignificantFirst) {
         Bytes tail; // register id, length, value bytes
         uint8_t element;
     } writes[] = {
-        {"SMS policy", [] { return ZELO_WriteSMSPowerControlPolicyRegister(kHandle, 0xA5); },
-         {3, 1, 0xA5}, 0},
-        {"CFF policy", [] { return ZELO_WriteCFFPowerControlPolicyRegister(kHandle, 0x03); },
-         {16, 1, 0x03}, 0},
+        {"SMS policy",
+         [] { return ZELO_WriteSMSPowerControlPolicyRegister(kHandle, 0xA5); },
+         {3, 1, 0xA5},
+         0},
+        {"CFF policy",
+         [] { return ZELO_WriteCFFPowerControlPolicyRegister(kHandle, 0x03); },
+         {16, 1, 0x03},
+         0},
         {"power cap", [] { return ZELO_WritePcapRegister(kHandle, 300); }, {0, 2, 0x01, 0x2C}, 7},
         {"capping mode", [] { return ZELO_WritePcapModeRegister(kHandle, 2); }, {10, 1, 2}, 7},
-        {"redundancy target", [] { return ZELO_WriteRedundancyTargetRegister(kHandle, 1); },
-         {30, 1, 1}, 10},
+        {"redundancy target",
+         [] { return ZELO_WriteRedundancyTargetRegister(kHandle, 1); },
+         {30, 1, 1},
+         10},
     };
     for (const auto &w : writes) {
         SCOPED_TRACE(w.name);
@@ -173,10 +180,9 @@ TEST_F(RegistersTest, ExtendedCapabilityQueriesTestTheirBits) {
         {0x80, 0x000, 0, 0},
     };
     for (const auto &c : cases) {
-        const Bytes extended = {static_cast<uint8_t>(c.extended >> 24),
-                                static_cast<uint8_t>(c.extended >> 16),
-                                static_cast<uint8_t>(c.extended >> 8),
-                                static_cast<uint8_t>(c.extended)};
+        const Bytes extended = {
+            static_cast<uint8_t>(c.extended >> 24), static_cast<uint8_t>(c.extended >> 16),
+            static_cast<uint8_t>(c.extended >> 8), static_cast<uint8_t>(c.extended)};
         expectRead(0, 7, 1, {c.capabilities});
         expectRead(0, 14, 4, extended);
         EXPECT_EQ(ZELO_IsStaticPowerSavingsModeSupported(), c.staticSavings) << c.extended;
@@ -218,8 +224,9 @@ TEST_F(RegistersTest, CappingQueriesNeedAHandleAndAnAnswer) {
     const auto out = testing::internal::GetCapturedStdout();
     EXPECT_NE(out.find("[ZELO_IsPowerCappingEnabled]Failed to call ZELO_GetModuleHandle().\n"),
               std::string::npos);
-    EXPECT_NE(out.find("[ZELO_IsPowerCappingModeSupported]Failed to call ZELO_GetModuleHandle().\n"),
-              std::string::npos);
+    EXPECT_NE(
+        out.find("[ZELO_IsPowerCappingModeSupported]Failed to call ZELO_GetModuleHandle().\n"),
+        std::string::npos);
 }
 
 TEST_F(RegistersTest, CappingQueriesReadTheirRegisters) {
