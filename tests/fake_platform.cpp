@@ -78,6 +78,13 @@ extern "C" {
 int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t requestLen,
                    uint8_t *response, uint32_t *responseLen) {
     const zelo::test::Bytes sent(request, request + requestLen);
+    if (gFake.firmware != nullptr) {
+        const auto answer = gFake.firmware->handle(netFn, cmd, sent);
+        const auto n = std::min<std::size_t>(answer.size(), *responseLen);
+        std::copy_n(answer.begin(), n, response);
+        *responseLen = static_cast<uint32_t>(n);
+        return 0;
+    }
     if (gFake.next >= gFake.script.size()) {
         ADD_FAILURE() << "unexpected IPMI request";
         return -1;

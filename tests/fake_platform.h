@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "model.h"
+
 namespace zelo::test {
 
 using Bytes = std::vector<uint8_t>;
@@ -25,6 +27,8 @@ struct IpmiStep {
 
 struct FakePlatform {
     std::vector<IpmiStep> script;
+    // When set, requests go to this in-process firmware instead of the script.
+    sim::Firmware *firmware = nullptr;
     std::size_t next = 0;
     uint32_t lastCapacity = 0;
 

@@ -1,1 +1,152 @@
+// The redundancy report, walked against the in-process simulated firmware.
 #include "fake_platform.h"
+
+#include "scenario.h"
+
+#include <zelo.h>
+
+namespace zelo::test {
+namespace {
+
+class RedundancyReportTest : public PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        fake().store["zelo_supported_0"] = 1;
+        fake().store["zelo_module_handle_0"] = 5;
+    }
+    void TearDown() override {
+        ZELO_FreeRedundancyConfigs(&report);
+        PlatformTest::TearDown();
+    }
+    // Runs the report against the built-in firmware changed by `lines`.
+    uint8_t run(const std::string &lines) {
+        sim::Scenario scenario;
+        std::string error;
+        EXPECT_TRUE(sim::parseScenario(lines, "test.scn", scenario, error)) << error;
+        firmware = std::make_unique<sim::Firmware>(scenario);
+        fake().firmware = firmware.get();
+        testing::internal::CaptureStdout();
+        const uint8_t rc = ZELO_GetRedundancyConfigs(&report);
+        testing::internal::GetCapturedStdout();
+        return rc;
+    }
+    std::string description(int i) const { return report.descriptions[i]; }
+
+    std::unique_ptr<sim::Firmware> firmware;
+    RedundancyConfigs report{};
+};
+
+// Types 750 W and 1100 W; four configurations, the third active. Property
+// bits: 0 power mode 2, 1 valid, 2 allowed policy1/target0, 3 policy0/target0,
+// 4 policy1/target1, 5 policy0/target1, 6 active.
+constexpr const char *kFourShapes = R"(
+psutype 0 0 750
+psutype 0 1 1100
+redundancy 0 0 1+1 props 0x07 list 0,0
+redundancy 0 1 1+1 props 0x22 list 0,0,0,0
+redundancy 0 2 2+1 props 0x4A list 0,1,0,1
+redundancy 0 3 1+0 props 0x27 list 1,1
+)";
+
+TEST_F(RedundancyReportTest, DescribesEveryShapeAndFindsTheActiveOne) {
+    ASSERT_EQ(run(kFourShapes), 0) << report.errorText;
+    EXPECT_STREQ(report.errorText, "");
+    EXPECT_EQ(report.supportedPSUTypes, 2);
+    EXPECT_EQ(report.supportedConfigs, 4);
+    EXPECT_EQ(report.psuTypes[1].u16PSUWattage, 1100);
+    EXPECT_EQ(description(0), "1+1 with one 750W power supply per feed");
+    EXPECT_EQ(description(1), "1+1 with two 750W power supplies per feed");
+    EXPECT_EQ(description(2), "2+1 with one 750W and 1100W power supply per feed");
+    EXPECT_EQ(description(3), "1+0 with one 1100W power supply per feed");
+    EXPECT_EQ(report.activeConfig, 2);
+    EXPECT_EQ(report.firstPowerMode1Config, 1) << "entry 0 is power mode 2";
+}
+
+TEST_F(RedundancyReportTest, AllowedFollowsPolicyBit0AndTarget) {
+    // Policy bit 0 set, target 0: bit 2 of the properties decides.
+    ASSERT_EQ(run(std::string(kFourShapes) + "reg 0 0 16 0x01\n"), 0);
+    EXPECT_EQ(report.policyBit0Clear, 0);
+    EXPECT_EQ(report.policyBit1Clear, 1);
+    EXPECT_EQ(report.allowedConfigCount, 2);
+    EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 4),
+              (std::vector<uint8_t>{1, 0, 0, 1}));
+    ZELO_FreeRedundancyConfigs(&report);
+
+    // Policy 0, target 2: bit 5 decides; an allowed entry that is not valid
+    // for the installed supplies counts but shows 0.
+    ASSERT_EQ(
+        run(std::string(kFourShapes) + "reg 0 10 30 2\nredundancy 0 4 1+1 props 0x20 list 0,0\n"),
+        0);
+    EXPECT_EQ(report.redundancyTarget, 2);
+    EXPECT_EQ(report.allowedConfigCount, 3);
+    EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 5),
+              (std::vector<uint8_t>{0, 1, 0, 1, 0}));
+}
+
+TEST_F(RedundancyReportTest, LaterActiveEntryWins) {
+    ASSERT_EQ(run("psutype 0 0 800\n"
+                  "redundancy 0 0 1+1 props 0x0042 list 0,0\n"
+                  "redundancy 0 1 1+1 props 0x0042 list 0,0\n"),
+              0);
+    EXPECT_EQ(report.activeConfig, 1);
+    EXPECT_EQ(report.firstPowerMode1Config, 0);
+}
+
+TEST_F(RedundancyReportTest, NoActiveEntryStillFillsEverything) {
+    ASSERT_EQ(run("psutype 0 0 800\n"
+                  "redundancy 0 0 1+1 props 0x0A list 0,0\n"
+                  "redundancy 0 1 2+0 props 0x0B list 0,0\n"),
+              1);
+    EXPECT_STREQ(report.errorText, "Error, no active configuration found");
+    EXPECT_EQ(report.activeConfig, -1);
+    EXPECT_EQ(description(1), "2+0 with one 800W power supply per feed");
+    EXPECT_EQ(report.allowedConfigCount, 2);
+}
+
+TEST_F(RedundancyReportTest, RefusesWhatItCannotDescribe) {
+    const struct {
+        const char *lines;
+        const char *error;
+    } cases[] = {
+        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list 0,1\n",
+         "Error, PSU index (1) is larger than number of supported types (1)"},
+        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list 0,0,0\n",
+         "Error, unexpected value for u8PSUTypeIndexLen=3"},
+        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list none\n",
+         "Error, unexpected value for u8PSUTypeIndexLen=0"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.lines);
+        EXPECT_EQ(run(c.lines), 1);
+        EXPECT_STREQ(report.errorText, c.error);
+        ZELO_FreeRedundancyConfigs(&report);
+    }
+}
+
+TEST_F(RedundancyReportTest, FirmwareFailuresNameTheStepAndCode) {
+    EXPECT_EQ(run("reg 0 0 14 0x140\n"), 255) << "no redundancy capability";
+    EXPECT_STREQ(report.errorText,
+                 "Error reading supported PSU types indexed buffer for index=0, rc=255");
+    ZELO_FreeRedundancyConfigs(&report);
+
+    EXPECT_EQ(run("fault 0 10 0x82 0xC9\n"), 0xC9);
+    EXPECT_STREQ(report.errorText, "Error reading redundancy target register, rc=201");
+    ZELO_FreeRedundancyConfigs(&report);
+
+    EXPECT_EQ(run("fault 0 10 0x87 0xCA\n"), 0xCA);
+    EXPECT_STREQ(report.errorText,
+                 "Error reading supported PSU types indexed buffer for index=0, rc=202");
+}
+
+TEST_F(RedundancyReportTest, WithoutAHandleNothingIsAsked) {
+    fake().store.clear();
+    fake().store["zelo_supported_0"] = 1; // supported, but no handle stored
+    EXPECT_EQ(run(""), 1);
+    EXPECT_STREQ(report.errorText, "Error getting ZELO module handle");
+    EXPECT_EQ(report.activeConfig, -1);
+    EXPECT_EQ(report.firstPowerMode1Config, -1);
+}
+
+} // namespace
+} // namespace zelo::test
