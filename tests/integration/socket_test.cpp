@@ -153,53 +153,5 @@ TEST_F(SocketTest, BytesBeyondTheCapacityAreNeverWritten) {
     EXPECT_EQ(response[6], 0xEE);
 }
 
-TEST_F(SocketTest, ZeloctlDiscoversAndReadsThroughTheStore) {
-    SimProcess sim(root.path(), kScenario);
-    const auto discovered = runProgram(ZELO_ZELOCTL_PATH, {"discover"});
-    EXPECT_EQ(discovered.status, 0) << discovered.err;
-    EXPECT_NE(discovered.out.find("module handle  5"), std::string::npos) << discovered.out;
-
-    // The first read discovers through the store; the second finds it there.
-    for (int i = 0; i < 2; ++i) {
-        const auto read = runProgram(ZELO_ZELOCTL_PATH, {"read", "7", "0", "2"});
-        EXPECT_EQ(read.status, 0) << read.err;
-        EXPECT_NE(read.out.find("element 7 register 0: 450 (0x01C2)"), std::string::npos)
-            << read.out;
-    }
-    EXPECT_TRUE(std::filesystem::exists(root.path() + "/var/lib/zelo/kiv/zelo_module_handle_0"));
-
-    const auto expansion =
-        runProgram(ZELO_ZELOCTL_PATH, {"--instance", "1", "read", "7", "9", "2"});
-    EXPECT_EQ(expansion.status, 0) << expansion.err;
-    EXPECT_NE(expansion.out.find(": 1200 "), std::string::npos) << expansion.out;
-
-    const auto faulted = runProgram(ZELO_ZELOCTL_PATH, {"read", "9", "0", "1"});
-    EXPECT_EQ(faulted.status, 1);
-    EXPECT_NE(faulted.err.find("result code 201"), std::string::npos) << faulted.err;
-}
-
-TEST_F(SocketTest, ZeloctlRefusesBadArgumentsAndReportsAbsentFirmware) {
-    for (const auto &args :
-         std::vector<std::vector<std::string>>{{},
-                                               {"frobnicate"},
-                                               {"read", "7", "0"},
-                                               {"read", "7", "0", "9"},
-                                               {"read", "256", "0", "2"},
-                                               {"read", "7", "x", "2"},
-                                               {"--instance", "2", "discover"}}) {
-        const auto r = runProgram(ZELO_ZELOCTL_PATH, args);
-        EXPECT_EQ(r.status, 2) << testing::PrintToString(args);
-        EXPECT_NE(r.err.find("usage: zeloctl"), std::string::npos);
-    }
-    const auto help = runProgram(ZELO_ZELOCTL_PATH, {"--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("usage: zeloctl"), std::string::npos);
-
-    SimProcess sim(root.path(), "present no\n");
-    const auto r = runProgram(ZELO_ZELOCTL_PATH, {"discover"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.err.find("result code 193"), std::string::npos) << r.err;
-}
-
 } // namespace
 } // namespace zelo::test

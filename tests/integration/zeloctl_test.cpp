@@ -1,0 +1,156 @@
+// zeloctl, as people and scripts use it, against the real simulator.
+#include "sim_process.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace zelo::test {
+namespace {
+
+std::string scenarioFile(const char *name) {
+    std::ifstream in(std::string(ZELO_SCENARIO_DIR) + "/" + name);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+RunResult zeloctl(const std::vector<std::string> &args) {
+    return runProgram(ZELO_ZELOCTL_PATH, args);
+}
+
+bool contains(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos;
+}
+
+class ZeloctlTest : public ::testing::Test {
+  protected:
+    TempRoot root;
+};
+
+TEST_F(ZeloctlTest, RedundancyReportOfANonTrivialFirmware) {
+    SimProcess sim(root.path(), scenarioFile("redundancy.scn"));
+    const auto text = zeloctl({"redundancy"});
+    ASSERT_EQ(text.status, 0) << text.err;
+    EXPECT_TRUE(contains(text.out, "PSU types: 0: 1100 W, 1: 1600 W, 2: 800 W")) << text.out;
+    EXPECT_TRUE(contains(text.out, "1       *       yes      1     2+1 with two 1600W power "
+                                   "supplies per feed"))
+        << text.out;
+    EXPECT_TRUE(contains(text.out, "4               no       2     2+0 with one 1600W power "
+                                   "supply per feed"))
+        << text.out;
+    EXPECT_EQ(text.err, "") << "library diagnostics stay out of the way";
+
+    const auto json = zeloctl({"--json", "redundancy"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    EXPECT_EQ(json.out.rfind("{\"policy\":0,\"target\":1,\"active\":1,\"allowed_count\":2,", 0), 0u)
+        << json.out;
+    EXPECT_TRUE(contains(json.out, "{\"index\":3,\"description\":\"1+1 with one 1100W power supply "
+                                   "per feed\",\"n\":1,\"m\":1,\"power_mode\":2,"))
+        << json.out;
+    EXPECT_EQ(json.out.back(), '\n');
+    EXPECT_EQ(std::count(json.out.begin(), json.out.end(), '\n'), 1) << "one JSON object";
+}
+
+TEST_F(ZeloctlTest, WithoutTheRedundancyCapabilityTheReportFails) {
+    SimProcess sim(root.path(), scenarioFile("no-redundancy.scn"));
+    const auto r = zeloctl({"redundancy"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, "zeloctl: redundancy report failed, result code 255: Error reading supported "
+                     "PSU types indexed buffer for index=0, rc=255\n");
+    const auto gated = zeloctl({"write", "target-redundancy-config", "1"});
+    EXPECT_EQ(gated.status, 1);
+    EXPECT_TRUE(contains(gated.err, "result code 255")) << gated.err;
+    // The redundancy target itself has no such gate.
+    EXPECT_EQ(zeloctl({"write", "redundancy-target", "1"}).status, 0);
+}
+
+TEST_F(ZeloctlTest, PowerSuppliesAndExpansion) {
+    SimProcess sim(root.path(), scenarioFile("redundancy.scn"));
+    const auto psu = zeloctl({"psu"});
+    ASSERT_EQ(psu.status, 0) << psu.err;
+    EXPECT_TRUE(contains(psu.out, "0       yes      220 V          1600 W\n")) << psu.out;
+    EXPECT_TRUE(contains(psu.out, "3       no       -              0 W\n")) << psu.out;
+
+    const auto expansion = zeloctl({"--json", "expansion"});
+    ASSERT_EQ(expansion.status, 0) << expansion.err;
+    EXPECT_EQ(expansion.out, "{\"total_input_power\":1600,\"standby_power\":20}\n");
+}
+
+TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
+    SimProcess sim(root.path(), scenarioFile("default.scn") + "fault 0 9 0x82 0xC9\n");
+    EXPECT_EQ(zeloctl({"read", "power-cap"}).out, "power-cap: watts=450\n");
+    EXPECT_EQ(zeloctl({"write", "power-cap", "0x12C"}).status, 0);
+    EXPECT_EQ(zeloctl({"--json", "read", "power-cap"}).out,
+              "{\"register\":\"power-cap\",\"watts\":300}\n");
+    EXPECT_EQ(zeloctl({"read", "standby-power"}).out, "standby-power: byte=7 watts=30\n");
+    EXPECT_EQ(zeloctl({"raw", "7", "0", "2"}).out, "element 7 register 0: 300 (0x012C)\n");
+
+    const auto faulted = zeloctl({"read", "inlet-temperature"});
+    EXPECT_EQ(faulted.status, 1);
+    EXPECT_EQ(faulted.err, "zeloctl: read inlet-temperature failed, result code 201\n");
+
+    const struct {
+        std::vector<std::string> args;
+        const char *error;
+    } refused[] = {
+        {{"write", "power-cap", "65536"}, "bad value '65536' for power-cap (0-65535)"},
+        {{"write", "capping-mode", "256"}, "bad value '256' for capping-mode (0-255)"},
+        {{"write", "power-cap", "-1"}, "bad value '-1'"},
+        {{"write", "nameplate", "3"}, "register 'nameplate' is read-only"},
+        {{"read", "target-redundancy-config"}, "can only be written"},
+        {{"read", "bogus"}, "unknown register 'bogus'"},
+        {{"frobnicate"}, "unknown command 'frobnicate'"},
+        {{"read"}, "wrong number of arguments for 'read'"},
+        {{"raw", "7", "0", "9"}, "bad raw read"},
+        {{"--instance", "2", "discover"}, "bad option '--instance'"},
+    };
+    for (const auto &c : refused) {
+        const auto r = zeloctl(c.args);
+        EXPECT_EQ(r.status, 2) << testing::PrintToString(c.args);
+        EXPECT_TRUE(contains(r.err, c.error)) << r.err;
+    }
+    EXPECT_EQ(zeloctl({"read", "power-cap"}).out, "power-cap: watts=300\n") << "nothing written";
+}
+
+TEST_F(ZeloctlTest, HelpForEveryCommand) {
+    const auto help = zeloctl({"--help"});
+    EXPECT_EQ(help.status, 0);
+    for (const char *command :
+         {"discover", "registers", "read", "write", "raw", "psu", "redundancy", "expansion"}) {
+        EXPECT_TRUE(contains(help.out, std::string("  ") + command)) << command;
+        const auto one = zeloctl({command, "--help"});
+        EXPECT_EQ(one.status, 0) << command;
+        EXPECT_EQ(one.out.rfind("usage: zeloctl", 0), 0u) << one.out;
+    }
+    const auto none = zeloctl({});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_TRUE(contains(none.err, "usage: zeloctl"));
+}
+
+TEST_F(ZeloctlTest, DiscoveryPublishesTheHandleAndAbsentFirmwareIsReported) {
+    {
+        SimProcess sim(root.path(), scenarioFile("default.scn"));
+        const auto found = zeloctl({"discover"});
+        EXPECT_EQ(found.status, 0);
+        EXPECT_EQ(found.out, "instance       0\nmodule handle  5\ndescriptors    0x01 0x02\n");
+        EXPECT_EQ(zeloctl({"read", "power-cap"}).status, 0);
+        EXPECT_TRUE(
+            std::filesystem::exists(root.path() + "/var/lib/zelo/kiv/zelo_module_handle_0"));
+    }
+    std::filesystem::remove_all(root.path() + "/var/lib/zelo/kiv");
+    SimProcess sim(root.path(), scenarioFile("absent.scn"));
+    const auto absent = zeloctl({"discover"});
+    EXPECT_EQ(absent.status, 1);
+    EXPECT_EQ(absent.err, "zeloctl: discovery failed, result code 193\n");
+    const auto read = zeloctl({"read", "power-cap"});
+    EXPECT_EQ(read.status, 1);
+    EXPECT_EQ(read.err, "zeloctl: no firmware module handle for instance 0\n");
+}
+
+} // namespace
+} // namespace zelo::test
