@@ -6,6 +6,14 @@
 
 namespace zelo {
 
+namespace {
+void toSyslog(int priority, const char *message) {
+    syslog(LOG_USER | priority, "%s", message);
+}
+} // namespace
+
+SyslogFn gSyslog = toSyslog;
+
 void report(Notice notice, const char *format, ...) {
     char message[256];
     va_list args;
@@ -20,7 +28,7 @@ void report(Notice notice, const char *format, ...) {
             std::fputc('\n', stdout);
     }
     if (notice.sinks & kToSyslog)
-        syslog(LOG_USER | notice.priority, "%s", message);
+        gSyslog(notice.priority, message);
 }
 
 } // namespace zelo

@@ -133,9 +133,10 @@ extern "C" {
 uint8_t ZELO_ReadMaxNumberOfPowerSuppliesRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value) {
     if (pu8Value == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
+    *pu8Value = 0;
     uint8_t data = 0;
-    const uint8_t rc = readData("ZELO_ReadMaxNumberOfPowerSuppliesRegister", kPowerSupplyElement,
-                                u8ModuleHandle, 0, {&data, 1});
+    const uint8_t rc = readData("ZELO_ReadMaxNumberOfPowerSuppliesRegister",
+                                kPowerSupplyReportedElement, u8ModuleHandle, 0, {&data, 1});
     if (rc == ZELO_RC_SUCCESS)
         *pu8Value = static_cast<uint8_t>((data & 0x0F) + 1);
     return rc;

@@ -61,6 +61,7 @@ uint8_t readOne(const char *name, const Element &element, uint8_t handle, uint8_
 int extendedCapability(const char *name, uint32_t mask, const char *handleFailure);
 
 extern const Element kPowerSupplyElement;
+extern const Element kPowerSupplyReportedElement;
 extern const Element kPowerSupplyPerSupplyElement;
 
 } // namespace zelo::firmware

@@ -55,11 +55,17 @@ struct Buffers {
 
 } // namespace
 
+// The redundancy target follows the plain register pattern (printed); the
+// other element-10 reads report (printed and logged).
 const Element kPowerSupplyElement{
     GetReadPowerSupplyRegisterRequestBuffer,
     "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n",
     GetWritePowerSupplyRegisterRequestBuffer,
-    "[%s] Failed to call GetWritePowerSupplyRegisterRequestBuffer().\n", kReportedError};
+    "[%s] Failed to call GetWritePowerSupplyRegisterRequestBuffer().\n", kPrinted};
+const Element kPowerSupplyReportedElement{
+    GetReadPowerSupplyRegisterRequestBuffer,
+    "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n", nullptr, nullptr,
+    kReportedError};
 const Element kPowerSupplyPerSupplyElement{
     GetReadPowerSupplyRegisterRequestBuffer,
     "[%s] Failed to call GetReadStatusRegisterRequestBuffer().\n", nullptr, nullptr,

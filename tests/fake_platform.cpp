@@ -1,6 +1,7 @@
 #include "fake_platform.h"
 
 #include "firmware/discovery_internal.h"
+#include "report.h"
 
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
@@ -29,6 +30,10 @@ int fakeSysinfo(struct sysinfo *info) {
 constexpr uint8_t kIana[3] = {ZELO_IANA_ID & 0xFF, (ZELO_IANA_ID >> 8) & 0xFF,
                               (ZELO_IANA_ID >> 16) & 0xFF};
 
+void recordSyslog(int priority, const char *message) {
+    gFake.syslog.emplace_back(priority, message);
+}
+
 } // namespace
 
 FakePlatform &fake() {
@@ -39,6 +44,7 @@ void PlatformTest::SetUp() {
     gFake = FakePlatform{};
     firmware::resetSupportCache();
     firmware::gSysinfo = fakeSysinfo;
+    gSyslog = recordSyslog;
     char tmpl[] = "/tmp/zelo-test-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl), nullptr);
     root = tmpl;

@@ -36,6 +36,8 @@ struct FakePlatform {
     std::vector<std::string> storeCalls; // "get_bool k", "set_int k=5 flag 1", "clear k"
     std::set<std::string> failingSets;   // keys whose setters fail
 
+    std::vector<std::pair<int, std::string>> syslog; // priority, message
+
     long uptime = 100;
     bool sysinfoFails = false;
 

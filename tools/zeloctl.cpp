@@ -189,14 +189,19 @@ int usageError(const char *format, const char *arg) {
     return kExitUsage;
 }
 
-// Parses an unsigned decimal or 0x-hex number no larger than max.
+// Parses an unsigned decimal or 0x-prefixed hexadecimal number no larger
+// than max; anything else (signs, blanks, octal-looking zeros) is refused.
 bool parseNumber(const char *text, uint64_t max, uint64_t *value) {
-    if (text == nullptr || *text == '\0' || *text == '-' || *text == '+' || *text == ' ')
+    if (text == nullptr)
         return false;
-    char *end = nullptr;
+    const bool hex = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const char *digits = hex ? text + 2 : text;
+    const char *accepted = hex ? "0123456789abcdefABCDEF" : "0123456789";
+    if (*digits == '\0' || std::strspn(digits, accepted) != std::strlen(digits))
+        return false;
     errno = 0;
-    const unsigned long long v = std::strtoull(text, &end, 0);
-    if (errno != 0 || *end != '\0' || v > max)
+    const unsigned long long v = std::strtoull(digits, nullptr, hex ? 16 : 10);
+    if (errno != 0 || v > max)
         return false;
     *value = v;
     return true;
@@ -227,12 +232,20 @@ int cmdDiscover() {
 }
 
 int cmdRegisters() {
+    const auto access = [](const Register &r) {
+        return r.read && r.write ? "read/write" : r.read ? "read" : "write";
+    };
+    if (json) {
+        std::fprintf(out, "{\"registers\":[");
+        for (const auto &r : kRegisters)
+            std::fprintf(out, "%s{\"name\":\"%s\",\"access\":\"%s\",\"bytes\":%u}",
+                         &r == kRegisters ? "" : ",", r.name, access(r), r.bytes);
+        std::fprintf(out, "]}\n");
+        return 0;
+    }
     for (const auto &r : kRegisters)
-        std::fprintf(out, "%-26s %-10s %u byte%s\n", r.name,
-                     r.read && r.write ? "read/write"
-                     : r.read          ? "read"
-                                       : "write",
-                     r.bytes, r.bytes == 1 ? "" : "s");
+        std::fprintf(out, "%-26s %-10s %u byte%s\n", r.name, access(r), r.bytes,
+                     r.bytes == 1 ? "" : "s");
     return 0;
 }
 
@@ -462,7 +475,8 @@ void usage(FILE *to) {
     std::fprintf(to, "\noptions:\n"
                      "  --json        print results as one JSON object\n"
                      "  --verbose     show the library's diagnostics on stderr\n"
-                     "  --instance N  firmware instance: 0 the server (default), 1 the expansion\n"
+                     "  --instance N  firmware instance for discover, read, write, raw, psu:\n"
+                     "                0 the server (default), 1 the expansion unit\n"
                      "  --help        show this text; 'zeloctl COMMAND --help' shows one command\n"
                      "\nNumbers are decimal or 0x-prefixed hexadecimal. Exit status: 0 success,\n"
                      "1 the firmware or library failed (the result code is shown), 2 bad usage.\n");
@@ -511,12 +525,16 @@ void separateLibraryOutput(bool verbose) {
     out = ::fdopen(results, "w");
     if (out == nullptr)
         out = stdout;
+    // Line by line, so diagnostics and zeloctl's own errors keep their order.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
 int main(int argc, char **argv) {
     bool verbose = false;
-    for (int k = 1; k < argc && argv[k][0] == '-'; ++k)
+    for (int k = 1; k < argc && argv[k][0] == '-'; ++k) {
         verbose = verbose || std::string_view(argv[k]) == "--verbose";
+        k += std::string_view(argv[k]) == "--instance"; // skip its value
+    }
     separateLibraryOutput(verbose);
 
     int i = 1;

@@ -101,6 +101,8 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
         {{"write", "power-cap", "65536"}, "bad value '65536' for power-cap (0-65535)"},
         {{"write", "capping-mode", "256"}, "bad value '256' for capping-mode (0-255)"},
         {{"write", "power-cap", "-1"}, "bad value '-1'"},
+        {{"write", "power-cap", " 5"}, "bad value ' 5'"},
+        {{"write", "power-cap", "0x"}, "bad value '0x'"},
         {{"write", "nameplate", "3"}, "register 'nameplate' is read-only"},
         {{"read", "target-redundancy-config"}, "can only be written"},
         {{"read", "bogus"}, "unknown register 'bogus'"},
@@ -127,17 +129,28 @@ TEST_F(ZeloctlTest, HelpForEveryCommand) {
         EXPECT_EQ(one.status, 0) << command;
         EXPECT_EQ(one.out.rfind("usage: zeloctl", 0), 0u) << one.out;
     }
+    const auto registers = zeloctl({"--json", "registers"});
+    EXPECT_EQ(registers.status, 0);
+    EXPECT_EQ(registers.out.rfind("{\"registers\":[{\"name\":\"power-status\",\"access\":"
+                                  "\"read\",\"bytes\":1},",
+                                  0),
+              0u)
+        << registers.out;
+
     const auto none = zeloctl({});
     EXPECT_EQ(none.status, 2);
     EXPECT_TRUE(contains(none.err, "usage: zeloctl"));
 }
 
-TEST_F(ZeloctlTest, DiscoveryPublishesTheHandleAndAbsentFirmwareIsReported) {
+TEST_F(ZeloctlTest, ReadsPublishTheHandleAndAbsentFirmwareIsReported) {
     {
         SimProcess sim(root.path(), scenarioFile("default.scn"));
         const auto found = zeloctl({"discover"});
         EXPECT_EQ(found.status, 0);
         EXPECT_EQ(found.out, "instance       0\nmodule handle  5\ndescriptors    0x01 0x02\n");
+        EXPECT_FALSE(
+            std::filesystem::exists(root.path() + "/var/lib/zelo/kiv/zelo_module_handle_0"))
+            << "discovery alone publishes nothing";
         EXPECT_EQ(zeloctl({"read", "power-cap"}).status, 0);
         EXPECT_TRUE(
             std::filesystem::exists(root.path() + "/var/lib/zelo/kiv/zelo_module_handle_0"));

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <syslog.h>
 
 namespace zelo::test {
 namespace {
@@ -149,8 +150,10 @@ TEST_F(DiscoveryTest, SysinfoFailingOnFirstCallSkipsDiscovery) {
     fake().sysinfoFails = true;
     testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_IsSupported(0), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              std::string("Failed to call sysinfo(), errno:") + std::strerror(EFAULT) + ".\n");
+    const std::string message =
+        std::string("Failed to call sysinfo(), errno:") + std::strerror(EFAULT) + ".\n";
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), message);
+    EXPECT_EQ(fake().syslog, (std::vector<std::pair<int, std::string>>{{LOG_ERR, message}}));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include <zelo.h>
 
 #include <cstdlib>
+#include <syslog.h>
 
 namespace zelo::test {
 namespace {
@@ -35,6 +36,8 @@ class PowerSupplyTest : public PlatformTest {
     }
 };
 
+using Logged = std::vector<std::pair<int, std::string>>;
+
 TEST_F(PowerSupplyTest, SupplyRegisterIdsAreCheckedBeforeAnyTraffic) {
     uint32_t power[4] = {};
     testing::internal::CaptureStdout();
@@ -50,6 +53,11 @@ TEST_F(PowerSupplyTest, SupplyRegisterIdsAreCheckedBeforeAnyTraffic) {
               "ID [1]\n"
               "[ZELO_ReadPowerSupplyInputVoltageRegister] Unexpected Power Supply Input Voltage "
               "register ID [36]\n");
+    ASSERT_EQ(fake().syslog.size(), 3u) << "reported: printed and logged";
+    EXPECT_EQ(fake().syslog[0],
+              (std::pair<int, std::string>{LOG_WARNING,
+                                           "[ZELO_ReadOutputLabelPowerRegister] Unexpected "
+                                           "Power Supply Output Label power register ID [3]\n"}));
 }
 
 TEST_F(PowerSupplyTest, OutputLabelPowerDecodesAtMostFourSupplies) {
@@ -128,14 +136,32 @@ TEST_F(PowerSupplyTest, ConfigurationBlockChecksItsLength) {
               "[ZELO_ReadPowerSupplyElementConfigurationRegister] config len [4] is unexpected.\n"
               "[ZELO_ReadPowerSupplyElementConfigurationRegister] Failed to call "
               "ipmi(NETFN_DUV,ELEMENT_METHOD) and the respbuf[0] is 193.\n");
+    EXPECT_EQ(
+        fake().syslog.front(),
+        (std::pair<int, std::string>{LOG_DEBUG, "ZELO_ReadPowerSupplyElementConfigurationRegister: "
+                                                "configuration data length is 5\n"}));
+
+    fake().expect({0x2E, 0x81, head(kHandle, 10, 0x80), {}, -5});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadPowerSupplyElementConfigurationRegister(kHandle, config), ZELO_RC_FAILURE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadPowerSupplyElementConfigurationRegister] Failed to call "
+              "ipmi(NETFN_DUV,ELEMENT_METHOD) and the result code is -5.\n");
 }
 
 TEST_F(PowerSupplyTest, PsuTypeEntryIsGatedByTheRedundancyCapability) {
     expectCapabilities(0x01, 0x40); // bit 8 and 6, not 9
     PSUTypeEntry entry = {7, 7, 7};
+    testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_ReadSupportedPSUTypesIndexedBuffer(kHandle, 0, &entry), ZELO_RC_FAILURE);
     expectCapabilities(0x01, 0x40);
     EXPECT_EQ(ZELO_WriteTargetRedundancyConfigurationRegister(kHandle, 1), ZELO_RC_FAILURE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "the gate only logs";
+    EXPECT_EQ(fake().syslog,
+              (Logged{{LOG_WARNING, "[ZELO_ReadSupportedPSUTypesIndexedBuffer] target redundancy "
+                                    "cfg register is not supported\n"},
+                      {LOG_WARNING, "[ZELO_WriteTargetRedundancyConfigurationRegister] target "
+                                    "redundancy cfg register is not supported\n"}}));
 
     expectCapabilities(0x02, 0x00);
     fake().expect(
@@ -154,6 +180,15 @@ TEST_F(PowerSupplyTest, PsuTypeEntryIsGatedByTheRedundancyCapability) {
     expectCapabilities(0x02, 0x00);
     fake().expect({0x2E, 0x81, concat(head(kHandle, 10, 0x83), {31, 1, 2}), okResponse({})});
     EXPECT_EQ(ZELO_WriteTargetRedundancyConfigurationRegister(kHandle, 2), 0);
+
+    expectCapabilities(0x02, 0x00);
+    fake().expect({0x2E, 0x81, indexedRequest(0, 2, 4), {}, -110});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadSupportedPSUTypesIndexedBuffer(kHandle, 2, &entry), ZELO_RC_FAILURE);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadSupportedPSUTypesIndexedBuffer] Failed to call IPMI_DoIPMICmd(NETFN_DUV, "
+              "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is -110.\n");
+    EXPECT_EQ(entry.u16PSUWattage, 1100) << "untouched on failure";
 }
 
 // A configuration entry: properties 0x0047 (mode 2, valid, policy1/target0,
@@ -165,11 +200,13 @@ Bytes configEntry(uint8_t index, uint8_t entryLength, const Bytes &list) {
 
 class ConfigEntryTest : public PowerSupplyTest {
   protected:
-    // Reads entry 0 with index-list factors f1 x f2 and the given answer.
-    uint8_t read(uint8_t f1, uint8_t f2, const Bytes &answer, RedundancyConfigEntry &entry) {
+    // Reads entry 0 with index-list factors f1 x f2 and the given answer (or
+    // transport result).
+    uint8_t read(uint8_t f1, uint8_t f2, const Bytes &answer, RedundancyConfigEntry &entry,
+                 int transport = 0) {
         expectConfigurationBlock(okResponse({5, 0, 2, 1, f1, f2}));
-        fake().expect(
-            {0x2E, 0x81, indexedRequest(1, 0, static_cast<uint8_t>(11 + f1 * f2)), answer});
+        fake().expect({0x2E, 0x81, indexedRequest(1, 0, static_cast<uint8_t>(11 + f1 * f2)), answer,
+                       transport});
         testing::internal::CaptureStdout();
         const uint8_t rc = ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(kHandle, 0, &entry);
         output = testing::internal::GetCapturedStdout();
@@ -235,6 +272,16 @@ TEST_F(ConfigEntryTest, IndexListLengthComesFromTheEntryLength) {
     std::free(e.pu8PSUTypeIndex);
 }
 
+TEST_F(ConfigEntryTest, LargeFactorsAskForTheLowByteAndHoldTheWholeEntry) {
+    RedundancyConfigEntry e = {};
+    // 255 x 255 + 11 = 65036: the request carries its low byte, the area holds it all.
+    ASSERT_EQ(read(255, 255, configEntry(0, 15, {0, 1, 0, 1}), e), 0);
+    EXPECT_EQ(fake().lastCapacity, 65043u);
+    ASSERT_EQ(e.u8PSUTypeIndexLen, 4);
+    EXPECT_EQ(Bytes(e.pu8PSUTypeIndex, e.pu8PSUTypeIndex + 4), (Bytes{0, 1, 0, 1}));
+    std::free(e.pu8PSUTypeIndex);
+}
+
 TEST_F(ConfigEntryTest, FailuresOfEitherExchange) {
     RedundancyConfigEntry e = {};
     expectConfigurationBlock({0xC3});
@@ -243,6 +290,11 @@ TEST_F(ConfigEntryTest, FailuresOfEitherExchange) {
     EXPECT_NE(testing::internal::GetCapturedStdout().find(
                   "[ZELO_ReadSupportedRedundancyConfigsIndexedBuffer] Failed to call get ps "
                   "element configurations.\n"),
+              std::string::npos);
+
+    EXPECT_EQ(read(2, 2, {}, e, -7), ZELO_RC_FAILURE);
+    EXPECT_NE(output.find("[ZELO_ReadSupportedRedundancyConfigsIndexedBuffer] Failed to call "
+                          "IPMICmd(0x2E,0x81) and the result code is -7.\n"),
               std::string::npos);
 
     EXPECT_EQ(read(2, 2, {0xCC}, e), 0xCC);

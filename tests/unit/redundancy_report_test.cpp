@@ -82,6 +82,16 @@ TEST_F(RedundancyReportTest, AllowedFollowsPolicyBit0AndTarget) {
     EXPECT_EQ(report.allowedConfigCount, 3);
     EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 5),
               (std::vector<uint8_t>{0, 1, 0, 1, 0}));
+    ZELO_FreeRedundancyConfigs(&report);
+
+    // Policy 0, target 0: bit 3; policy 1, target 1: bit 4 (nobody here).
+    ASSERT_EQ(run(kFourShapes), 0);
+    EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 4),
+              (std::vector<uint8_t>{0, 0, 1, 0}));
+    ZELO_FreeRedundancyConfigs(&report);
+    ASSERT_EQ(run(std::string(kFourShapes) + "reg 0 0 16 0x03\nreg 0 10 30 1\n"), 0);
+    EXPECT_EQ(report.policyBit1Clear, 0);
+    EXPECT_EQ(report.allowedConfigCount, 0);
 }
 
 TEST_F(RedundancyReportTest, LaterActiveEntryWins) {
@@ -134,9 +144,27 @@ TEST_F(RedundancyReportTest, FirmwareFailuresNameTheStepAndCode) {
     EXPECT_STREQ(report.errorText, "Error reading redundancy target register, rc=201");
     ZELO_FreeRedundancyConfigs(&report);
 
+    EXPECT_EQ(run("fault 0 10 0x80 0xC3\n"), 0xC3);
+    EXPECT_STREQ(report.errorText,
+                 "Error reading power supply element configuration register, rc=195");
+    ZELO_FreeRedundancyConfigs(&report);
+
     EXPECT_EQ(run("fault 0 10 0x87 0xCA\n"), 0xCA);
     EXPECT_STREQ(report.errorText,
                  "Error reading supported PSU types indexed buffer for index=0, rc=202");
+}
+
+TEST_F(RedundancyReportTest, EmptyTablesAreRefused) {
+    // A firmware whose configuration block counts no PSU types.
+    fake().expect({0x2E, 0x81, concat(head(5, 10, 0x82), {30, 1}), okResponse({0})});
+    fake().expect({0x2E, 0x81, concat(head(5, 0, 0x82), {16, 1}), okResponse({0})});
+    fake().expect({0x2E, 0x81, head(5, 10, 0x80), okResponse({5, 0, 0, 3, 2, 2})});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_GetRedundancyConfigs(&report), 1);
+    testing::internal::GetCapturedStdout();
+    EXPECT_STREQ(report.errorText,
+                 "Error reading power supply element configuration register, unexpected values, "
+                 "supportedConfigs=3 supportedPSUTypes=0");
 }
 
 TEST_F(RedundancyReportTest, WithoutAHandleNothingIsAsked) {

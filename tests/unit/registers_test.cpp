@@ -5,6 +5,7 @@
 #include <zelo.h>
 
 #include <functional>
+#include <syslog.h>
 
 namespace zelo::test {
 namespace {
@@ -190,9 +191,16 @@ TEST_F(RegistersTest, ExtendedCapabilityQueriesTestTheirBits) {
         expectRead(0, 14, 4, extended);
         EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), c.minHotplug) << c.extended;
     }
-    // Without capabilities bit 7 the extended register is never read.
+    // Without capabilities bit 7 the extended register is never read; the
+    // queries tell the system log only.
     expectRead(0, 7, 1, {0x7F});
+    testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_IsStaticPowerSavingsModeSupported(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    ASSERT_FALSE(fake().syslog.empty());
+    EXPECT_EQ(fake().syslog.back(), (std::pair<int, std::string>{
+                                        LOG_ERR, "[ZELO_IsStaticPowerSavingsModeSupported] "
+                                                 "Extended f/w capabilites REG not supported\n"}));
     fake().expect({0x2E, 0x81, readRequest(0, 7, 1), {0xC1}});
     EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), 0);
 }
