@@ -1,5 +1,6 @@
 // Power supplies and redundancy (element 10): per-supply registers, the
 // element configuration block and the two indexed buffers.
+#include "exchange.h"
 #include "register_access.h"
 
 #include <zelo/firmware.h>
@@ -26,22 +27,6 @@ constexpr uint32_t kPsuTypeResponseLen = 11;
 constexpr uint32_t kConfigEntryHeadLen = 11; // entry bytes before the index list
 constexpr uint32_t kConfigResponseExtra = 7; // response bytes before the entry
 constexpr uint32_t kIndexListOffset = 18;    // response offset of the index list
-
-// Request, response and what arrived, released together on every path.
-struct Exchange {
-    uint8_t *request = nullptr;
-    uint8_t *response = nullptr;
-    uint32_t received = 0;
-    ~Exchange() { CleanReadBuffer(request, response); }
-};
-
-// Sends the request (requestLen bytes) into a zero-filled response area of
-// `capacity` bytes; returns the transport's own result.
-int send(Exchange &x, uint32_t requestLen, uint32_t capacity) {
-    x.received = capacity;
-    return IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, x.request, requestLen,
-                          x.response, &x.received);
-}
 
 struct SupplyRegister {
     const char *name;
@@ -191,12 +176,13 @@ uint8_t ZELO_ReadPowerSupplyElementConfigurationRegister(uint8_t u8ModuleHandle,
                kName);
         return ZELO_RC_NO_MEMORY;
     }
-    x.response = static_cast<uint8_t *>(std::calloc(kConfigurationResponseLen, 1));
-    if (x.response == nullptr) {
+    if (!x.allocateResponse(kConfigurationResponseLen)) {
         report(kReportedError, "[%s] Failed to allocate memory for response buffer.\n", kName);
         return ZELO_RC_NO_MEMORY;
     }
-    if (const int rc = send(x, ZELO_REQUEST_HEAD_LEN, kConfigurationResponseLen); rc != 0) {
+    if (const int rc = x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, ZELO_REQUEST_HEAD_LEN,
+                              kConfigurationResponseLen);
+        rc != 0) {
         report(kReportedError,
                "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the result code is %d.\n",
                kName, rc);
@@ -250,12 +236,13 @@ uint8_t ZELO_ReadSupportedPSUTypesIndexedBuffer(uint8_t u8ModuleHandle, uint8_t 
     x.request[6] = kPsuTypesBuffer;
     x.request[7] = u8Index;
     x.request[8] = kPsuTypeEntryLen;
-    x.response = static_cast<uint8_t *>(std::calloc(kPsuTypeResponseLen, 1));
-    if (x.response == nullptr) {
+    if (!x.allocateResponse(kPsuTypeResponseLen)) {
         std::printf("[%s] Failed to allocate memory for response buffer.\n", kName);
         return ZELO_RC_FAILURE;
     }
-    if (const int rc = send(x, kIndexedRequestLen, kPsuTypeResponseLen); rc != 0) {
+    if (const int rc =
+            x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, kIndexedRequestLen, kPsuTypeResponseLen);
+        rc != 0) {
         std::printf(
             "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
             "and the result code is %d.\n",
@@ -300,12 +287,12 @@ uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle,
     x.request[6] = kRedundancyConfigsBuffer;
     x.request[7] = u8Index;
     x.request[8] = static_cast<uint8_t>(entryLen & 0xFF);
-    x.response = static_cast<uint8_t *>(std::calloc(capacity, 1));
-    if (x.response == nullptr) {
+    if (!x.allocateResponse(capacity)) {
         report(kReportedError, "[%s] Failed to allocate memory for response buffer.\n", kName);
         return ZELO_RC_FAILURE;
     }
-    if (const int rc = send(x, kIndexedRequestLen, capacity); rc != 0) {
+    if (const int rc = x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, kIndexedRequestLen, capacity);
+        rc != 0) {
         report(kReportedError,
                "[%s] Failed to call IPMICmd(0x2E,0x81) and the result code is %d.\n", kName, rc);
         return ZELO_RC_FAILURE;

@@ -3,6 +3,7 @@
 #ifndef ZELO_H
 #define ZELO_H
 
+#include <zelo/acquisition.h>
 #include <zelo/common.h>
 #include <zelo/expansion.h>
 #include <zelo/firmware.h>

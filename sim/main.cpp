@@ -7,7 +7,9 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <string>
@@ -22,13 +24,25 @@ extern "C" void onStopSignal(int) {
 }
 
 void usage(std::FILE *to) {
-    std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH]\n"
+    std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH] [--time-scale N]\n"
                "Answers power-management firmware requests on a Unix-domain socket.\n"
                "  --scenario FILE  firmware setup (default: the built-in firmware)\n"
                "  --socket PATH    where to listen (default: $ZELO_IPMI_SOCKET, else\n"
                "                   /run/zelo-fwsim.sock under $ZELO_ROOT)\n"
+               "  --time-scale N   firmware time runs N times faster than real time\n"
+               "                   (1-100000; default 1), so tests need not wait\n"
                "  --help           show this text\n",
                to);
+}
+
+bool parseScale(const char *text, std::uint64_t *scale) {
+    char *end = nullptr;
+    errno = 0;
+    const unsigned long long v = std::strtoull(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < 1 || v > 100000 || text[0] == '-')
+        return false;
+    *scale = v;
+    return true;
 }
 
 bool installSignals() {
@@ -44,6 +58,7 @@ bool installSignals() {
 int run(int argc, char **argv) {
     std::string scenarioPath;
     std::string socketPath;
+    std::uint64_t timeScale = 1;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
         if (std::strcmp(argv[i], "--help") == 0) {
@@ -54,6 +69,9 @@ int run(int argc, char **argv) {
             scenarioPath = argv[++i];
         } else if (std::strcmp(argv[i], "--socket") == 0 && hasValue) {
             socketPath = argv[++i];
+        } else if (std::strcmp(argv[i], "--time-scale") == 0 && hasValue &&
+                   parseScale(argv[i + 1], &timeScale)) {
+            ++i;
         } else {
             std::fprintf(stderr, "zelo-fwsim: bad argument '%s'\n", argv[i]);
             usage(stderr);
@@ -78,7 +96,8 @@ int run(int argc, char **argv) {
         return 1;
     }
 
-    zelo::sim::Firmware firmware(std::move(scenario));
+    zelo::sim::Firmware firmware(std::move(scenario),
+                                 [timeScale] { return zelo::sim::monotonicMs() * timeScale; });
     zelo::sim::Server server(firmware, gStop);
     if (!server.listen(socketPath, error)) {
         std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());

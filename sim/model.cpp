@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <ctime>
+#include <initializer_list>
+#include <iterator>
 #include <optional>
 
 namespace zelo::sim {
@@ -32,6 +35,25 @@ constexpr std::size_t kEntryIndex = ZELO_REQUEST_HEAD_LEN + 1;
 constexpr std::size_t kBytesWanted = ZELO_REQUEST_HEAD_LEN + 2;
 constexpr std::size_t kIndexedBufferRequestLen = ZELO_REQUEST_HEAD_LEN + 3;
 
+constexpr std::size_t kReadOffset = ZELO_REQUEST_HEAD_LEN;
+constexpr std::size_t kReadWanted = ZELO_REQUEST_HEAD_LEN + 2;
+constexpr std::size_t kSnapshotReadLen = ZELO_REQUEST_HEAD_LEN + 4;
+// Keeps an answer within the socket frame the clients accept.
+constexpr std::size_t kMaxReadLen = 4096 - 8;
+
+constexpr std::size_t kXpmRequestLen = 11;
+constexpr std::size_t kXpmBuffer = 4;
+constexpr std::size_t kXpmSelector = 7;
+constexpr std::uint8_t kXpmReturnedSize = 7;
+// Performance buffer ids, in the order of Performance::current.
+constexpr std::uint8_t kXpmBuffers[] = {0, 4, 5, 6};
+constexpr std::uint8_t kXpmSpread = 10; // max / min around the current value
+
+constexpr unsigned kServer = 0;
+constexpr std::size_t kCapabilitiesRow = *findRegister(0, 7);
+constexpr std::size_t kExtendedRow = *findRegister(0, 14);
+constexpr std::size_t kOutputLabelRow = *findRegister(10, 1);
+
 constexpr std::uint8_t kConfigurationLen = 5;
 constexpr std::uint8_t kPsuTypeBuffer = 0;
 constexpr std::uint8_t kRedundancyBuffer = 1;
@@ -53,6 +75,29 @@ bool idMatches(std::span<const std::uint8_t> request) {
 void putU16(std::vector<std::uint8_t> &out, std::uint16_t v) {
     out.push_back(static_cast<std::uint8_t>(v >> 8));
     out.push_back(static_cast<std::uint8_t>(v));
+}
+
+std::uint16_t getU16(std::span<const std::uint8_t> request, std::size_t at) {
+    return static_cast<std::uint16_t>((request[at] << 8) | request[at + 1]);
+}
+
+// Answer to a request that carries no parameters.
+std::vector<std::uint8_t> plainAnswer(std::span<const std::uint8_t> request,
+                                      std::initializer_list<std::uint8_t> data) {
+    if (request.size() != kConfigurationRequestLen)
+        return reply(kCcBadLength, request);
+    std::vector<std::uint8_t> out = reply(kCcOk, request);
+    out.insert(out.end(), data);
+    return out;
+}
+
+std::uint8_t utilisation(std::uint8_t current, std::uint8_t selector) {
+    const unsigned c = current;
+    if (selector == 1)
+        return static_cast<std::uint8_t>(std::max(c, std::min(c + kXpmSpread, 100U)));
+    if (selector == 2)
+        return static_cast<std::uint8_t>(c > kXpmSpread ? c - kXpmSpread : 0);
+    return current;
 }
 
 std::vector<std::uint8_t> powerSupplyConfiguration(const PowerSupplyTables &t,
@@ -119,6 +164,22 @@ std::vector<std::uint8_t> powerSupplyBuffer(const PowerSupplyTables &t,
 
 } // namespace
 
+std::uint64_t monotonicMs() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<std::uint64_t>(ts.tv_sec) * 1000U +
+           static_cast<std::uint64_t>(ts.tv_nsec) / 1000000U;
+}
+
+Firmware::Firmware(Scenario scenario, MsClock clock)
+    : state_(std::move(scenario)), clock_(std::move(clock)), bootMs_(clock_()),
+      recorder_(state_.power, state_.snapshots, state_.perf.current[1]) {}
+
+std::uint64_t Firmware::now() const {
+    const std::uint64_t t = clock_();
+    return t > bootMs_ ? t - bootMs_ : 0;
+}
+
 std::vector<std::uint8_t> Firmware::handle(std::uint8_t netFn, std::uint8_t cmd,
                                            std::span<const std::uint8_t> request) {
     if (!state_.present || netFn != NETFN_DUV)
@@ -128,6 +189,11 @@ std::vector<std::uint8_t> Firmware::handle(std::uint8_t netFn, std::uint8_t cmd,
         return findInstance(request);
     case CMDID_ZELO_INVOKE_ELEMENT_METHOD:
         return invokeMethod(request);
+    case CMDID_ZELO_XPM_EXTENSIONS: {
+        Bytes out = xpm(request);
+        cutShort(true, 0, 0, out);
+        return out;
+    }
     default:
         return {kCcInvalidCommand};
     }
@@ -167,18 +233,27 @@ Firmware::Bytes Firmware::invokeMethod(std::span<const std::uint8_t> request) {
         ++number;
     if (number == kInstanceCount)
         return reply(kCcInvalidField, request);
+    const std::uint8_t element = request[kElement];
     const std::uint8_t method = request[kMethod];
-    if (const Fault *f = findFault(false, static_cast<int>(number), request[kElement], method))
-        return reply(f->cc, request);
+    const Fault *f = findFault(false, static_cast<int>(number), element, method);
+    Bytes out = f ? reply(f->cc, request) : runMethod(number, request);
+    cutShort(false, element, method, out);
+    return out;
+}
 
+Firmware::Bytes Firmware::runMethod(unsigned number, std::span<const std::uint8_t> request) {
     InstanceSetup &inst = state_.instances[number];
-    switch (method) {
+    switch (request[kMethod]) {
     case ZELO_METHOD_READ_REGISTER:
         return readRegister(inst, request);
     case ZELO_METHOD_WRITE_REGISTER:
         return writeRegister(inst, request);
     case ZELO_METHOD_READ_CONFIGURATION:
-        return readConfiguration(inst, request);
+        return readConfiguration(number, request);
+    case ZELO_METHOD_READ_BUFFER:
+        if (number == kServer && request[kElement] == kSnapshotElement)
+            return readSnapshot(request);
+        return reply(kCcInvalidField, request);
     case ZELO_METHOD_READ_INDEXED_BUFFER:
         return readIndexedBuffer(inst, request);
     default:
@@ -224,14 +299,98 @@ Firmware::Bytes Firmware::writeRegister(InstanceSetup &inst,
 
 // Which elements have a configuration or indexed buffers, and their layout,
 // differs per element: one case each.
-Firmware::Bytes Firmware::readConfiguration(const InstanceSetup &inst,
+Firmware::Bytes Firmware::readConfiguration(unsigned number,
                                             std::span<const std::uint8_t> request) {
-    switch (request[kElement]) {
-    case kPowerSupplyElement:
-        return powerSupplyConfiguration(inst.psu, request);
+    const std::uint8_t element = request[kElement];
+    if (element == kPowerSupplyElement)
+        return powerSupplyConfiguration(state_.instances[number].psu, request);
+    if (number != kServer)
+        return reply(kCcInvalidField, request);
+    const HistogramSetup &h = state_.snapshots.histogram;
+    const InputPowerSetup &ip = state_.snapshots.inputPower;
+    switch (element) {
+    case kHistogramElement:
+        return plainAnswer(request, {0, 0, static_cast<std::uint8_t>(h.base >> 8),
+                                     static_cast<std::uint8_t>(h.base), 0, 0, h.inner, h.width,
+                                     h.bucketBytes, 0});
+    case kSnapshotElement:
+        return snapshotConfiguration(request);
+    case kInputPowerElement:
+        return plainAnswer(request,
+                           {0, 0, 0, ip.entries, ip.repeat, ip.lead, ip.width1, ip.width2, 0, 0});
     default:
         return reply(kCcInvalidField, request);
     }
+}
+
+Firmware::Bytes Firmware::snapshotConfiguration(std::span<const std::uint8_t> request) {
+    const std::uint16_t chunk = state_.snapshots.chunkSize;
+    // The scenario parser keeps the largest layout within a u16.
+    const auto total = static_cast<std::uint16_t>(currentBuffer().size());
+    return plainAnswer(
+        request, {0, 0, static_cast<std::uint8_t>(chunk >> 8), static_cast<std::uint8_t>(chunk), 0,
+                  0, static_cast<std::uint8_t>(total >> 8), static_cast<std::uint8_t>(total)});
+}
+
+Firmware::Bytes Firmware::currentBuffer() {
+    recorder_.advanceTo(now());
+    const RegisterValues &r = state_.instances[kServer].registers;
+    const LayoutRegisters regs{static_cast<std::uint8_t>(r[kCapabilitiesRow]),
+                               static_cast<std::uint32_t>(r[kExtendedRow]), r[kOutputLabelRow]};
+    return snapshotBuffer(recorder_.current(), state_.snapshots, regs);
+}
+
+Firmware::Bytes Firmware::readSnapshot(std::span<const std::uint8_t> request) {
+    if (request.size() != kSnapshotReadLen)
+        return reply(kCcBadLength, request);
+    const Bytes buffer = currentBuffer();
+    const std::size_t offset = getU16(request, kReadOffset);
+    const std::size_t n = offset < buffer.size()
+                              ? std::min({std::size_t{getU16(request, kReadWanted)},
+                                          buffer.size() - offset, kMaxReadLen})
+                              : 0;
+    Bytes out = reply(kCcOk, request);
+    putU16(out, recorder_.current().tag);
+    putU16(out, static_cast<std::uint16_t>(n + (state_.snapshots.overlongRead ? 1 : 0)));
+    const auto from = buffer.begin() + static_cast<std::ptrdiff_t>(std::min(offset, buffer.size()));
+    out.insert(out.end(), from, from + static_cast<std::ptrdiff_t>(n));
+
+    const std::uint32_t every = state_.snapshots.everyReads;
+    if (every != 0 && ++reads_ % every == 0)
+        recorder_.snapshotNow(now());
+    return out;
+}
+
+Firmware::Bytes Firmware::xpm(std::span<const std::uint8_t> request) {
+    if (!state_.perf.present)
+        return reply(kCcInvalidCommand, request);
+    if (request.size() != kXpmRequestLen)
+        return reply(kCcBadLength, request);
+    if (!idMatches(request))
+        return reply(kCcInvalidField, request);
+    if (std::optional<XpmFault> &f = state_.xpmFault; f && (!f->remaining || *f->remaining > 0)) {
+        if (f->remaining)
+            --*f->remaining;
+        return reply(f->cc, request);
+    }
+    const auto buffer =
+        std::find(std::begin(kXpmBuffers), std::end(kXpmBuffers), request[kXpmBuffer]);
+    const std::uint8_t selector = request[kXpmSelector];
+    const bool fixedBytes =
+        request[3] == 0x04 && request[8] == 0x01 && request[9] == 0x00 && request[10] == 0x01;
+    if (buffer == std::end(kXpmBuffers) || selector > 2 || !fixedBytes)
+        return reply(kCcInvalidField, request);
+
+    const std::uint64_t t = now();
+    recorder_.advanceTo(t);
+    const auto seconds = static_cast<std::uint32_t>(recorder_.firmwareMs(t) / 1000);
+    const std::uint8_t current =
+        state_.perf.current[static_cast<std::size_t>(buffer - std::begin(kXpmBuffers))];
+    Bytes out = reply(kCcOk, request);
+    putU16(out, static_cast<std::uint16_t>(seconds >> 16));
+    putU16(out, static_cast<std::uint16_t>(seconds));
+    out.insert(out.end(), {kXpmReturnedSize, state_.perf.status, utilisation(current, selector)});
+    return out;
 }
 
 Firmware::Bytes Firmware::readIndexedBuffer(const InstanceSetup &inst,
@@ -241,6 +400,15 @@ Firmware::Bytes Firmware::readIndexedBuffer(const InstanceSetup &inst,
         return powerSupplyBuffer(inst.psu, request);
     default:
         return reply(kCcInvalidField, request);
+    }
+}
+
+void Firmware::cutShort(bool xpm, std::uint8_t element, std::uint8_t method, Bytes &answer) const {
+    for (auto a = state_.shortAnswers.rbegin(); a != state_.shortAnswers.rend(); ++a) {
+        if (a->xpm == xpm && (xpm || (a->element == element && a->method == method))) {
+            answer.resize(std::min<std::size_t>(answer.size(), a->bytes));
+            return;
+        }
     }
 }
 

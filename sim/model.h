@@ -22,12 +22,40 @@
 //        bytes wanted. Buffer 0 holds PSU types [b0, b1, watts (2)], buffer 1
 //        redundancy configurations [byte0, properties (2), N, M, three u16
 //        words, PSU-type list]. Unknown buffer or index: 0xCC.
-// Numbers are big-endian. Other elements answer 0xCC to both methods.
+// Numbers are big-endian.
+//
+// Instance 0 (the server) also measures power (sim/telemetry.h):
+//   element 2  0x80  histogram configuration: [0, 0, base (2), 0, 0, inner
+//                    bucket count, bucket width, bucket bytes, 0]
+//   element 3  0x80  snapshot configuration: [0, 0, chunk size (2), 0, 0,
+//                    buffer length (2)]
+//   element 3  0x81  snapshot read, parameters [offset (2), bytes wanted (2)]:
+//                    [tag (2), bytes returned (2), bytes...]; at most what is
+//                    left past the offset (none past the end) and 4088 bytes
+//   element 11 0x80  input-power layout: [0, 0, 0, E, R, A, W1, W2, 0, 0]
+// The snapshot buffer, multi-byte numbers big-endian, N the histogram bytes:
+//   0 status, 1 DC energy (8, W x ms), 9 histogram counters (N), 9+N event
+//   word (2), 11+N effective CPU (4); unless a blade: 15+N AC energy (8),
+//   23+N outlet C, 24+N inlet C. With register 0/7 bit 7 an extended part
+//   follows, its blocks chosen by register 0/14: 0x08 sixteen zero bytes,
+//   0x04 (not on blades) the input-power block, 0x10 the snapshot's firmware
+//   time (8, ms), 0x20 the subsystem list: count, then (type, energy (8)) with
+//   types 1 CPU, 2 memory, 4 cooling. The layout follows the registers at the
+//   time of the read.
+//
+// XPM command 0x84, request [id (3), 4, buffer, x, x, selector, 1, 0, 1] with
+// buffer 0 system, 4 CPU, 5 memory, 6 I/O and selector 0 current, 1 max,
+// 2 min: [firmware seconds (4), 7, status, utilisation %]. No performance
+// buffers: 0xC1 to every request.
+//
+// Other elements answer 0xCC to the table methods.
 #pragma once
 
 #include "scenario.h"
+#include "telemetry.h"
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -38,9 +66,16 @@ inline constexpr std::uint8_t kCcInvalidCommand = 0xC1;
 inline constexpr std::uint8_t kCcBadLength = 0xC7;
 inline constexpr std::uint8_t kCcInvalidField = 0xCC;
 
+// Milliseconds since an arbitrary origin; must not run backwards.
+using MsClock = std::function<std::uint64_t()>;
+
+// CLOCK_MONOTONIC, which a time-faking preload library speeds up as well.
+std::uint64_t monotonicMs();
+
 class Firmware {
   public:
-    explicit Firmware(Scenario scenario) : state_(std::move(scenario)) {}
+    // The firmware boots now: firmware time 0, the first snapshot.
+    explicit Firmware(Scenario scenario, MsClock clock = monotonicMs);
 
     // One exchange; the answer starts with the completion code. Writes
     // change the state that later requests see.
@@ -55,14 +90,25 @@ class Firmware {
 
     Bytes findInstance(std::span<const std::uint8_t> request);
     Bytes invokeMethod(std::span<const std::uint8_t> request);
+    Bytes runMethod(unsigned number, std::span<const std::uint8_t> request);
+    Bytes xpm(std::span<const std::uint8_t> request);
+    Bytes snapshotConfiguration(std::span<const std::uint8_t> request);
+    Bytes readSnapshot(std::span<const std::uint8_t> request);
+    Bytes currentBuffer();
+    std::uint64_t now() const;
     Bytes readRegister(InstanceSetup &inst, std::span<const std::uint8_t> request);
     Bytes writeRegister(InstanceSetup &inst, std::span<const std::uint8_t> request);
-    Bytes readConfiguration(const InstanceSetup &inst, std::span<const std::uint8_t> request);
+    Bytes readConfiguration(unsigned number, std::span<const std::uint8_t> request);
     Bytes readIndexedBuffer(const InstanceSetup &inst, std::span<const std::uint8_t> request);
     const Fault *findFault(bool discovery, int instance, std::uint8_t element,
                            std::uint8_t method) const;
+    void cutShort(bool xpm, std::uint8_t element, std::uint8_t method, Bytes &answer) const;
 
     Scenario state_;
+    MsClock clock_;
+    std::uint64_t bootMs_;
+    Recorder recorder_;
+    std::uint64_t reads_ = 0;
 };
 
 } // namespace zelo::sim

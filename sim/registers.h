@@ -24,11 +24,14 @@ inline constexpr std::array kRegisters = {
     RegisterDef{0, 1, 2, false, 0x0000, "power event"},
     RegisterDef{0, 2, 1, false, 0x00, "hardware error"},
     RegisterDef{0, 3, 1, true, 0x00, "SMS power control policy"},
-    RegisterDef{0, 5, 1, false, 0x02, "POST power settings"},   // bit1: capping enabled
-    RegisterDef{0, 7, 1, false, 0x81, "firmware capabilities"}, // bit7: register 14 exists
+    RegisterDef{0, 5, 1, false, 0x02, "POST power settings"}, // bit1: capping enabled
+    // Bit 7: register 14 exists, snapshots carry their extended part.
+    RegisterDef{0, 7, 1, false, 0x81, "firmware capabilities"},
     RegisterDef{0, 8, 1, false, 0x07, "server power capabilities"},
-    RegisterDef{0, 9, 1, false, 0x01, "server power settings"},   // bits0-2: capping setting
-    RegisterDef{0, 14, 4, false, 0x340, "extended capabilities"}, // bits 6, 8, 9
+    RegisterDef{0, 9, 1, false, 0x01, "server power settings"}, // bits0-2: capping setting
+    // Bits 2-5 pick snapshot blocks (sim/telemetry.h); 6, 8, 9 capping and
+    // redundancy features.
+    RegisterDef{0, 14, 4, false, 0x37C, "extended capabilities"},
     RegisterDef{0, 16, 1, true, 0x00, "CFF power control policy"},
     // element 1: energy accumulators (joules)
     RegisterDef{1, 0, 8, false, 1234567890, "DC energy accumulator"},

@@ -1,11 +1,14 @@
 #include "scenario.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 namespace zelo::sim {
 
@@ -85,6 +88,47 @@ struct ListsStarted {
     std::array<bool, kInstanceCount> configs{};
 };
 
+// Lines that set one number.
+struct NumberLine {
+    std::string_view keyword;
+    const char *usage;
+    std::uint64_t min;
+    std::uint64_t max;
+    void (*set)(Scenario &, std::uint64_t);
+};
+
+template <typename T>
+T narrow(std::uint64_t v) {
+    return static_cast<T>(v); // the line's range makes it fit
+}
+
+constexpr NumberLine kNumberLines[] = {
+    {"delay", "delay <ms>", 0, kMaxDelayMs,
+     [](Scenario &s, std::uint64_t v) { s.delayMs = narrow<std::uint32_t>(v); }},
+    {"efficiency", "efficiency <percent>", 1, 100,
+     [](Scenario &s, std::uint64_t v) { s.power.efficiencyPct = narrow<std::uint8_t>(v); }},
+    {"snapshot-period", "snapshot-period <ms>", 100, 86400000,
+     [](Scenario &s, std::uint64_t v) { s.snapshots.periodMs = narrow<std::uint32_t>(v); }},
+    {"chunk-size", "chunk-size <bytes>", 0, 0xFFFF,
+     [](Scenario &s, std::uint64_t v) { s.snapshots.chunkSize = narrow<std::uint16_t>(v); }},
+    {"status-byte", "status-byte <v>", 0, 0xFF,
+     [](Scenario &s, std::uint64_t v) { s.snapshots.status = narrow<std::uint8_t>(v); }},
+    {"event-word", "event-word <v>", 0, 0xFFFF,
+     [](Scenario &s, std::uint64_t v) { s.snapshots.event = narrow<std::uint16_t>(v); }},
+    {"restart-at", "restart-at <ms>", 0, UINT64_MAX,
+     [](Scenario &s, std::uint64_t v) { s.snapshots.restartAtMs = v; }},
+    {"snapshot-every-reads", "snapshot-every-reads <k>", 0, UINT32_MAX,
+     [](Scenario &s, std::uint64_t v) { s.snapshots.everyReads = narrow<std::uint32_t>(v); }},
+    {"perf-status", "perf-status <v>", 0, 0xFF,
+     [](Scenario &s, std::uint64_t v) { s.perf.status = narrow<std::uint8_t>(v); }},
+};
+
+constexpr std::pair<std::string_view, Subsystem> kSubsystemNames[] = {
+    {"cpu", Subsystem::Cpu},
+    {"memory", Subsystem::Memory},
+    {"cooling", Subsystem::Cooling},
+};
+
 // One line's worth of parsing; every check leaves its message in error.
 class LineParser {
   public:
@@ -93,23 +137,35 @@ class LineParser {
         : words_(words), sc_(scenario), started_(started), error_(error) {}
 
     bool apply() {
+        using Handler = bool (LineParser::*)();
+        static constexpr std::pair<std::string_view, Handler> kKeywords[] = {
+            {"present", &LineParser::present},
+            {"instance", &LineParser::instance},
+            {"reg", &LineParser::reg},
+            {"fault", &LineParser::fault},
+            {"psu-factors", &LineParser::psuFactors},
+            {"psutype", &LineParser::psuType},
+            {"redundancy", &LineParser::redundancy},
+            {"power", &LineParser::power},
+            {"shares", &LineParser::shares},
+            {"temperatures", &LineParser::temperatures},
+            {"histogram", &LineParser::histogram},
+            {"input-power", &LineParser::inputPower},
+            {"blade", &LineParser::blade},
+            {"subsystems", &LineParser::subsystems},
+            {"perf", &LineParser::perf},
+            {"short-answer", &LineParser::shortAnswer},
+            {"overlong-read", &LineParser::overlongRead},
+        };
         const std::string_view keyword = words_[0];
-        if (keyword == "present")
-            return present();
-        if (keyword == "instance")
-            return instance();
-        if (keyword == "reg")
-            return reg();
-        if (keyword == "fault")
-            return fault();
-        if (keyword == "delay")
-            return delay();
-        if (keyword == "psu-factors")
-            return psuFactors();
-        if (keyword == "psutype")
-            return psuType();
-        if (keyword == "redundancy")
-            return redundancy();
+        for (const auto &[name, handler] : kKeywords) {
+            if (keyword == name)
+                return (this->*handler)();
+        }
+        for (const NumberLine &line : kNumberLines) {
+            if (keyword == line.keyword)
+                return numberLine(line);
+        }
         return fail(
             format("unknown keyword '%.*s'", static_cast<int>(keyword.size()), keyword.data()));
     }
@@ -122,11 +178,12 @@ class LineParser {
 
     bool usage(const char *text) { return fail(std::string("usage: ") + text); }
 
-    bool number(std::size_t index, std::uint64_t max, std::uint64_t &out) {
-        return numberIn(words_[index], max, out);
+    bool number(std::size_t index, std::uint64_t max, std::uint64_t &out, std::uint64_t min = 0) {
+        return numberIn(words_[index], max, out, min);
     }
 
-    bool numberIn(const std::string_view shownWord, std::uint64_t max, std::uint64_t &out) {
+    bool numberIn(const std::string_view shownWord, std::uint64_t max, std::uint64_t &out,
+                  std::uint64_t min = 0) {
         std::string_view word = shownWord;
         int base = 10;
         if (word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X')) {
@@ -136,8 +193,10 @@ class LineParser {
         const char *end = word.data() + word.size();
         const auto [ptr, ec] = std::from_chars(word.data(), end, out, base);
         const int shown = static_cast<int>(shownWord.size());
-        if (ec == std::errc::result_out_of_range || (ec == std::errc() && ptr == end && out > max))
-            return fail(format("%.*s out of range (0-%" PRIu64 ")", shown, shownWord.data(), max));
+        if (ec == std::errc::result_out_of_range ||
+            (ec == std::errc() && ptr == end && (out > max || out < min)))
+            return fail(format("%.*s out of range (%" PRIu64 "-%" PRIu64 ")", shown,
+                               shownWord.data(), min, max));
         if (ec != std::errc() || ptr != end || word.empty())
             return fail(format("bad number '%.*s'", shown, shownWord.data()));
         return true;
@@ -185,12 +244,7 @@ class LineParser {
         return true;
     }
 
-    bool present() {
-        if (words_.size() != 2 || (words_[1] != "yes" && words_[1] != "no"))
-            return usage("present yes|no");
-        sc_.present = words_[1] == "yes";
-        return true;
-    }
+    bool present() { return yesNo("present yes|no", sc_.present); }
 
     bool instance() {
         static constexpr const char *kUsage =
@@ -250,6 +304,8 @@ class LineParser {
     }
 
     bool fault() {
+        if (words_.size() >= 2 && words_[1] == "xpm")
+            return xpmFault();
         Fault f;
         std::size_t ccIndex = 0;
         if (words_.size() >= 3 && words_[1] == "discovery") {
@@ -273,21 +329,227 @@ class LineParser {
             f.instance = static_cast<int>(n);
             ccIndex = 4;
         }
-        if (!byte(ccIndex, f.cc))
+        if (!completionCode(ccIndex, f.cc))
             return false;
-        if (f.cc == 0)
-            return fail("completion code 0 is success, not a fault");
         sc_.faults.push_back(f);
         return true;
     }
 
-    bool delay() {
-        if (words_.size() != 2)
-            return usage("delay <ms>");
-        std::uint64_t ms = 0;
-        if (!number(1, kMaxDelayMs, ms))
+    bool completionCode(std::size_t index, std::uint8_t &out) {
+        if (!byte(index, out))
             return false;
-        sc_.delayMs = static_cast<std::uint32_t>(ms);
+        return out != 0 || fail("completion code 0 is success, not a fault");
+    }
+
+    bool xpmFault() {
+        const bool counted = words_.size() == 5 && words_[3] == "count";
+        if (words_.size() != 3 && !counted)
+            return usage("fault xpm <cc> [count <k>]");
+        XpmFault f;
+        if (!completionCode(2, f.cc))
+            return false;
+        if (counted) {
+            std::uint64_t k = 0;
+            if (!number(4, UINT32_MAX, k, 1))
+                return false;
+            f.remaining = static_cast<std::uint32_t>(k);
+        }
+        sc_.xpmFault = f;
+        return true;
+    }
+
+    bool numberLine(const NumberLine &line) {
+        if (words_.size() != 2)
+            return usage(line.usage);
+        std::uint64_t v = 0;
+        if (!number(1, line.max, v, line.min))
+            return false;
+        line.set(sc_, v);
+        return true;
+    }
+
+    // The values of a line with only numbers after the keyword.
+    template <std::size_t N>
+    bool numbers(const char *usageText, const std::array<std::uint64_t, N> &max,
+                 std::array<std::uint64_t, N> &out) {
+        if (words_.size() != N + 1)
+            return usage(usageText);
+        for (std::size_t i = 0; i < N; ++i) {
+            if (!number(i + 1, max[i], out[i]))
+                return false;
+        }
+        return true;
+    }
+
+    bool yesNo(const char *usageText, bool &out) {
+        if (words_.size() != 2 || (words_[1] != "yes" && words_[1] != "no"))
+            return usage(usageText);
+        out = words_[1] == "yes";
+        return true;
+    }
+
+    bool power() {
+        static constexpr const char *kUsage = "power constant <W> | power steps "
+                                              "<ms>:<W>[,<ms>:<W>...] [hold] | power noisy "
+                                              "<base> <amplitude> [seed <s>]";
+        const std::size_t n = words_.size();
+        PowerProfile p;
+        if (n == 3 && words_[1] == "constant") {
+            if (!u16(2, p.watts))
+                return false;
+        } else if ((n == 3 || (n == 4 && words_[3] == "hold")) && words_[1] == "steps") {
+            p.kind = PowerProfile::Kind::Steps;
+            p.hold = n == 4;
+            if (!powerSteps(words_[2], p.steps))
+                return false;
+        } else if ((n == 4 || (n == 6 && words_[4] == "seed")) && words_[1] == "noisy") {
+            p.kind = PowerProfile::Kind::Noisy;
+            if (!u16(2, p.watts) || !u16(3, p.amplitude) ||
+                (n == 6 && !number(5, UINT64_MAX, p.seed)))
+                return false;
+            if (p.amplitude > p.watts || p.watts + p.amplitude > 0xFFFF)
+                return fail("noisy power must stay within 0-65535 W");
+        } else {
+            return usage(kUsage);
+        }
+        sc_.power.dc = std::move(p);
+        return true;
+    }
+
+    bool powerSteps(std::string_view word, std::vector<PowerStep> &out) {
+        for (;;) {
+            const std::size_t comma = word.find(',');
+            const std::string_view item = word.substr(0, comma);
+            const std::size_t colon = item.find(':');
+            std::uint64_t ms = 0;
+            std::uint64_t watts = 0;
+            const bool good = colon != std::string_view::npos &&
+                              numberIn(item.substr(0, colon), UINT32_MAX, ms, 1) &&
+                              numberIn(item.substr(colon + 1), 0xFFFF, watts);
+            if (!good) // replaces the number's message: the whole step is what is wrong
+                return fail(format("bad step '%.*s' (<ms>:<W>, ms at least 1, e.g. 60000:350)",
+                                   static_cast<int>(item.size()), item.data()));
+            out.push_back({static_cast<std::uint32_t>(ms), static_cast<std::uint16_t>(watts)});
+            if (comma == std::string_view::npos)
+                return true;
+            word.remove_prefix(comma + 1);
+        }
+    }
+
+    bool shares() {
+        std::array<std::uint64_t, 3> v{};
+        if (!numbers("shares <cpu%> <memory%> <cooling%>", {100, 100, 100}, v))
+            return false;
+        if (v[0] + v[1] + v[2] > 100)
+            return fail("shares add up to more than 100%");
+        sc_.power.cpuPct = static_cast<std::uint8_t>(v[0]);
+        sc_.power.memoryPct = static_cast<std::uint8_t>(v[1]);
+        sc_.power.coolingPct = static_cast<std::uint8_t>(v[2]);
+        return true;
+    }
+
+    bool temperatures() {
+        std::array<std::uint64_t, 2> v{};
+        if (!numbers("temperatures <inlet C> <rise C per 100 W>", {0xFF, 0xFF}, v))
+            return false;
+        sc_.power.inletC = static_cast<std::uint8_t>(v[0]);
+        sc_.power.outletRiseC = static_cast<std::uint8_t>(v[1]);
+        return true;
+    }
+
+    // The buffer size travels as a u16; only these lines can grow it past.
+    bool bufferFits() {
+        const std::size_t len = largestSnapshotLen(sc_.snapshots);
+        return len <= 0xFFFF ||
+               fail(format("snapshot buffer of up to %zu bytes exceeds 65535", len));
+    }
+
+    bool histogram() {
+        std::array<std::uint64_t, 4> v{};
+        if (!numbers("histogram <base> <width> <inner> <bucket-bytes>", {0xFFFF, 0xFF, 0xFF, 4}, v))
+            return false;
+        if (v[1] == 0)
+            return fail("histogram width must be at least 1");
+        if (v[3] != 1 && v[3] != 2 && v[3] != 4)
+            return fail("bucket bytes must be 1, 2 or 4");
+        sc_.snapshots.histogram = {static_cast<std::uint16_t>(v[0]),
+                                   static_cast<std::uint8_t>(v[1]), static_cast<std::uint8_t>(v[2]),
+                                   static_cast<std::uint8_t>(v[3])};
+        return bufferFits();
+    }
+
+    bool inputPower() {
+        std::array<std::uint64_t, 5> v{};
+        if (!numbers("input-power <E> <R> <A> <W1> <W2>", {0xFF, 0xFF, 0xFF, 8, 8}, v))
+            return false;
+        if (v[1] == 0 || v[3] == 0 || v[4] == 0)
+            return fail("input-power repeat and widths must be at least 1");
+        sc_.snapshots.inputPower = {
+            static_cast<std::uint8_t>(v[0]), static_cast<std::uint8_t>(v[1]),
+            static_cast<std::uint8_t>(v[2]), static_cast<std::uint8_t>(v[3]),
+            static_cast<std::uint8_t>(v[4])};
+        return bufferFits();
+    }
+
+    bool blade() { return yesNo("blade yes|no", sc_.snapshots.blade); }
+
+    bool subsystems() {
+        static constexpr const char *kUsage = "subsystems cpu,memory,cooling|none";
+        if (words_.size() != 2)
+            return usage(kUsage);
+        std::vector<Subsystem> list;
+        for (std::string_view word = words_[1]; word != "none";) {
+            const std::size_t comma = word.find(',');
+            const std::string_view name = word.substr(0, comma);
+            const auto known = std::find_if(std::begin(kSubsystemNames), std::end(kSubsystemNames),
+                                            [&](const auto &entry) { return entry.first == name; });
+            if (known == std::end(kSubsystemNames))
+                return fail(format("unknown subsystem '%.*s' (cpu, memory, cooling)",
+                                   static_cast<int>(name.size()), name.data()));
+            list.push_back(known->second);
+            if (comma == std::string_view::npos)
+                break;
+            word.remove_prefix(comma + 1);
+        }
+        sc_.snapshots.subsystems = std::move(list);
+        return bufferFits();
+    }
+
+    bool perf() {
+        if (words_.size() == 2 && words_[1] == "none") {
+            sc_.perf.present = false;
+            return true;
+        }
+        std::array<std::uint64_t, 4> v{};
+        if (!numbers("perf <system> <cpu> <memory> <io> | perf none", {0xFF, 0xFF, 0xFF, 0xFF}, v))
+            return false;
+        sc_.perf.present = true;
+        for (std::size_t i = 0; i < v.size(); ++i)
+            sc_.perf.current[i] = static_cast<std::uint8_t>(v[i]);
+        return true;
+    }
+
+    bool shortAnswer() {
+        ShortAnswer a;
+        std::size_t bytesIndex = 3;
+        if (words_.size() == 3 && words_[1] == "xpm") {
+            a.xpm = true;
+            bytesIndex = 2;
+        } else if (words_.size() != 4) {
+            return usage("short-answer <element> <method> <bytes> | short-answer xpm <bytes>");
+        } else if (!byte(1, a.element) || !byte(2, a.method)) {
+            return false;
+        }
+        if (!u16(bytesIndex, a.bytes))
+            return false;
+        sc_.shortAnswers.push_back(a);
+        return true;
+    }
+
+    bool overlongRead() {
+        if (words_.size() != 1)
+            return usage("overlong-read");
+        sc_.snapshots.overlongRead = true;
         return true;
     }
 

@@ -45,10 +45,60 @@
 // supplies, 2-5 allowed with policy bit 0 set / clear and a redundancy target
 // of 0 (bits 2, 3) or non-zero (bits 4, 5), 6 active.
 //
+// Power, snapshots and utilisation (model in sim/telemetry.h; elements 2, 3
+// and 11 answer on instance 0 only). Built-in values in brackets.
+//
+//   power constant <W>                  DC power, 0-65535 W [250]
+//   power steps <ms>:<W>[,<ms>:<W>...] [hold]
+//                                       each level for its duration, the list
+//                                       repeated, or with hold the last kept
+//   power noisy <base> <amplitude> [seed <s>]
+//                                       base +- amplitude, a new pseudo-random
+//                                       level each second, the same per seed
+//   efficiency <percent>                AC = DC x 100 / percent (1-100) [94]
+//   shares <cpu> <memory> <cooling>     percent of DC each, sum <= 100 [45 20 10]
+//   temperatures <inlet> <rise>         C; outlet = inlet + rise per 100 W [24 4]
+//   snapshot-period <ms>                100-86400000 [30000]
+//   chunk-size <bytes>                  chunk size the firmware reports [64]
+//   histogram <base> <width> <inner> <bucket-bytes>
+//                                       bucket 0 below base, inner buckets of
+//                                       width W (1-255), the last one open;
+//                                       counters of 1, 2 or 4 bytes [100 50 10 4]
+//   input-power <E> <R> <A> <W1> <W2>   E supply entries R x (A + W1 + W2) bytes
+//                                       apart: A bytes of index, input W (W1
+//                                       bytes), output label W (W2); R >= 1,
+//                                       widths 1-8 [2 1 1 2 2]
+//   blade yes|no                        blade layout: no AC accumulator,
+//                                       temperatures or input power [no]
+//   subsystems <name>,<name>...|none    cpu, memory, cooling: what the
+//                                       subsystem list carries [all, that order]
+//   status-byte <v>                     snapshot status byte [0]
+//   event-word <v>                      snapshot event word [0]
+//   perf <system> <cpu> <memory> <io>   current utilisation % (0-255, so a
+//                                       client can be shown nonsense) for the
+//                                       XPM command; max / min are +-10 within
+//                                       0-100; cpu % also drives the
+//                                       effective-CPU counter [35 40 25 10]
+//   perf none                           every XPM request answers 0xC1
+//   perf-status <v>                     XPM status byte [0]
+//
+// More misbehaviour:
+//   fault xpm <cc> [count <k>]          the next k XPM requests (else every one)
+//                                       answer cc
+//   short-answer <element> <method> <bytes> | short-answer xpm <bytes>
+//                                       answers cut to that many bytes
+//   overlong-read                       buffer reads claim one more byte than
+//                                       they carry
+//   restart-at <ms>                     the firmware restarts once, that long
+//                                       after the simulator started
+//   snapshot-every-reads <k>            also a snapshot after every k buffer
+//                                       reads (0: only on time) [0]
+//
 // Errors name the file and line: "lab.scn:12: unknown register 0/99".
 #pragma once
 
 #include "registers.h"
+#include "telemetry.h"
 
 #include <array>
 #include <cstddef>
@@ -124,6 +174,26 @@ struct Fault {
     std::uint8_t cc = 0;
 };
 
+// Answers of the XPM command (network function 0x2E, command 0x84).
+struct Performance {
+    bool present = true;
+    std::array<std::uint8_t, 4> current{35, 40, 25, 10}; // system, CPU, memory, I/O
+    std::uint8_t status = 0;
+    bool operator==(const Performance &) const = default;
+};
+
+struct XpmFault {
+    std::uint8_t cc = 0;
+    std::optional<std::uint32_t> remaining; // unset: forever
+};
+
+struct ShortAnswer {
+    bool xpm = false; // else an element method
+    std::uint8_t element = 0;
+    std::uint8_t method = 0;
+    std::uint16_t bytes = 0;
+};
+
 // Default-constructed, this is the built-in firmware.
 struct Scenario {
     Scenario();
@@ -132,6 +202,11 @@ struct Scenario {
     std::uint32_t delayMs = 0;
     std::array<InstanceSetup, kInstanceCount> instances;
     std::vector<Fault> faults; // a later line wins over an earlier one
+    PowerModel power;
+    SnapshotSetup snapshots;
+    Performance perf;
+    std::optional<XpmFault> xpmFault;
+    std::vector<ShortAnswer> shortAnswers; // a later line wins here too
 };
 
 // Applies the lines of text on top of scenario; name prefixes error messages.

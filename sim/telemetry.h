@@ -91,8 +91,8 @@ enum class Subsystem : std::uint8_t { Cpu = 1, Memory = 2, Cooling = 4 };
 
 struct HistogramSetup {
     std::uint16_t base = 100;
-    std::uint8_t width = 50; // watts per inner bucket, at least 1
-    std::uint8_t inner = 10; // buckets between "below base" and "at or above the top"
+    std::uint8_t width = 50;      // watts per inner bucket, at least 1
+    std::uint8_t inner = 10;      // buckets between "below base" and "at or above the top"
     std::uint8_t bucketBytes = 4; // 1, 2 or 4; counters wrap at that width
     std::size_t buckets() const { return std::size_t{inner} + 2; }
     bool operator==(const HistogramSetup &) const = default;
@@ -129,7 +129,7 @@ std::size_t largestSnapshotLen(const SnapshotSetup &setup);
 
 struct Snapshot {
     std::uint16_t tag = 1;
-    std::uint64_t ms = 0; // firmware time taken
+    std::uint64_t ms = 0;                             // firmware time taken
     std::array<std::uint64_t, kEnergyCount> energy{}; // W x ms
     std::vector<std::uint64_t> histogram;
     std::uint32_t effectiveCpu = 0; // % x s

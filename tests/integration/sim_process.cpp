@@ -78,11 +78,14 @@ TempRoot::~TempRoot() {
     std::filesystem::remove_all(path_, ec);
 }
 
-SimProcess::SimProcess(const std::string &root, const std::string &scenario) {
+SimProcess::SimProcess(const std::string &root, const std::string &scenario,
+                       const std::vector<std::string> &arguments) {
     const std::string file = root + "/scenario.scn";
     std::ofstream(file) << scenario;
+    std::vector<std::string> args = {"--scenario", file};
+    args.insert(args.end(), arguments.begin(), arguments.end());
     int outFd = -1;
-    pid_ = spawn(commandLine(ZELO_FWSIM_PATH, {"--scenario", file}), &outFd, nullptr);
+    pid_ = spawn(commandLine(ZELO_FWSIM_PATH, args), &outFd, nullptr);
     if (pid_ < 0)
         throw std::runtime_error("cannot start zelo-fwsim");
     // The simulator announces itself once its socket accepts connections.

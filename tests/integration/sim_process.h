@@ -24,8 +24,10 @@ class TempRoot {
 class SimProcess {
   public:
     // Writes the scenario into root/scenario.scn and starts the simulator on
-    // the default socket under root; returns once it listens.
-    SimProcess(const std::string &root, const std::string &scenario);
+    // the default socket under root, with any further arguments; returns once
+    // it listens.
+    SimProcess(const std::string &root, const std::string &scenario,
+               const std::vector<std::string> &arguments = {});
     ~SimProcess();
     SimProcess(const SimProcess &) = delete;
     SimProcess &operator=(const SimProcess &) = delete;

@@ -1,0 +1,310 @@
+// The snapshot record: fetch the raw buffer and parse its packed big-endian
+// layout, which depends on the platform family and two capability registers.
+#include <zelo/acquisition.h>
+#include <zelo/firmware.h>
+#include <zelo/registers.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr uint8_t kCapExtendedPart = 0x80; // firmware power/thermal capabilities
+constexpr uint32_t kExtSkipped = 0x08;     // extended capabilities, in layout order
+constexpr uint32_t kExtInputPower = 0x04;
+constexpr uint32_t kExtTimestamp = 0x10;
+constexpr uint32_t kExtSubsystems = 0x20;
+constexpr std::size_t kSkippedBlockLen = 16;
+
+// A read position in the raw buffer that never passes its end: a read that
+// would is refused and leaves the cursor failed.
+class Cursor {
+  public:
+    Cursor(const uint8_t *data, std::size_t length) : data_(data), length_(length) {}
+
+    // The next `width` bytes as one big-endian number (low 64 bits kept).
+    uint64_t take(std::size_t width) {
+        const std::size_t at = offset_;
+        if (!skip(width))
+            return 0;
+        uint64_t value = 0;
+        for (std::size_t i = 0; i < width; ++i)
+            value = (value << 8) | data_[at + i];
+        return value;
+    }
+    bool skip(std::size_t count) {
+        if (!ok_ || count > length_ - offset_)
+            return ok_ = false;
+        offset_ += count;
+        return true;
+    }
+    const uint8_t *here() const { return data_ + offset_; }
+    bool ok() const { return ok_; }
+    std::size_t offset() const { return offset_; }
+
+  private:
+    const uint8_t *data_;
+    std::size_t length_;
+    std::size_t offset_ = 0;
+    bool ok_ = true;
+};
+
+MetricStat *newStat(uint64_t average) {
+    auto *stat = static_cast<MetricStat *>(std::calloc(1, sizeof(MetricStat)));
+    if (stat != nullptr)
+        stat->u64Avg = average;
+    return stat;
+}
+
+uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
+    std::printf(
+        "[%s] The snapshot layout does not fit the %d bytes of the buffer (at offset %d).\n",
+        "ParseSnapshotBuffer", rawLength, static_cast<int>(cursor.offset()));
+    return ZELO_RC_FAILURE;
+}
+
+// The input power block: E entries, each R x (A + W1 + W2) bytes apart.
+uint8_t parseInputPower(uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
+    uint8_t unused1 = 0, entries = 0, repeat = 0, lead = 0, width1 = 0, width2 = 0;
+    uint8_t unused7 = 0, unused8 = 0;
+    const uint8_t rc = ZELO_ReadInputPowerBufferConfiguration(
+        handle, &unused1, &entries, &repeat, &lead, &width1, &width2, &unused7, &unused8);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result code "
+                    "is %d.\n",
+                    rc);
+        return rc;
+    }
+    s.psPowerSupplyAC =
+        static_cast<MetricStat *>(std::calloc(entries ? entries : 1, sizeof(MetricStat)));
+    if (s.psPowerSupplyAC == nullptr)
+        return ZELO_RC_NO_MEMORY;
+    s.u8PowerSupplyACNum = entries;
+    const std::size_t entryLen = std::size_t{lead} + width1 + width2;
+    for (uint8_t i = 0; i < entries; ++i) {
+        Cursor entry = cursor;
+        entry.skip(lead);
+        s.psPowerSupplyAC[i].u64Avg = entry.take(width1);
+        s.psPowerSupplyAC[i].u64Max = entry.take(width2);
+        if (!entry.ok() || !cursor.skip(repeat * entryLen))
+            return ZELO_RC_FAILURE;
+    }
+    return ZELO_RC_SUCCESS;
+}
+
+// The subsystem list: a count, then (type, eight-byte value) pairs.
+uint8_t parseSubsystems(Cursor &cursor, SnapshotBuffer &s) {
+    const auto count = static_cast<unsigned>(cursor.take(1));
+    for (unsigned i = 0; i < count && cursor.ok(); ++i) {
+        const auto type = static_cast<int>(cursor.take(1));
+        const uint64_t value = cursor.take(8);
+        if (!cursor.ok())
+            break;
+        MetricStat **slot = nullptr;
+        const char *duplicate = nullptr;
+        switch (type) {
+        case 1:
+            slot = &s.psCPUPower;
+            duplicate = "CPU Subsystems already existed.";
+            break;
+        case 2:
+            slot = &s.psMemoryPower;
+            duplicate = "Memory Subsystems already existed.";
+            break;
+        case 4:
+            slot = &s.psCoolingPower;
+            duplicate = "Cooling Subsystems already existed.";
+            break;
+        default:
+            std::printf("Type(%d) of subsystem is not supported!\n", type);
+            return ZELO_RC_FAILURE;
+        }
+        if (*slot != nullptr) {
+            std::printf("%s\n", duplicate);
+            return ZELO_RC_FAILURE;
+        }
+        if ((*slot = newStat(value)) == nullptr)
+            return ZELO_RC_NO_MEMORY;
+    }
+    return cursor.ok() ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
+}
+
+void releaseArrays(SnapshotBuffer &s) {
+    MetricStat *arrays[] = {s.psPowerSupplyAC, s.psPowerSupplyDC, s.psSystemAC,
+                            s.psSystemDC,      s.psCPUPower,      s.psMemoryPower,
+                            s.psCoolingPower,  s.psEffectiveCPU};
+    for (MetricStat *array : arrays)
+        std::free(array);
+}
+
+} // namespace
+
+extern "C" {
+
+uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
+                            SnapshotBuffer *psBuffer, HistogramData *psHistogram) {
+    if (pu8Raw == nullptr || psBuffer == nullptr || psHistogram == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    SnapshotBuffer &s = *psBuffer;
+    const bool blade = IsBladeServer() != 0;
+    Cursor cursor(pu8Raw, u16RawLength);
+
+    s.u8PowerStatus = static_cast<uint8_t>(cursor.take(1));
+    const uint64_t firstPower = cursor.take(8);
+    if (!cursor.ok())
+        return layoutDoesNotFit(cursor, u16RawLength);
+    MetricStat *&firstRecord = blade ? s.psSystemAC : s.psSystemDC;
+    if ((firstRecord = newStat(firstPower)) == nullptr)
+        return ZELO_RC_NO_MEMORY;
+
+    uint16_t base = 0, second = 0;
+    uint8_t inner = 0, width = 0, size = 0, sixth = 0;
+    uint8_t rc = ZELO_ReadPowerHistogramConfiguration(u8ModuleHandle, &base, &second, &inner,
+                                                      &width, &size, &sixth);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    psHistogram->pu8BucketData = nullptr;
+    psHistogram->u16HistogramBase = base;
+    psHistogram->u8BucketNum = static_cast<uint8_t>(inner + 2);
+    psHistogram->u8BucketWidth = width;
+    psHistogram->u8BucketSize = size;
+    const std::size_t histogramLen = (std::size_t{inner} + 2) * size;
+    // Never a null array for a present histogram, even one of zero bytes.
+    psHistogram->pu8BucketData =
+        static_cast<uint8_t *>(std::calloc(histogramLen ? histogramLen : 1, 1));
+    if (psHistogram->pu8BucketData == nullptr) {
+        std::printf("[%s] Failed to allocate memory for power histogram data.\n",
+                    "ParseSnapshotBuffer");
+        return ZELO_RC_NO_MEMORY;
+    }
+    const uint8_t *buckets = cursor.here();
+    if (!cursor.skip(histogramLen))
+        return layoutDoesNotFit(cursor, u16RawLength);
+    std::memcpy(psHistogram->pu8BucketData, buckets, histogramLen);
+
+    s.u16PowerEvent = static_cast<uint16_t>(cursor.take(2));
+    const uint64_t effectiveCpu = cursor.take(4);
+    if (!cursor.ok())
+        return layoutDoesNotFit(cursor, u16RawLength);
+    if ((s.psEffectiveCPU = newStat(effectiveCpu)) == nullptr)
+        return ZELO_RC_NO_MEMORY;
+
+    if (!blade) {
+        const uint64_t systemAc = cursor.take(8);
+        s.u8OutletTemperature = static_cast<uint8_t>(cursor.take(1));
+        s.u8InletTemperature = static_cast<uint8_t>(cursor.take(1));
+        if (!cursor.ok())
+            return layoutDoesNotFit(cursor, u16RawLength);
+        if ((s.psSystemAC = newStat(systemAc)) == nullptr)
+            return ZELO_RC_NO_MEMORY;
+    }
+
+    uint8_t capabilities = 0;
+    rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(u8ModuleHandle, &capabilities);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and the "
+                    "result code is %d.\n",
+                    rc);
+        return rc;
+    }
+    if ((capabilities & kCapExtendedPart) == 0)
+        return ZELO_RC_SUCCESS;
+    uint32_t extended = 0;
+    rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(u8ModuleHandle, &extended);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the result "
+                    "code is %d.\n",
+                    rc);
+        return rc;
+    }
+
+    if ((extended & kExtSkipped) && !cursor.skip(kSkippedBlockLen))
+        return layoutDoesNotFit(cursor, u16RawLength);
+    if ((extended & kExtInputPower) && !blade) {
+        rc = parseInputPower(u8ModuleHandle, cursor, s);
+        if (rc == ZELO_RC_FAILURE)
+            return layoutDoesNotFit(cursor, u16RawLength);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+    }
+    if (extended & kExtTimestamp) {
+        s.u64Timestamp = cursor.take(8);
+        if (!cursor.ok())
+            return layoutDoesNotFit(cursor, u16RawLength);
+    }
+    if (extended & kExtSubsystems) {
+        const bool fitted = cursor.ok();
+        rc = parseSubsystems(cursor, s);
+        if (fitted && !cursor.ok())
+            return layoutDoesNotFit(cursor, u16RawLength);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+    }
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram) {
+    static constexpr const char *kName = "GetSnapshotBufferFromZELO";
+    if (ppsBuffer == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    *ppsBuffer = nullptr;
+    if (psHistogram == nullptr) {
+        std::printf("[%s] The point of sHistogramData is NULL.\n", kName);
+        return ZELO_RC_INVALID_PARAMETER;
+    }
+    const uint8_t handle = ZELO_GetModuleHandle(0);
+    if (handle == 0) {
+        std::printf("[%s] Failed to call ZELO_GetModuleHandle().\n", kName);
+        return ZELO_RC_FAILURE;
+    }
+    uint16_t chunk = 0, second = 0, total = 0;
+    uint8_t rc = ZELO_ReadSnapshotBufferConfiguration(handle, &chunk, &second, &total);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("Failed to call ZELO_ReadSnapshotBufferConfiguration() and the result code is "
+                    "%d.\n",
+                    rc);
+        return rc;
+    }
+    auto *raw = static_cast<uint8_t *>(std::calloc(total ? total : 1, 1));
+    if (raw == nullptr) {
+        std::printf("[%s] Failed to allocate memory for snapshot buffer.\n", kName);
+        return ZELO_RC_NO_MEMORY;
+    }
+    uint16_t bytesRead = 0, tag = 0;
+    rc = ReadTotalSnapshotBuffer(handle, chunk, total, &bytesRead, raw, &tag);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("Failed to call ReadTotalSnapshotBuffer() and the result code is %d.\n", rc);
+        std::free(raw);
+        return rc;
+    }
+    auto *record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+    if (record == nullptr) {
+        std::printf("[%s] Failed to allocate memory for snapshot buffer struct.\n", kName);
+        std::free(raw);
+        return ZELO_RC_NO_MEMORY;
+    }
+    // Overwritten, never released: the caller hands in a record without bucket data.
+    psHistogram->pu8BucketData = nullptr;
+    rc = ParseSnapshotBuffer(handle, raw, total, record, psHistogram);
+    std::free(raw);
+    if (rc != ZELO_RC_SUCCESS) {
+        std::printf("[%s] Failed to call ParseSnapshotBuffer(), return code is %d.\n", kName, rc);
+        std::free(psHistogram->pu8BucketData);
+        psHistogram->pu8BucketData = nullptr;
+        FreeSnapshotBuffer(record);
+        return rc;
+    }
+    record->u16Tag = tag;
+    *ppsBuffer = record;
+    return ZELO_RC_SUCCESS;
+}
+
+void FreeSnapshotBuffer(SnapshotBuffer *psBuffer) {
+    if (psBuffer == nullptr)
+        return;
+    releaseArrays(*psBuffer);
+    std::free(psBuffer);
+}
+
+} // extern "C"

@@ -1,0 +1,112 @@
+// Feeds arbitrary raw snapshot bytes, with arbitrary configuration values and
+// capability bits, to the parser. Whatever arrives, it must neither read past
+// the raw bytes nor leak.
+//
+// Input: blade(1) caps(1) extended(4) histogram base(2) inner(1) width(1)
+// size(1) input power E(1) R(1) A(1) W1(1) W2(1), then the raw snapshot.
+#include <zelo.h>
+#include <zelo/platform.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kHeadLen = 16;
+const uint8_t *gConfig = nullptr; // the head of the current input
+
+uint8_t cfg(std::size_t i) {
+    return gConfig[i];
+}
+
+// Answers the parser's register and configuration reads from the input head.
+std::vector<uint8_t> answer(const uint8_t *request, uint32_t length) {
+    std::vector<uint8_t> r = {0, request[0], request[1], request[2]};
+    if (length < 6)
+        return {0xC7};
+    const uint8_t element = request[4];
+    const uint8_t method = request[5];
+    if (method == ZELO_METHOD_READ_REGISTER && element == 0 && length == 8) {
+        if (request[6] == 7)
+            r.push_back(cfg(1));
+        else if (request[6] == 14)
+            r.insert(r.end(), {cfg(2), cfg(3), cfg(4), cfg(5)});
+        else
+            return {0xCC};
+    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 2) {
+        r.insert(r.end(), {0, 0, cfg(6), cfg(7), 0, 0, cfg(8), cfg(9), cfg(10), 0});
+    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 11) {
+        r.insert(r.end(), {0, 0, 0, cfg(11), cfg(12), cfg(13), cfg(14), cfg(15), 0, 0});
+    } else {
+        return {0xCC};
+    }
+    return r;
+}
+
+} // namespace
+
+extern "C" {
+
+int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *request, uint32_t requestLen, uint8_t *response,
+                   uint32_t *responseLen) {
+    const auto r = answer(request, requestLen);
+    const uint32_t n = r.size() < *responseLen ? static_cast<uint32_t>(r.size()) : *responseLen;
+    std::memcpy(response, r.data(), n);
+    *responseLen = n;
+    return 0;
+}
+int GetAllSensorInfoByType(uint32_t *, uint32_t, const uint8_t *, uint8_t *) {
+    return -1;
+}
+int kiv_config_get_bool(const char *, uint8_t *) {
+    return 0;
+}
+int kiv_config_set_bool(const char *, uint8_t, int) {
+    return 0;
+}
+int kiv_config_get_int(const char *, int *) {
+    return 0;
+}
+int kiv_config_set_int(const char *, int, int) {
+    return 0;
+}
+int kiv_config_set_int64(const char *, int64_t, int) {
+    return 0;
+}
+int kiv_config_clear(const char *) {
+    return 0;
+}
+int sw_msg_dispatcher(uint16_t, void *) {
+    return -1;
+}
+
+int LLVMFuzzerInitialize(int *, char ***) {
+    // The parser's diagnostics are not what is being tested.
+    (void)std::freopen("/dev/null", "w", stdout);
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
+    if (size < kHeadLen || size - kHeadLen > UINT16_MAX)
+        return 0;
+    gConfig = data;
+    if (data[0] & 1)
+        ::setenv("RUX_FAMILY", "blade", 1);
+    else
+        ::unsetenv("RUX_FAMILY");
+    // An exactly sized copy, so the sanitizer sees any read past the end.
+    const std::size_t rawLen = size - kHeadLen;
+    auto *raw = static_cast<uint8_t *>(std::malloc(rawLen ? rawLen : 1));
+    std::memcpy(raw, data + kHeadLen, rawLen);
+    auto *record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+    HistogramData histogram{};
+    ParseSnapshotBuffer(5, raw, static_cast<uint16_t>(rawLen), record, &histogram);
+    std::free(histogram.pu8BucketData);
+    FreeSnapshotBuffer(record);
+    std::free(raw);
+    return 0;
+}
+
+} // extern "C"

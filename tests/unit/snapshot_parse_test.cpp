@@ -1,0 +1,280 @@
+// The snapshot layout for each platform and capability, and refusals of
+// layouts that do not fit the raw bytes.
+#include "fake_platform.h"
+
+#include <zelo.h>
+
+#include <cstdlib>
+
+namespace zelo::test {
+namespace {
+
+constexpr uint8_t kHandle = 5;
+
+// Raw snapshot bytes, appended field by field, big-endian.
+struct Raw {
+    Bytes bytes;
+    Raw &be(uint64_t value, int width) {
+        for (int i = width - 1; i >= 0; --i)
+            bytes.push_back(static_cast<uint8_t>(value >> (8 * i)));
+        return *this;
+    }
+    Raw &zeros(std::size_t n) {
+        bytes.insert(bytes.end(), n, 0);
+        return *this;
+    }
+};
+
+class SnapshotParseTest : public PlatformTest {
+  protected:
+    void TearDown() override {
+        std::free(histogram.pu8BucketData);
+        FreeSnapshotBuffer(record);
+        ::unsetenv("RUX_FAMILY");
+        PlatformTest::TearDown();
+    }
+    void read(uint8_t element, uint8_t reg, uint8_t len, const Bytes &data) {
+        fake().expect(
+            {0x2E, 0x81, concat(head(kHandle, element, 0x82), {reg, len}), okResponse(data)});
+    }
+    // Histogram of inner + 2 buckets of `size` bytes, base 100, width 50.
+    void expectHistogram(uint8_t inner, uint8_t size) {
+        fake().expect({0x2E, 0x81, head(kHandle, 2, 0x80),
+                       okResponse({0, 0, 0, 100, 0, 0, inner, 50, size, 0})});
+    }
+    void expectCapabilities(uint8_t caps, uint32_t extended) {
+        read(0, 7, 1, {caps});
+        if (caps & 0x80)
+            read(0, 14, 4,
+                 {static_cast<uint8_t>(extended >> 24), static_cast<uint8_t>(extended >> 16),
+                  static_cast<uint8_t>(extended >> 8), static_cast<uint8_t>(extended)});
+    }
+    void expectInputPower(uint8_t e, uint8_t r, uint8_t a, uint8_t w1, uint8_t w2) {
+        fake().expect(
+            {0x2E, 0x81, head(kHandle, 11, 0x80), okResponse({0, 0, 0, e, r, a, w1, w2, 0, 0})});
+    }
+    uint8_t parse(const Raw &raw) {
+        record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+        testing::internal::CaptureStdout();
+        const uint8_t rc = ParseSnapshotBuffer(
+            kHandle, raw.bytes.data(), static_cast<uint16_t>(raw.bytes.size()), record, &histogram);
+        output = testing::internal::GetCapturedStdout();
+        return rc;
+    }
+    // The fixed head of a non-blade snapshot with 2 two-byte buckets (N = 4).
+    static Raw rackHead() {
+        Raw r;
+        r.be(0x21, 1).be(1000, 8).be(5, 2).be(7, 2).be(8, 2).be(100, 4).be(2000, 8);
+        r.be(30, 1).be(25, 1);
+        return r;
+    }
+
+    SnapshotBuffer *record = nullptr;
+    HistogramData histogram{};
+    std::string output;
+};
+
+TEST_F(SnapshotParseTest, RackServerWithoutExtendedPart) {
+    expectHistogram(0, 2);
+    expectCapabilities(0x7F, 0);
+    ASSERT_EQ(parse(rackHead()), 0) << output;
+    EXPECT_EQ(record->u8PowerStatus, 0x21);
+    ASSERT_NE(record->psSystemDC, nullptr);
+    EXPECT_EQ(record->psSystemDC->u64Avg, 1000u);
+    EXPECT_EQ(record->psSystemDC->u64Max | record->psSystemDC->u64Min, 0u);
+    EXPECT_EQ(histogram.u8BucketNum, 2);
+    EXPECT_EQ(histogram.u16HistogramBase, 100);
+    EXPECT_EQ(histogram.u8BucketWidth, 50);
+    EXPECT_EQ(Bytes(histogram.pu8BucketData, histogram.pu8BucketData + 4), (Bytes{0, 5, 0, 7}));
+    EXPECT_EQ(record->u16PowerEvent, 8);
+    EXPECT_EQ(record->psEffectiveCPU->u64Avg, 100u);
+    EXPECT_EQ(record->psSystemAC->u64Avg, 2000u);
+    EXPECT_EQ(record->u8OutletTemperature, 30);
+    EXPECT_EQ(record->u8InletTemperature, 25);
+    EXPECT_EQ(record->u64Timestamp, 0u);
+    EXPECT_EQ(record->psPowerSupplyAC, nullptr);
+    EXPECT_EQ(record->psCPUPower, nullptr);
+}
+
+TEST_F(SnapshotParseTest, EveryExtendedBlockInItsOrder) {
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x3C);
+    expectInputPower(2, 1, 1, 2, 2);
+    Raw raw = rackHead();
+    raw.zeros(16);                         // 0x08: skipped
+    raw.be(0xAA, 1).be(410, 2).be(450, 2); // supply 0: lead, input, peak
+    raw.be(0xBB, 1).be(390, 2).be(440, 2); // supply 1
+    raw.be(123456789, 8);                  // 0x10: time stamp
+    raw.be(3, 1).be(4, 1).be(40, 8).be(1, 1).be(150, 8).be(2, 1).be(60, 8); // 0x20
+    ASSERT_EQ(parse(raw), 0) << output;
+    ASSERT_EQ(record->u8PowerSupplyACNum, 2);
+    EXPECT_EQ(record->psPowerSupplyAC[0].u64Avg, 410u);
+    EXPECT_EQ(record->psPowerSupplyAC[0].u64Max, 450u);
+    EXPECT_EQ(record->psPowerSupplyAC[1].u64Avg, 390u);
+    EXPECT_EQ(record->psPowerSupplyAC[1].u64Max, 440u);
+    EXPECT_EQ(record->u8PowerSupplyDCNum, 0);
+    EXPECT_EQ(record->psPowerSupplyDC, nullptr);
+    EXPECT_EQ(record->u64Timestamp, 123456789u);
+    EXPECT_EQ(record->psCPUPower->u64Avg, 150u);
+    EXPECT_EQ(record->psMemoryPower->u64Avg, 60u);
+    EXPECT_EQ(record->psCoolingPower->u64Avg, 40u);
+}
+
+TEST_F(SnapshotParseTest, RepeatFactorSpacesTheEntries) {
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x04);
+    expectInputPower(2, 2, 0, 1, 1);
+    Raw raw = rackHead();
+    raw.be(11, 1).be(12, 1).zeros(2).be(21, 1).be(22, 1).zeros(2);
+    ASSERT_EQ(parse(raw), 0) << output;
+    EXPECT_EQ(record->psPowerSupplyAC[1].u64Avg, 21u);
+    EXPECT_EQ(record->psPowerSupplyAC[1].u64Max, 22u);
+}
+
+TEST_F(SnapshotParseTest, BladeHasNoSystemDcNoTemperaturesAndNoInputBlock) {
+    ::setenv("RUX_FAMILY", "blade", 1);
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x14); // input power bit ignored on a blade
+    Raw raw;
+    raw.be(0x01, 1).be(777, 8).be(1, 2).be(2, 2).be(0, 2).be(9, 4).be(42, 8);
+    ASSERT_EQ(parse(raw), 0) << output;
+    EXPECT_EQ(record->psSystemDC, nullptr);
+    EXPECT_EQ(record->psSystemAC->u64Avg, 777u);
+    EXPECT_EQ(record->u8InletTemperature | record->u8OutletTemperature, 0);
+    EXPECT_EQ(record->psPowerSupplyAC, nullptr);
+    EXPECT_EQ(record->u64Timestamp, 42u) << "the extended part starts at 15 + N";
+}
+
+TEST_F(SnapshotParseTest, TimestampSixteenBytesAfterTheSkippedBlock) {
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x18);
+    Raw raw = rackHead();
+    raw.be(0xFFFFFFFFFFFFFFFF, 8).be(0xFFFFFFFFFFFFFFFF, 8).be(5000, 8);
+    ASSERT_EQ(parse(raw), 0) << output;
+    EXPECT_EQ(record->u64Timestamp, 5000u);
+}
+
+TEST_F(SnapshotParseTest, EmptyListsLeaveRecordsAbsent) {
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x24);
+    expectInputPower(0, 1, 1, 2, 2);
+    Raw raw = rackHead();
+    raw.be(0, 1);
+    ASSERT_EQ(parse(raw), 0) << output;
+    EXPECT_EQ(record->u8PowerSupplyACNum, 0);
+    EXPECT_EQ(record->psCPUPower, nullptr);
+    EXPECT_EQ(record->psMemoryPower, nullptr);
+    EXPECT_EQ(record->psCoolingPower, nullptr);
+}
+
+TEST_F(SnapshotParseTest, SubsystemListRefusesDuplicatesAndUnknownTypes) {
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x20);
+    Raw raw = rackHead();
+    raw.be(2, 1).be(1, 1).be(10, 8).be(1, 1).be(20, 8);
+    EXPECT_EQ(parse(raw), 255);
+    EXPECT_EQ(output, "CPU Subsystems already existed.\n");
+    EXPECT_EQ(record->psCPUPower->u64Avg, 10u) << "left for the caller to release";
+    FreeSnapshotBuffer(record);
+    std::free(histogram.pu8BucketData);
+    histogram.pu8BucketData = nullptr;
+
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x20);
+    raw = rackHead();
+    raw.be(1, 1).be(3, 1).be(10, 8);
+    EXPECT_EQ(parse(raw), 255);
+    EXPECT_EQ(output, "Type(3) of subsystem is not supported!\n");
+}
+
+// Every cut of a full layout, and configurations that promise more than the
+// bytes hold, are refused without reading past the end.
+TEST_F(SnapshotParseTest, LayoutsThatDoNotFitAreRefused) {
+    Raw full = rackHead();
+    full.zeros(16).be(0xAA, 1).be(410, 2).be(450, 2).be(0xBB, 1).be(390, 2).be(440, 2);
+    full.be(1, 8).be(1, 1).be(1, 1).be(10, 8);
+    for (std::size_t cut = 0; cut < full.bytes.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        // Configuration reads happen only as far as the cut lets the parser come.
+        Raw raw{Bytes(full.bytes.begin(), full.bytes.begin() + static_cast<long>(cut))};
+        if (cut >= 9)
+            expectHistogram(0, 2);
+        if (cut >= 29)
+            expectCapabilities(0x80, 0x3C);
+        if (cut >= 45)
+            expectInputPower(2, 1, 1, 2, 2);
+        // Copy to an exactly sized heap block so ASan sees any overread.
+        auto *exact = static_cast<uint8_t *>(std::malloc(cut ? cut : 1));
+        std::copy(raw.bytes.begin(), raw.bytes.end(), exact);
+        record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(
+            ParseSnapshotBuffer(kHandle, exact, static_cast<uint16_t>(cut), record, &histogram),
+            255);
+        testing::internal::GetCapturedStdout();
+        std::free(exact);
+        EXPECT_EQ(fake().pending(), 0u);
+        FreeSnapshotBuffer(record);
+        record = nullptr;
+        std::free(histogram.pu8BucketData);
+        histogram.pu8BucketData = nullptr;
+    }
+    // A histogram far larger than the buffer.
+    expectHistogram(250, 255);
+    EXPECT_EQ(parse(rackHead()), 255);
+    EXPECT_NE(output.find("does not fit"), std::string::npos) << output;
+}
+
+class GetSnapshotTest : public SnapshotParseTest {
+  protected:
+    void SetUp() override {
+        SnapshotParseTest::SetUp();
+        fake().store["zelo_supported_0"] = 1;
+        fake().store["zelo_module_handle_0"] = kHandle;
+    }
+    void expectBuffer(const Bytes &data, uint16_t tag) {
+        const auto n = static_cast<uint8_t>(data.size());
+        fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), okResponse({0, 0, 0, 64, 0, 0, 0, n})});
+        fake().expect(
+            {0x2E, 0x81, concat(head(kHandle, 3, 0x81), {0, 0, 0, n}),
+             okResponse(
+                 concat({static_cast<uint8_t>(tag >> 8), static_cast<uint8_t>(tag), 0, n}, data))});
+    }
+};
+
+TEST_F(GetSnapshotTest, ReadsParsesAndTagsTheRecord) {
+    expectBuffer(rackHead().bytes, 0x0102);
+    expectHistogram(0, 2);
+    expectCapabilities(0x00, 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->u16Tag, 0x0102);
+    EXPECT_EQ(record->psSystemAC->u64Avg, 2000u);
+    ASSERT_NE(histogram.pu8BucketData, nullptr);
+}
+
+TEST_F(GetSnapshotTest, AFailedParseLeavesNothingBehind) {
+    Raw raw = rackHead();
+    raw.be(1, 1).be(9, 1).be(10, 8);
+    expectBuffer(raw.bytes, 3);
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x20);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 255);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "[GetSnapshotBufferFromZELO] Failed to call ParseSnapshotBuffer(), return code "
+                  "is 255.\n"),
+              std::string::npos);
+    EXPECT_EQ(record, nullptr);
+    EXPECT_EQ(histogram.pu8BucketData, nullptr);
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, nullptr), 253);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[GetSnapshotBufferFromZELO] The point of sHistogramData is NULL.\n");
+}
+
+} // namespace
+} // namespace zelo::test

@@ -1,0 +1,168 @@
+// Configuration blocks and the chunked snapshot read under one tag.
+#include "fake_platform.h"
+
+#include <zelo.h>
+
+namespace zelo::test {
+namespace {
+
+constexpr uint8_t kHandle = 5;
+
+class SnapshotReadTest : public PlatformTest {
+  protected:
+    // A chunk read at offset for len bytes, answered under tag with `data`.
+    void expectChunk(uint16_t offset, uint16_t len, uint16_t tag, const Bytes &data) {
+        const auto returned = static_cast<uint16_t>(data.size());
+        fake().expect({0x2E, 0x81,
+                       concat(head(kHandle, 3, 0x81),
+                              {static_cast<uint8_t>(offset >> 8), static_cast<uint8_t>(offset),
+                               static_cast<uint8_t>(len >> 8), static_cast<uint8_t>(len)}),
+                       okResponse(concat({static_cast<uint8_t>(tag >> 8), static_cast<uint8_t>(tag),
+                                          static_cast<uint8_t>(returned >> 8),
+                                          static_cast<uint8_t>(returned)},
+                                         data))});
+    }
+    static Bytes fill(std::size_t n, uint8_t from) {
+        Bytes b(n);
+        for (std::size_t i = 0; i < n; ++i)
+            b[i] = static_cast<uint8_t>(from + i);
+        return b;
+    }
+};
+
+TEST_F(SnapshotReadTest, ConfigurationBlocksDecodeTheirFields) {
+    fake().expect({0x2E, 0x81, head(kHandle, 2, 0x80),
+                   okResponse({0xEE, 0xEE, 0x00, 0x64, 0x12, 0x34, 10, 50, 4, 9})});
+    uint16_t base = 1, second = 1;
+    uint8_t inner = 1, width = 1, size = 1, sixth = 1;
+    EXPECT_EQ(ZELO_ReadPowerHistogramConfiguration(kHandle, &base, &second, &inner, &width, &size,
+                                                   &sixth),
+              0);
+    EXPECT_EQ(fake().lastCapacity, 14u);
+    EXPECT_EQ(base, 100);
+    EXPECT_EQ(second, 0x1234);
+    EXPECT_EQ(inner, 10);
+    EXPECT_EQ(width, 50);
+    EXPECT_EQ(size, 4);
+    EXPECT_EQ(sixth, 9);
+
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80),
+                   okResponse({0, 0, 0x00, 0x40, 0x00, 0x01, 0x00, 0x96})});
+    uint16_t chunk = 0, total = 0;
+    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 0);
+    EXPECT_EQ(fake().lastCapacity, 12u);
+    EXPECT_EQ(chunk, 64);
+    EXPECT_EQ(second, 1);
+    EXPECT_EQ(total, 150);
+
+    fake().expect(
+        {0x2E, 0x81, head(kHandle, 11, 0x80), okResponse({0, 0, 1, 2, 3, 4, 5, 6, 7, 8})});
+    uint8_t o[8] = {};
+    EXPECT_EQ(ZELO_ReadInputPowerBufferConfiguration(kHandle, &o[0], &o[1], &o[2], &o[3], &o[4],
+                                                     &o[5], &o[6], &o[7]),
+              0);
+    EXPECT_EQ(Bytes(o, o + 8), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+TEST_F(SnapshotReadTest, ConfigurationFailuresZeroTheOutputs) {
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {0xC9}});
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {}, -4});
+    uint16_t chunk = 7, second = 7, total = 7;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 0xC9);
+    EXPECT_EQ(chunk | second | total, 0);
+    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 255);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadSnapshotBufferConfiguration] Failed to call IPMI Command(NETFN_DUV, "
+              "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is 201.\n"
+              "[ZELO_ReadSnapshotBufferConfiguration] Failed to call IPMI_DoIPMICmd(NETFN_DUV, "
+              "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is -4.\n");
+}
+
+TEST_F(SnapshotReadTest, OneChunkRefusesAnOverlongAnswer) {
+    uint8_t dest[8] = {};
+    uint16_t tag = 9, got = 9;
+    EXPECT_EQ(ZELO_ReadSnapshotBuffer(kHandle, 0, 4, &tag, &got, nullptr), 253);
+    EXPECT_EQ(tag | got, 0) << "no exchange without a destination";
+
+    expectChunk(0x0102, 4, 7, {1, 2, 3});
+    EXPECT_EQ(ZELO_ReadSnapshotBuffer(kHandle, 0x0102, 4, &tag, &got, dest), 0);
+    EXPECT_EQ(fake().lastCapacity, 12u);
+    EXPECT_EQ(tag, 7);
+    EXPECT_EQ(got, 3);
+    EXPECT_EQ(Bytes(dest, dest + 4), (Bytes{1, 2, 3, 0}));
+
+    expectChunk(0, 2, 7, {9, 9, 9});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadSnapshotBuffer(kHandle, 0, 2, &tag, &got, dest), 255);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ZELO_ReadSnapshotBuffer] The returned buffer size (3) is bigger than expected size "
+              "(2)!\n");
+    EXPECT_EQ(dest[0], 1) << "nothing copied";
+}
+
+TEST_F(SnapshotReadTest, WholeBufferInChunksUnderOneTag) {
+    const Bytes data = fill(150, 0);
+    expectChunk(0, 64, 5, Bytes(data.begin(), data.begin() + 64));
+    expectChunk(64, 64, 5, Bytes(data.begin() + 64, data.begin() + 128));
+    expectChunk(128, 22, 5, Bytes(data.begin() + 128, data.end()));
+    uint8_t dest[150] = {};
+    uint16_t bytesRead = 0, tag = 0;
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 150, &bytesRead, dest, &tag), 0);
+    EXPECT_EQ(bytesRead, 150);
+    EXPECT_EQ(tag, 5);
+    EXPECT_EQ(Bytes(dest, dest + 150), data);
+
+    expectChunk(0, 40, 6, fill(40, 0));
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 40, &bytesRead, dest, &tag), 0);
+    EXPECT_EQ(tag, 6) << "one chunk, its tag";
+}
+
+TEST_F(SnapshotReadTest, ChangedTagRestartsFromTheStart) {
+    expectChunk(0, 64, 5, fill(64, 0));
+    expectChunk(64, 64, 5, fill(64, 64));
+    expectChunk(128, 22, 6, fill(22, 1)); // a new snapshot between chunks
+    expectChunk(0, 64, 0, fill(64, 2));   // tag 0 is not compared...
+    expectChunk(64, 64, 6, fill(64, 3));  // ...so this chunk is taken as it comes
+    expectChunk(128, 22, 6, fill(22, 4));
+    uint8_t dest[150] = {};
+    uint16_t bytesRead = 0, tag = 0;
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 150, &bytesRead, dest, &tag), 0);
+    EXPECT_EQ(bytesRead, 150);
+    EXPECT_EQ(tag, 6);
+    EXPECT_EQ(dest[0], 2);
+    EXPECT_EQ(dest[149], 4 + 21);
+}
+
+TEST_F(SnapshotReadTest, SevenReadsAreTooMany) {
+    // Seven chunks needed: the seventh completes the buffer and still fails.
+    for (uint16_t i = 0; i < 7; ++i)
+        expectChunk(i * 10, 10, 3, fill(10, 0));
+    uint8_t dest[70] = {};
+    uint16_t bytesRead = 1, tag = 1;
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 10, 70, &bytesRead, dest, &tag), 255);
+    EXPECT_EQ(bytesRead | tag, 0);
+
+    // Empty answers use up reads without progress.
+    for (int i = 0; i < 7; ++i)
+        expectChunk(0, 10, 3, {});
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 10, 10, &bytesRead, dest, &tag), 255);
+}
+
+TEST_F(SnapshotReadTest, FailuresStopAtOnce) {
+    uint8_t dest[10] = {};
+    uint16_t bytesRead = 1, tag = 1;
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 0, 10, &bytesRead, dest, &tag), 253);
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 10, 0, &bytesRead, dest, &tag), 253);
+    EXPECT_EQ(tag, 0);
+    EXPECT_EQ(bytesRead, 1) << "not written on a refused call";
+
+    expectChunk(0, 4, 3, fill(4, 0));
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 3, 0x81), {0, 4, 0, 4}), {0xC0}});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 4, 10, &bytesRead, dest, &tag), 0xC0);
+    testing::internal::GetCapturedStdout();
+}
+
+} // namespace
+} // namespace zelo::test
