@@ -4,6 +4,7 @@
 #include <zelo/firmware.h>
 #include <zelo/registers.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,8 +65,11 @@ uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
     return ZELO_RC_FAILURE;
 }
 
+// Result of a block parse: a result code, or the layout not fitting.
+constexpr int kDoesNotFit = -1;
+
 // The input power block: E entries, each R x (A + W1 + W2) bytes apart.
-uint8_t parseInputPower(uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
+int parseInputPower(uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
     uint8_t unused1 = 0, entries = 0, repeat = 0, lead = 0, width1 = 0, width2 = 0;
     uint8_t unused7 = 0, unused8 = 0;
     const uint8_t rc = ZELO_ReadInputPowerBufferConfiguration(
@@ -88,7 +92,7 @@ uint8_t parseInputPower(uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
         s.psPowerSupplyAC[i].u64Avg = entry.take(width1);
         s.psPowerSupplyAC[i].u64Max = entry.take(width2);
         if (!entry.ok() || !cursor.skip(repeat * entryLen))
-            return ZELO_RC_FAILURE;
+            return kDoesNotFit;
     }
     return ZELO_RC_SUCCESS;
 }
@@ -164,6 +168,12 @@ uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint1
                                                       &width, &size, &sixth);
     if (rc != ZELO_RC_SUCCESS)
         return rc;
+    // Our own guard: more than 255 buckets cannot be counted in the record.
+    if (inner > UINT8_MAX - 2) {
+        std::printf("[%s] The histogram has more buckets (%d) than a snapshot can carry.\n",
+                    "ParseSnapshotBuffer", inner + 2);
+        return ZELO_RC_FAILURE;
+    }
     psHistogram->pu8BucketData = nullptr;
     psHistogram->u16HistogramBase = base;
     psHistogram->u8BucketNum = static_cast<uint8_t>(inner + 2);
@@ -222,11 +232,11 @@ uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint1
     if ((extended & kExtSkipped) && !cursor.skip(kSkippedBlockLen))
         return layoutDoesNotFit(cursor, u16RawLength);
     if ((extended & kExtInputPower) && !blade) {
-        rc = parseInputPower(u8ModuleHandle, cursor, s);
-        if (rc == ZELO_RC_FAILURE)
+        const int result = parseInputPower(u8ModuleHandle, cursor, s);
+        if (result == kDoesNotFit)
             return layoutDoesNotFit(cursor, u16RawLength);
-        if (rc != ZELO_RC_SUCCESS)
-            return rc;
+        if (result != ZELO_RC_SUCCESS)
+            return static_cast<uint8_t>(result);
     }
     if (extended & kExtTimestamp) {
         s.u64Timestamp = cursor.take(8);

@@ -3,6 +3,7 @@
 // missing, dead or stuck simulator costs at most kDeadlineMs, never a hang.
 #include "ipmi_wire.h"
 #include "paths.h"
+#include "socket_exchange.h"
 
 #include <zelo/platform.h>
 
@@ -139,8 +140,10 @@ int receiveExactly(int fd, uint8_t *sink, std::size_t len, Clock::time_point dea
 
 } // namespace
 
-extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request,
-                              uint32_t requestLen, uint8_t *response, uint32_t *responseLen) {
+namespace zelo::platform {
+
+int exchange(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t requestLen,
+             uint8_t *response, uint32_t *responseLen) {
     using namespace zelo::wire;
     if (responseLen == nullptr || (response == nullptr && *responseLen > 0) ||
         (request == nullptr && requestLen > 0) || requestLen > kMaxDataLen)
@@ -182,4 +185,11 @@ extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request
         return rc;
     *responseLen = kept;
     return 0;
+}
+
+} // namespace zelo::platform
+
+extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request,
+                              uint32_t requestLen, uint8_t *response, uint32_t *responseLen) {
+    return zelo::platform::exchange(netFn, cmd, request, requestLen, response, responseLen);
 }

@@ -18,6 +18,20 @@ inline constexpr std::size_t kMaxDataLen = 4096;
 inline constexpr const char *kDefaultSocket = "/run/zelo-fwsim.sock";
 inline constexpr const char *kSocketEnv = "ZELO_IPMI_SOCKET";
 
+// The controller's own sensors travel on the same socket under a network
+// function the power-management firmware never uses (0x3A, in the range IPMI
+// leaves to a controller's own commands), one record per exchange:
+//   request:  netFn 0x3A, cmd = IPMI sensor type, data = record index u16
+//             big-endian, counted from 0
+//   response: 0x00, status u8, name length u8, name, reading length u16
+//             big-endian, reading (texts without NUL); 0xCB alone past the
+//             last record of that type; any other code is a refusal
+inline constexpr std::uint8_t kSensorNetFn = 0x3A;
+inline constexpr std::uint8_t kCcNoMoreRecords = 0xCB;
+// The longest texts a platform sensor record holds with their NUL.
+inline constexpr std::size_t kSensorNameMax = 191;
+inline constexpr std::size_t kSensorReadingMax = 1293;
+
 inline void putLe16(std::uint8_t *p, std::uint16_t v) {
     p[0] = static_cast<std::uint8_t>(v & 0xFF);
     p[1] = static_cast<std::uint8_t>(v >> 8);

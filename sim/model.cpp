@@ -1,5 +1,7 @@
 #include "model.h"
 
+#include "ipmi_wire.h"
+
 #include <zelo/firmware.h>
 
 #include <algorithm>
@@ -48,6 +50,9 @@ constexpr std::uint8_t kXpmReturnedSize = 7;
 // Performance buffer ids, in the order of Performance::current.
 constexpr std::uint8_t kXpmBuffers[] = {0, 4, 5, 6};
 constexpr std::uint8_t kXpmSpread = 10; // max / min around the current value
+
+constexpr std::size_t kSensorRequestLen = 2;
+constexpr std::uint8_t kTemperatureSensorType = 1;
 
 constexpr unsigned kServer = 0;
 constexpr std::size_t kCapabilitiesRow = *findRegister(0, 7);
@@ -182,6 +187,8 @@ std::uint64_t Firmware::now() const {
 
 std::vector<std::uint8_t> Firmware::handle(std::uint8_t netFn, std::uint8_t cmd,
                                            std::span<const std::uint8_t> request) {
+    if (netFn == wire::kSensorNetFn)
+        return sensorRecord(cmd, request);
     if (!state_.present || netFn != NETFN_DUV)
         return {kCcInvalidCommand};
     switch (cmd) {
@@ -390,6 +397,24 @@ Firmware::Bytes Firmware::xpm(std::span<const std::uint8_t> request) {
     putU16(out, static_cast<std::uint16_t>(seconds >> 16));
     putU16(out, static_cast<std::uint16_t>(seconds));
     out.insert(out.end(), {kXpmReturnedSize, state_.perf.status, utilisation(current, selector)});
+    return out;
+}
+
+Firmware::Bytes Firmware::sensorRecord(std::uint8_t type,
+                                       std::span<const std::uint8_t> request) const {
+    if (state_.sensorFault)
+        return {*state_.sensorFault};
+    if (request.size() != kSensorRequestLen)
+        return {kCcBadLength};
+    const std::size_t index = getU16(request, 0);
+    if (type != kTemperatureSensorType || index >= state_.sensors.size())
+        return {wire::kCcNoMoreRecords};
+    // The scenario parser keeps both texts within their length fields.
+    const Sensor &s = state_.sensors[index];
+    Bytes out{kCcOk, s.status, static_cast<std::uint8_t>(s.name.size())};
+    out.insert(out.end(), s.name.begin(), s.name.end());
+    putU16(out, static_cast<std::uint16_t>(s.reading.size()));
+    out.insert(out.end(), s.reading.begin(), s.reading.end());
     return out;
 }
 

@@ -49,6 +49,13 @@
 // buffers: 0xC1 to every request.
 //
 // Other elements answer 0xCC to the table methods.
+//
+// The controller's own sensors answer under network function 0x3A, also when
+// the firmware is absent (protocol in platform/ipmi_wire.h): command = sensor
+// type, request [index (2)]: [0, status, name length, name, reading length
+// (2), reading] for the scenario's index-th sensor; 0xCB alone past the last
+// one or for any type but temperature (1); 0xC7 for a request of another
+// length; the scenario's sensor fault code to every request.
 #pragma once
 
 #include "scenario.h"
@@ -92,6 +99,7 @@ class Firmware {
     Bytes invokeMethod(std::span<const std::uint8_t> request);
     Bytes runMethod(unsigned number, std::span<const std::uint8_t> request);
     Bytes xpm(std::span<const std::uint8_t> request);
+    Bytes sensorRecord(std::uint8_t type, std::span<const std::uint8_t> request) const;
     Bytes snapshotConfiguration(std::span<const std::uint8_t> request);
     Bytes readSnapshot(std::span<const std::uint8_t> request);
     Bytes currentBuffer();

@@ -1,5 +1,7 @@
 #include "scenario.h"
 
+#include "ipmi_wire.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -32,16 +34,23 @@ constexpr std::uint8_t kExpansionHandle = 9;
     return out;
 }
 
+constexpr const char *kBlanks = " \t\r";
+
+std::string_view skipBlanks(std::string_view text) {
+    const std::size_t start = text.find_first_not_of(kBlanks);
+    return start == std::string_view::npos ? std::string_view{} : text.substr(start);
+}
+
 std::vector<std::string_view> splitWords(std::string_view line) {
     std::vector<std::string_view> words;
     if (const auto hash = line.find('#'); hash != std::string_view::npos)
         line = line.substr(0, hash);
     std::size_t pos = 0;
     while (pos < line.size()) {
-        const std::size_t start = line.find_first_not_of(" \t\r", pos);
+        const std::size_t start = line.find_first_not_of(kBlanks, pos);
         if (start == std::string_view::npos)
             break;
-        std::size_t end = line.find_first_of(" \t\r", start);
+        std::size_t end = line.find_first_of(kBlanks, start);
         if (end == std::string_view::npos)
             end = line.size();
         words.push_back(line.substr(start, end - start));
@@ -156,6 +165,7 @@ class LineParser {
             {"perf", &LineParser::perf},
             {"short-answer", &LineParser::shortAnswer},
             {"overlong-read", &LineParser::overlongRead},
+            {"sensor", &LineParser::sensor},
         };
         const std::string_view keyword = words_[0];
         for (const auto &[name, handler] : kKeywords) {
@@ -306,6 +316,8 @@ class LineParser {
     bool fault() {
         if (words_.size() >= 2 && words_[1] == "xpm")
             return xpmFault();
+        if (words_.size() >= 2 && words_[1] == "sensors")
+            return sensorFault();
         Fault f;
         std::size_t ccIndex = 0;
         if (words_.size() >= 3 && words_[1] == "discovery") {
@@ -355,6 +367,65 @@ class LineParser {
             f.remaining = static_cast<std::uint32_t>(k);
         }
         sc_.xpmFault = f;
+        return true;
+    }
+
+    bool sensorFault() {
+        if (words_.size() != 3)
+            return usage("fault sensors <cc>");
+        std::uint8_t cc = 0;
+        if (!completionCode(2, cc))
+            return false;
+        sc_.sensorFault = cc;
+        return true;
+    }
+
+    // The texts come from the line itself rather than its words, so a quoted
+    // name or a reading keeps its inner blanks as written.
+    bool sensor() {
+        static constexpr const char *kUsage = "sensor <name> <status> <reading>";
+        if (words_.size() < 2)
+            return usage(kUsage);
+        const std::string_view last = words_.back();
+        std::string_view rest(words_[1].data(), static_cast<std::size_t>(last.data() + last.size() -
+                                                                         words_[1].data()));
+        std::string_view name;
+        if (rest.front() == '"') {
+            const std::size_t close = rest.find('"', 1);
+            if (close == std::string_view::npos)
+                return fail("sensor name misses its closing quote");
+            name = rest.substr(1, close - 1);
+            rest.remove_prefix(close + 1);
+            if (!rest.empty() &&
+                std::string_view(kBlanks).find(rest.front()) == std::string_view::npos)
+                return fail("blank expected after the sensor name's closing quote");
+        } else {
+            const std::size_t end = std::min(rest.find_first_of(kBlanks), rest.size());
+            name = rest.substr(0, end);
+            rest.remove_prefix(end);
+        }
+        rest = skipBlanks(rest);
+        const std::size_t statusEnd = rest.find_first_of(kBlanks);
+        if (statusEnd == std::string_view::npos)
+            return usage(kUsage);
+        std::uint64_t status = 0;
+        if (!numberIn(rest.substr(0, statusEnd), 0xFF, status))
+            return false;
+        std::string_view reading = skipBlanks(rest.substr(statusEnd));
+        if (reading.front() == '"') {
+            if (reading.size() < 2 || reading.back() != '"')
+                return fail("sensor reading misses its closing quote");
+            reading = reading.substr(1, reading.size() - 2);
+        }
+        if (name.size() > wire::kSensorNameMax)
+            return fail(format("sensor name longer than %zu characters", wire::kSensorNameMax));
+        if (reading.size() > wire::kSensorReadingMax)
+            return fail(
+                format("sensor reading longer than %zu characters", wire::kSensorReadingMax));
+        if (sc_.sensors.size() == kMaxSensors)
+            return fail(format("more than %zu sensors", kMaxSensors));
+        sc_.sensors.push_back(
+            {std::string(name), static_cast<std::uint8_t>(status), std::string(reading)});
         return true;
     }
 

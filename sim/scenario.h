@@ -94,6 +94,23 @@
 //   snapshot-every-reads <k>            also a snapshot after every k buffer
 //                                       reads (0: only on time) [0]
 //
+// The controller's own temperature sensors (IPMI sensor type 1), in the
+// order the controller lists them. They belong to the controller, not to the
+// firmware, so they answer also with `present no` (network function 0x3A,
+// platform/ipmi_wire.h). Built in: none.
+//
+//   sensor <name> <status> <reading>    name: one word, or text between
+//                                       double quotes ("Inlet Temp") that
+//                                       holds none, at most 191 characters; status: the record's
+//                                       status byte, 0 = usable; reading: the
+//                                       rest of the line as written (24 degrees
+//                                       C), at most 1293 characters, or between
+//                                       double quotes to be empty or keep outer
+//                                       blanks. `#` always starts a comment, so
+//                                       neither text can hold one; at most
+//                                       65536 sensors
+//   fault sensors <cc>                  every sensor request answers cc
+//
 // Errors name the file and line: "lab.scn:12: unknown register 0/99".
 #pragma once
 
@@ -130,6 +147,8 @@ inline constexpr std::size_t kRedundancyFixedLen = 11;
 inline constexpr std::size_t kMaxTypeListLen = 0xFF - kRedundancyFixedLen;
 // Counts are bytes on the wire.
 inline constexpr std::size_t kMaxTableEntries = 0xFF;
+// Sensor record indices travel as 16 bits.
+inline constexpr std::size_t kMaxSensors = 0x10000;
 
 struct PsuType {
     std::uint16_t watts = 0;
@@ -194,6 +213,14 @@ struct ShortAnswer {
     std::uint16_t bytes = 0;
 };
 
+// One controller sensor record.
+struct Sensor {
+    std::string name;
+    std::uint8_t status = 0;
+    std::string reading;
+    bool operator==(const Sensor &) const = default;
+};
+
 // Default-constructed, this is the built-in firmware.
 struct Scenario {
     Scenario();
@@ -207,6 +234,8 @@ struct Scenario {
     Performance perf;
     std::optional<XpmFault> xpmFault;
     std::vector<ShortAnswer> shortAnswers; // a later line wins here too
+    std::vector<Sensor> sensors;
+    std::optional<std::uint8_t> sensorFault;
 };
 
 // Applies the lines of text on top of scenario; name prefixes error messages.

@@ -1,6 +1,7 @@
 #include "fake_platform.h"
 
 #include "firmware/discovery_internal.h"
+#include "history/history_internal.h"
 #include "report.h"
 
 #include <zelo/firmware.h>
@@ -43,6 +44,7 @@ FakePlatform &fake() {
 void PlatformTest::SetUp() {
     gFake = FakePlatform{};
     firmware::resetSupportCache();
+    history::resetHistories();
     firmware::gSysinfo = fakeSysinfo;
     gSyslog = recordSyslog;
     char tmpl[] = "/tmp/zelo-test-XXXXXX";
@@ -105,6 +107,19 @@ int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t 
     const auto n = std::min<std::size_t>(step.response.size(), *responseLen);
     std::copy_n(step.response.begin(), n, response);
     *responseLen = static_cast<uint32_t>(n);
+    return 0;
+}
+
+int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize, const uint8_t *sensorType,
+                           uint8_t *area) {
+    gFake.sensorTypes.push_back(*sensorType);
+    gFake.sensorAreaSize = areaSize;
+    *deliveredLen = 0;
+    if (gFake.sensorResult != 0)
+        return gFake.sensorResult;
+    const auto n = std::min<std::size_t>(gFake.sensorRecords.size(), areaSize);
+    std::copy_n(gFake.sensorRecords.begin(), n, area);
+    *deliveredLen = gFake.sensorClaimed.value_or(static_cast<uint32_t>(n));
     return 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -37,6 +38,15 @@ struct FakePlatform {
     std::set<std::string> failingSets;   // keys whose setters fail
 
     std::vector<std::pair<int, std::string>> syslog; // priority, message
+
+    // GetAllSensorInfoByType copies sensorRecords into the area, cut to its
+    // size, and returns sensorResult (non-zero: nothing delivered);
+    // sensorClaimed, when set, is the length it reports instead.
+    Bytes sensorRecords;
+    int sensorResult = 0;
+    std::optional<uint32_t> sensorClaimed;
+    std::vector<uint8_t> sensorTypes; // asked for, one per call
+    uint32_t sensorAreaSize = 0;
 
     long uptime = 100;
     bool sysinfoFails = false;

@@ -3,18 +3,26 @@
 // the raw bytes nor leak.
 //
 // Input: blade(1) caps(1) extended(4) histogram base(2) inner(1) width(1)
-// size(1) input power E(1) R(1) A(1) W1(1) W2(1), then the raw snapshot.
+// size(1) input power E(1) R(1) A(1) W1(1) W2(1) failures(1) chunk size(1),
+// then the raw snapshot. Failure bits make a read fail: 0 histogram
+// configuration, 1 capabilities, 2 extended capabilities, 3 input power
+// configuration; bit 4 fetches the buffer through GetSnapshotBufferFromZELO
+// in chunks instead of parsing it directly.
 #include <zelo.h>
 #include <zelo/platform.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
 namespace {
 
-constexpr std::size_t kHeadLen = 16;
+constexpr std::size_t kHeadLen = 18;
+constexpr uint8_t kFailCode = 0xC3;
+const uint8_t *gRaw = nullptr;
+std::size_t gRawLen = 0;
 const uint8_t *gConfig = nullptr; // the head of the current input
 
 uint8_t cfg(std::size_t i) {
@@ -30,17 +38,26 @@ std::vector<uint8_t> answer(const uint8_t *request, uint32_t length) {
     const uint8_t method = request[5];
     if (method == ZELO_METHOD_READ_REGISTER && element == 0 && length == 8) {
         if (request[6] == 7)
-            r.push_back(cfg(1));
-        else if (request[6] == 14)
-            r.insert(r.end(), {cfg(2), cfg(3), cfg(4), cfg(5)});
-        else
-            return {0xCC};
-    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 2) {
+            return fails(1) ? std::vector<uint8_t>{kFailCode} : (r.push_back(cfg(1)), r);
+        if (request[6] != 14 || fails(2))
+            return {kFailCode};
+        r.insert(r.end(), {cfg(2), cfg(3), cfg(4), cfg(5)});
+    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 2 && !fails(0)) {
         r.insert(r.end(), {0, 0, cfg(6), cfg(7), 0, 0, cfg(8), cfg(9), cfg(10), 0});
-    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 11) {
+    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 11 && !fails(3)) {
         r.insert(r.end(), {0, 0, 0, cfg(11), cfg(12), cfg(13), cfg(14), cfg(15), 0, 0});
+    } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 3) {
+        const auto total = static_cast<uint16_t>(gRawLen);
+        r.insert(r.end(), {0, 0, 0, cfg(17), 0, 0, static_cast<uint8_t>(total >> 8),
+                           static_cast<uint8_t>(total)});
+    } else if (method == ZELO_METHOD_READ_BUFFER && element == 3 && length == 10) {
+        const std::size_t offset = (request[6] << 8) | request[7];
+        const std::size_t wanted = (request[8] << 8) | request[9];
+        const std::size_t n = offset < gRawLen ? std::min(wanted, gRawLen - offset) : 0;
+        r.insert(r.end(), {0, 1, static_cast<uint8_t>(n >> 8), static_cast<uint8_t>(n)});
+        r.insert(r.end(), gRaw + offset, gRaw + offset + n);
     } else {
-        return {0xCC};
+        return {kFailCode};
     }
     return r;
 }
@@ -100,11 +117,23 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     const std::size_t rawLen = size - kHeadLen;
     auto *raw = static_cast<uint8_t *>(std::malloc(rawLen ? rawLen : 1));
     std::memcpy(raw, data + kHeadLen, rawLen);
-    auto *record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+    gRaw = raw;
+    gRawLen = rawLen;
     HistogramData histogram{};
-    ParseSnapshotBuffer(5, raw, static_cast<uint16_t>(rawLen), record, &histogram);
-    std::free(histogram.pu8BucketData);
-    FreeSnapshotBuffer(record);
+    if (fails(4)) {
+        // The whole road: configuration, chunks under one tag, parse, and the
+        // release of everything when the parse fails.
+        SnapshotBuffer *record = nullptr;
+        if (GetSnapshotBufferFromZELO(&record, &histogram) == ZELO_RC_SUCCESS) {
+            FreeSnapshotBuffer(record);
+            std::free(histogram.pu8BucketData);
+        }
+    } else {
+        auto *record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+        ParseSnapshotBuffer(5, raw, static_cast<uint16_t>(rawLen), record, &histogram);
+        std::free(histogram.pu8BucketData);
+        FreeSnapshotBuffer(record);
+    }
     std::free(raw);
     return 0;
 }

@@ -1,6 +1,7 @@
 // The firmware simulator's model, scenario files and socket server, driven
 // in-process.
 #include "model.h"
+#include "platform/ipmi_wire.h"
 #include "scenario.h"
 #include "server.h"
 
@@ -297,6 +298,41 @@ TEST(FwsimRouting, UnknownNetFnCommandOrAbsentFirmwareIsInvalidCommand) {
     EXPECT_EQ(invoke(absent, readReg(kHandle0, 7, 0, 2)), Bytes{0xC1});
 }
 
+// The controller's sensors: one record per index, whatever the firmware does.
+TEST(FwsimSensors, AnswersEachRecordInScenarioOrderThenNoMore) {
+    const auto ask = [](Firmware &fw, std::uint8_t type, unsigned index) {
+        const Bytes request{static_cast<std::uint8_t>(index >> 8),
+                            static_cast<std::uint8_t>(index)};
+        return fw.handle(zelo::wire::kSensorNetFn, type, request);
+    };
+    const auto answer = [](std::uint8_t status, const std::string &name, const std::string &text) {
+        const Bytes head{0, status, static_cast<std::uint8_t>(name.size())};
+        const Bytes length{static_cast<std::uint8_t>(text.size() >> 8),
+                           static_cast<std::uint8_t>(text.size())};
+        return cat(cat(cat(head, Bytes(name.begin(), name.end())), length),
+                   Bytes(text.begin(), text.end()));
+    };
+    const std::string longName(191, 'n');
+    const std::string longText(1293, 'r');
+    Firmware fw{parsed("present no\n"
+                       "sensor \"Inlet Temp\"\t0   24 degrees  C   # comment\n"
+                       "sensor CPU_Temp 0x07 \"  padded \"\n"
+                       "sensor \"\" 0 \"\"\n"
+                       "sensor " +
+                       longName + " 0 " + longText + "\n")};
+    EXPECT_EQ(ask(fw, 1, 0), answer(0, "Inlet Temp", "24 degrees  C"));
+    EXPECT_EQ(ask(fw, 1, 1), answer(7, "CPU_Temp", "  padded "));
+    EXPECT_EQ(ask(fw, 1, 2), answer(0, "", ""));
+    EXPECT_EQ(ask(fw, 1, 3), answer(0, longName, longText));
+    EXPECT_EQ(ask(fw, 1, 4), Bytes{0xCB});
+    EXPECT_EQ(ask(fw, 1, 0x100), Bytes{0xCB}) << "the index is 16 bits, high byte first";
+    EXPECT_EQ(ask(fw, 2, 0), Bytes{0xCB}) << "only temperature sensors";
+    EXPECT_EQ(fw.handle(zelo::wire::kSensorNetFn, 1, Bytes{0}), Bytes{0xC7});
+
+    Firmware refusing{parsed("sensor X 0 1 C\nfault sensors 0xC3\n")};
+    EXPECT_EQ(ask(refusing, 1, 0), Bytes{0xC3});
+}
+
 TEST(FwsimFaults, ForcedCodesHitOnlyTheirTarget) {
     Firmware fw{parsed("fault 0 7 0x82 0xC9\n"
                        "fault discovery 1 0xC3\n")};
@@ -328,7 +364,7 @@ TEST(FwsimScenario, OverridesTheBuiltInFirmware) {
 TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
     // The offending line is the last one of each text.
     const struct {
-        const char *text;
+        std::string text;
         const char *error;
     } cases[] = {
         {"reg 0 0 99 1", "unknown register 0/99"},
@@ -365,6 +401,14 @@ TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
         {"redundancy 0 0 1+1 props 2 list 0 colour 3", "usage: redundancy"},
         {"redundancy 0 0 1+1 list 0 props 2", "usage: redundancy"},
         {"redundancy 0 0 1+1 props 2 list 0 entrylen 256", "256 out of range (0-255)"},
+        {"sensor \"Inlet Temp 0 24 C", "sensor name misses its closing quote"},
+        {"sensor \"Inlet\"Temp 0 24 C", "blank expected after the sensor name's closing quote"},
+        {"sensor \"Inlet Temp\" 0", "usage: sensor"},
+        {"sensor X 256 24 C", "256 out of range (0-255)"},
+        {"sensor X 0 \"24 C", "sensor reading misses its closing quote"},
+        {"sensor " + std::string(192, 'n') + " 0 x", "sensor name longer than 191 characters"},
+        {"sensor X 0 " + std::string(1294, 'r'), "sensor reading longer than 1293 characters"},
+        {"fault sensors 0", "completion code 0"},
     };
     for (const auto &c : cases) {
         const std::string text = std::string("delay 7\n") + c.text;
@@ -376,6 +420,7 @@ TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
         EXPECT_EQ(error.substr(0, expected.size()), expected);
         EXPECT_EQ(s.delayMs, 0u) << c.text;
         EXPECT_EQ(s.instances[0].psu, Scenario{}.instances[0].psu) << c.text;
+        EXPECT_TRUE(s.sensors.empty()) << c.text;
     }
     // Moving instance 1 off its handle frees that handle for instance 0.
     parsed("instance 1 handle 7\ninstance 0 handle 9\n");

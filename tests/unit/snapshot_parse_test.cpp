@@ -225,6 +225,45 @@ TEST_F(SnapshotParseTest, LayoutsThatDoNotFitAreRefused) {
     EXPECT_NE(output.find("does not fit"), std::string::npos) << output;
 }
 
+TEST_F(SnapshotParseTest, FailedReadsOfTheDescribingRegistersAreReturned) {
+    fake().expect({0x2E, 0x81, head(kHandle, 2, 0x80), {0xC3}});
+    EXPECT_EQ(parse(rackHead()), 0xC3);
+    EXPECT_NE(output.find("[ZELO_ReadPowerHistogramConfiguration] Failed to call IPMI Command"),
+              std::string::npos);
+    FreeSnapshotBuffer(record);
+    record = nullptr;
+
+    expectHistogram(0, 2);
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 0, 0x82), {7, 1}), {0xC4}});
+    EXPECT_EQ(parse(rackHead()), 0xC4);
+    EXPECT_NE(output.find("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and "
+                          "the result code is 196.\n"),
+              std::string::npos);
+    FreeSnapshotBuffer(record);
+    std::free(histogram.pu8BucketData);
+    histogram.pu8BucketData = nullptr;
+
+    expectHistogram(0, 2);
+    read(0, 7, 1, {0x80});
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 0, 0x82), {14, 4}), {0xC5}});
+    EXPECT_EQ(parse(rackHead()), 0xC5);
+    EXPECT_NE(output.find("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the "
+                          "result code is 197.\n"),
+              std::string::npos);
+    FreeSnapshotBuffer(record);
+    std::free(histogram.pu8BucketData);
+    histogram.pu8BucketData = nullptr;
+
+    expectHistogram(0, 2);
+    expectCapabilities(0x80, 0x04);
+    fake().expect({0x2E, 0x81, head(kHandle, 11, 0x80), {}, -9});
+    EXPECT_EQ(parse(rackHead()), 255);
+    EXPECT_NE(output.find("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result "
+                          "code is 255.\n"),
+              std::string::npos);
+    EXPECT_EQ(output.find("does not fit"), std::string::npos) << "a failed read, not a layout";
+}
+
 class GetSnapshotTest : public SnapshotParseTest {
   protected:
     void SetUp() override {
@@ -269,6 +308,30 @@ TEST_F(GetSnapshotTest, AFailedParseLeavesNothingBehind) {
               std::string::npos);
     EXPECT_EQ(record, nullptr);
     EXPECT_EQ(histogram.pu8BucketData, nullptr);
+
+    // The configuration read and the chunked read fail on their own.
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {0xC9}});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 0xC9);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "Failed to call ZELO_ReadSnapshotBufferConfiguration() and the result code is "
+                  "201.\n"),
+              std::string::npos);
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), okResponse({0, 0, 0, 64, 0, 0, 0, 29})});
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 3, 0x81), {0, 0, 0, 29}), {0xCA}});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 0xCA);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "Failed to call ReadTotalSnapshotBuffer() and the result code is 202.\n"),
+              std::string::npos);
+    EXPECT_EQ(record, nullptr);
+
+    fake().store.erase("zelo_module_handle_0");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 255);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find(
+                  "[GetSnapshotBufferFromZELO] Failed to call ZELO_GetModuleHandle().\n"),
+              std::string::npos);
 
     testing::internal::CaptureStdout();
     EXPECT_EQ(GetSnapshotBufferFromZELO(&record, nullptr), 253);

@@ -162,6 +162,31 @@ TEST_F(SnapshotReadTest, FailuresStopAtOnce) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 4, 10, &bytesRead, dest, &tag), 0xC0);
     testing::internal::GetCapturedStdout();
+    EXPECT_EQ(bytesRead, 4) << "what was read so far";
+    EXPECT_EQ(tag, 0);
+}
+
+TEST_F(SnapshotReadTest, RestartsCountAgainstTheSevenReads) {
+    uint8_t dest[20] = {};
+    uint16_t bytesRead = 9, tag = 9;
+    // A new snapshot after every chunk: restarts until the seventh read fails.
+    uint16_t t = 1;
+    expectChunk(0, 10, t, fill(10, 0));
+    for (int read = 2; read <= 7; ++read) {
+        const bool restarted = read % 2 == 0;
+        expectChunk(restarted ? 10 : 0, 10, restarted ? ++t : t, fill(10, 0));
+    }
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 10, 20, &bytesRead, dest, &tag), 255);
+    EXPECT_EQ(bytesRead | tag, 0);
+
+    // After a restart the bytes read start from 0 again.
+    expectChunk(0, 10, 1, fill(10, 0));
+    expectChunk(10, 10, 2, fill(10, 0));
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 3, 0x81), {0, 0, 0, 10}), {0xC0}});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 10, 20, &bytesRead, dest, &tag), 0xC0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(bytesRead, 0);
 }
 
 } // namespace

@@ -1,0 +1,142 @@
+// Interval figures: each running total of a new snapshot is differenced
+// against the previous snapshot into an average, and the histogram's changed
+// buckets give the DC minimum and maximum.
+#include "state.h"
+
+#include <zelo/firmware.h>
+#include <zelo/metriclog.h>
+#include <zelo/tracelog.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <initializer_list>
+
+namespace zelo::metriclog {
+
+SnapshotBuffer sLastSnapshotBuffer{};
+HistogramData sLastHistogramData{};
+
+namespace {
+
+void trace(const char *level, const char *message) {
+    WriteToLog("CalculateSnapshotValue", level, message);
+}
+
+// The DC figures live in the AC record on a blade.
+MetricStat *dcRecord(SnapshotBuffer &s) {
+    return IsBladeServer() != 0 ? s.psSystemAC : s.psSystemDC;
+}
+
+struct Range {
+    uint64_t min = 0;
+    uint64_t max = 0;
+};
+
+// Lowest and highest bucket whose counter grew. Bucket 0 lies below the
+// base; the last bucket is open-ended and contributes its lower edge.
+Range histogramRange(const HistogramData &now, const HistogramData &before) {
+    Range r;
+    bool found = false;
+    for (int i = 0; i < now.u8BucketNum; ++i) {
+        const auto at = static_cast<uint32_t>(i * now.u8BucketSize);
+        const uint64_t current = MSBMultiBytesToValue(at, now.pu8BucketData, now.u8BucketSize);
+        const uint64_t previous =
+            MSBMultiBytesToValue(at, before.pu8BucketData, now.u8BucketSize);
+        if (current == previous)
+            continue;
+        const int64_t lower =
+            static_cast<int64_t>(now.u16HistogramBase) + (i - 1) * int64_t{now.u8BucketWidth};
+        if (!found && i != 0)
+            r.min = static_cast<uint64_t>(lower);
+        r.max = static_cast<uint64_t>(i == now.u8BucketNum - 1 ? lower
+                                                                 : lower + now.u8BucketWidth);
+        found = true;
+    }
+    return r;
+}
+
+} // namespace
+} // namespace zelo::metriclog
+
+using namespace zelo::metriclog;
+
+extern "C" {
+
+void CalculateAverage(const MetricStat *psPrevious, MetricStat *psCurrent, uint64_t u64Elapsed) {
+    if (psPrevious == nullptr || psCurrent == nullptr || psCurrent->u64Avg == 0)
+        return;
+    if (u64Elapsed == 0 || psPrevious->u64Avg == 0 || psPrevious->u64Avg >= psCurrent->u64Avg) {
+        psCurrent->u64Avg = 0;
+        return;
+    }
+    const double growth = static_cast<double>(psCurrent->u64Avg - psPrevious->u64Avg);
+    psCurrent->u64Avg = static_cast<uint64_t>(std::round(growth / static_cast<double>(u64Elapsed)));
+}
+
+void SetMaxMinValue(MetricStat *psStats, uint8_t u8Count) {
+    if (psStats == nullptr)
+        return;
+    for (uint8_t i = 0; i < u8Count; ++i) {
+        if (psStats[i].u64Min == 0)
+            psStats[i].u64Min = psStats[i].u64Avg;
+        if (psStats[i].u64Max == 0)
+            psStats[i].u64Max = psStats[i].u64Avg;
+    }
+}
+
+void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
+    HistogramData &h = sHistogramData;
+    if (psBuffer == nullptr || h.pu8BucketData == nullptr) {
+        trace("ERROR", "Empty input buffer");
+        // Our own choice: nothing may leak, also on a call the daemon never makes.
+        if (psBuffer == nullptr)
+            std::free(h.pu8BucketData);
+        return;
+    }
+    SnapshotBuffer &s = *psBuffer;
+    SnapshotBuffer &last = sLastSnapshotBuffer;
+    if (last.u64Timestamp >= s.u64Timestamp) {
+        trace("WARNING", "Time stamp is not right.");
+        std::free(h.pu8BucketData);
+        return;
+    }
+
+    SnapshotBuffer raw{};
+    CopySnapshotBuffer(&raw, &s);
+    const uint64_t elapsed = s.u64Timestamp - last.u64Timestamp;
+    CalculateAverage(last.psSystemAC, s.psSystemAC, elapsed);
+    CalculateAverage(last.psSystemDC, s.psSystemDC, elapsed);
+    CalculateAverage(last.psCPUPower, s.psCPUPower, elapsed);
+    CalculateAverage(last.psMemoryPower, s.psMemoryPower, elapsed);
+    CalculateAverage(last.psCoolingPower, s.psCoolingPower, elapsed);
+    CalculateAverage(last.psEffectiveCPU, s.psEffectiveCPU, elapsed / 1000);
+
+    FreeSignalMetricValue(&last, nullptr, nullptr);
+    CopySnapshotBuffer(&last, &raw);
+    FreeSignalMetricValue(&raw, nullptr, nullptr);
+
+    SetMaxMinValue(s.psPowerSupplyAC, s.u8PowerSupplyACNum);
+    SetMaxMinValue(s.psPowerSupplyDC, s.u8PowerSupplyDCNum);
+    for (MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
+                               s.psCoolingPower, s.psEffectiveCPU})
+        SetMaxMinValue(single, 1);
+
+    // A previous histogram without counters (never seeded) cannot be
+    // differenced either; it is treated like a changed shape.
+    if (h.u8BucketNum != sLastHistogramData.u8BucketNum ||
+        h.u8BucketSize != sLastHistogramData.u8BucketSize ||
+        sLastHistogramData.pu8BucketData == nullptr) {
+        trace("ERROR", "Different histogram data.");
+        std::free(h.pu8BucketData);
+        return;
+    }
+    const Range range = histogramRange(h, sLastHistogramData);
+    if (MetricStat *dc = dcRecord(s); dc != nullptr) {
+        dc->u64Min = range.min;
+        dc->u64Max = range.max;
+    }
+    std::free(sLastHistogramData.pu8BucketData);
+    sLastHistogramData = h;
+}
+
+} // extern "C"

@@ -1,0 +1,40 @@
+// Daemon-wide state of the metric log, shared inside the library (the
+// daemon's cycle seeds and resets it); not exported.
+#pragma once
+
+#include <zelo/metriclog.h>
+
+#include <cstdint>
+
+namespace zelo::metriclog {
+
+// The previous processed snapshot (raw accumulators) and its histogram.
+extern SnapshotBuffer sLastSnapshotBuffer;
+extern HistogramData sLastHistogramData;
+
+// Next metric log file index (0-119) and how many files exist (0-120).
+extern uint8_t u8LogFileIndex;
+extern uint8_t u8LogFileNum;
+
+inline constexpr uint8_t kLogFileCount = 120;
+inline constexpr const char *kLogDir = "/tmp/zelo_log/";
+inline constexpr const char *kLockFile = "/tmp/zelo_log/zelo.lock";
+inline constexpr const char *kNumFile = "/tmp/zelo_log/zelo_num.log";
+inline constexpr const char *kLastFile = "/tmp/zelo_log/zelo_last.log";
+
+// On-disk sizes of the metric log file, little-endian and unpadded.
+inline constexpr std::size_t kStatBytes = 24;          // u64Avg, u64Max, u64Min
+inline constexpr std::size_t kOptionalBytes = 1 + kStatBytes;
+inline constexpr std::size_t kInletReadingBytes = 4 + ZELO_INLET_TEMPERATURE_TEXT;
+static_assert(kInletReadingBytes == 68);
+// A rack snapshot with six single records, no supplies, no readings.
+static_assert(1 + 1 + 6 * kOptionalBytes + 1 + 1 + 8 + 1 + 1 == 164);
+
+// Resolves a system path under the root into a PATH_MAX buffer.
+bool logPath(const char *absPath, char *out, std::size_t cap);
+
+// Where the lock waits between polls; tests replace it.
+using SleepFn = unsigned (*)(unsigned seconds);
+extern SleepFn gLockSleep;
+
+} // namespace zelo::metriclog

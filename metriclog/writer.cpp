@@ -1,0 +1,191 @@
+// The metric log writer: one little-endian file per new snapshot in 120
+// rotating files, the counters, the published power figures and the power
+// history sample.
+#include "inlet_internal.h"
+#include "state.h"
+
+#include <zelo/firmware.h>
+#include <zelo/history.h>
+#include <zelo/metriclog.h>
+#include <zelo/platform.h>
+#include <zelo/tracelog.h>
+
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
+
+namespace zelo::metriclog {
+
+uint8_t u8LogFileIndex = 0;
+uint8_t u8LogFileNum = 0;
+
+namespace {
+
+void trace(const char *level, const char *message) { WriteToLog("CreateDataLog", level, message); }
+
+// Little-endian, field by field: the file never depends on the host's layout.
+std::size_t putLE(FILE *file, uint64_t value, int width) {
+    uint8_t bytes[8];
+    for (int i = 0; i < width; ++i)
+        bytes[i] = static_cast<uint8_t>(value >> (8 * i));
+    return std::fwrite(bytes, 1, static_cast<std::size_t>(width), file);
+}
+
+std::size_t putStat(FILE *file, const MetricStat &stat) {
+    putLE(file, stat.u64Avg, 8);
+    putLE(file, stat.u64Max, 8);
+    return putLE(file, stat.u64Min, 8);
+}
+
+// A count byte and that many records (none when the array is missing).
+void putArray(FILE *file, uint8_t count, const MetricStat *stats) {
+    putLE(file, count, 1);
+    if (stats != nullptr)
+        for (uint8_t i = 0; i < count; ++i)
+            putStat(file, stats[i]);
+}
+
+void putInletReadings(FILE *file) {
+    const BladeInletSensorBuffer &list = sBladeInletSensorBuffer;
+    putLE(file, list.u8SensorNum, 1);
+    const InletSensorTemperature *node = list.psSensor;
+    for (unsigned i = 0; i < list.u8SensorNum && node != nullptr; ++i, node = node->psNext) {
+        putLE(file, node->u32SensorIndex, 4);
+        std::fwrite(node->szTemperature, 1, sizeof node->szTemperature, file);
+    }
+}
+
+void putPerformance(FILE *file) {
+    MetricStat perf[4] = {};
+    if ((ReadPerformanceDataFromXPM(perf) & 0xFF) != 0) {
+        std::printf("%s - fails to read performance data from xpm", "CreateDataLog");
+        return;
+    }
+    static constexpr const char *kLines[4][3] = {
+        {"SysPerf.Avg : %lld\n", "SysPerf.Max : %lld\n", "SysPerf.Min : %lld\n"},
+        {"CPUPerf.Avg: %lld\n", "CPUPerf.Max: %lld\n", "CPUPerf.Min : %lld\n"},
+        {"MemPerf.Avg: %lld\n", "MemPerf.Max: %lld\n", "MemPerf.Min : %lld\n"},
+        {"IOPerf.Avg: %lld\n", "IOPerf.Max: %lld\n", "IOPerf.Min : %lld\n"},
+    };
+    for (int i = 0; i < 4; ++i) {
+        std::printf(kLines[i][0], static_cast<long long>(perf[i].u64Avg));
+        std::printf(kLines[i][1], static_cast<long long>(perf[i].u64Max));
+        std::printf(kLines[i][2], static_cast<long long>(perf[i].u64Min));
+    }
+    for (const MetricStat &stat : perf)
+        WriteZeroIfNullOrValueZero(file, &stat, 0);
+    std::printf("Write perf datas into /tmp/zelo_*.log \n");
+}
+
+// Publishes one record's three figures; an absent record publishes zeros.
+void publish(const char *avgKey, const char *minKey, const char *maxKey, const MetricStat *stat) {
+    const MetricStat zero{};
+    const MetricStat &s = stat != nullptr ? *stat : zero;
+    (void)kiv_config_set_int64(avgKey, static_cast<int64_t>(s.u64Avg), 0);
+    (void)kiv_config_set_int64(minKey, static_cast<int64_t>(s.u64Min), 0);
+    (void)kiv_config_set_int64(maxKey, static_cast<int64_t>(s.u64Max), 0);
+}
+
+void writeCounter(const char *absPath, uint8_t value) {
+    char path[PATH_MAX];
+    if (logPath(absPath, path, sizeof path))
+        WriteUCToFile(path, value);
+}
+
+} // namespace
+} // namespace zelo::metriclog
+
+using namespace zelo::metriclog;
+
+extern "C" {
+
+size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s32Mode) {
+    if (psFile == nullptr)
+        return 0;
+    const bool present = psStat != nullptr && !(s32Mode == 1 && psStat->u64Avg == 0);
+    const std::size_t written = putLE(psFile, present ? 1 : 0, 1);
+    return present ? putStat(psFile, *psStat) : written;
+}
+
+void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
+    if (psBuffer == nullptr) {
+        trace("ERROR", "Empty input buffer.");
+        return;
+    }
+    SnapshotBuffer &s = *psBuffer;
+    char name[32];
+    std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir, static_cast<unsigned>(u8LogFileIndex));
+    char path[PATH_MAX];
+    FILE *file = logPath(name, path, sizeof path) ? std::fopen(path, "wb") : nullptr;
+    if (file == nullptr) {
+        char message[1024];
+        std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
+        trace("ERROR", message);
+        std::free(sHistogramData.pu8BucketData);
+        return;
+    }
+    if (u8LogFileNum < kLogFileCount)
+        writeCounter(kNumFile, ++u8LogFileNum);
+
+    CalculateSnapshotValue(&s, sHistogramData);
+
+    putArray(file, s.u8PowerSupplyACNum, s.psPowerSupplyAC);
+    putArray(file, s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
+    for (const MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
+                                     s.psCoolingPower, s.psEffectiveCPU})
+        WriteZeroIfNullOrValueZero(file, single, 0);
+    putLE(file, s.u8InletTemperature, 1);
+    putLE(file, s.u8OutletTemperature, 1);
+    putLE(file, s.u64Timestamp, 8);
+    putLE(file, s.u8PowerStatus, 1);
+
+    if (WriteBladeInletTemperatureFromInletSensor() == 1) {
+        trace("ERROR", " -- Failed to get inlet temperature!");
+        putLE(file, 0, 1);
+    } else {
+        std::printf("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
+                    sBladeInletSensorBuffer.u8SensorNum);
+        putInletReadings(file);
+    }
+    if (NM_Performance_IsSupported() == 1)
+        putPerformance(file);
+    std::fclose(file);
+
+    writeCounter(kLastFile, u8LogFileIndex);
+    u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
+
+    // On a blade the DC figures are in the AC record: the dc keys carry it,
+    // published first.
+    const bool blade = IsBladeServer() != 0;
+    const MetricStat *acRecord = blade ? s.psSystemDC : s.psSystemAC;
+    const MetricStat *dcRecord = blade ? s.psSystemAC : s.psSystemDC;
+    const auto publishAc = [acRecord] {
+        publish("ZELO_total_ac_power_in_use_Avg", "ZELO_total_ac_power_in_use_Min",
+                "ZELO_total_ac_power_in_use_Max", acRecord);
+    };
+    const auto publishDc = [dcRecord] {
+        publish("ZELO_total_dc_power_in_use_Avg", "ZELO_total_dc_power_in_use_Min",
+                "ZELO_total_dc_power_in_use_Max", dcRecord);
+    };
+    if (blade) {
+        publishDc();
+        publishAc();
+    } else {
+        publishAc();
+        publishDc();
+    }
+    publish("ZELO_consumptionCPU_Avg", "ZELO_consumptionCPU_Min", "ZELO_consumptionCPU_Max",
+            s.psCPUPower);
+    publish("ZELO_consumptionMemory_Avg", "ZELO_consumptionMemory_Min",
+            "ZELO_consumptionMemory_Max", s.psMemoryPower);
+    publish("ZELO_consumptionCooling_Avg", "ZELO_consumptionCooling_Min",
+            "ZELO_consumptionCooling_Max", s.psCoolingPower);
+    (void)kiv_config_set_int64("ZELO_timestamp", static_cast<int64_t>(s.u64Timestamp), 0);
+
+    trackPowerHistory(s.u64Timestamp, acRecord != nullptr ? acRecord->u64Avg : 0,
+                      dcRecord != nullptr ? dcRecord->u64Avg : 0);
+}
+
+} // extern "C"

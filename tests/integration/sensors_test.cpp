@@ -1,0 +1,102 @@
+// The controller's sensors through the host platform library and the real
+// simulator, and a blade's inlet collection on top of them.
+#include "sim_process.h"
+
+#include <zelo/metriclog.h>
+#include <zelo/platform.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace zelo::test {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t kRecordLen = 1492;
+constexpr uint8_t kTemperature = 1;
+
+std::string readFile(const std::string &path) {
+    std::stringstream s;
+    s << std::ifstream(path).rdbuf();
+    return s.str();
+}
+
+struct Expected {
+    uint8_t status;
+    const char *name;
+    const char *reading;
+};
+
+class SensorsTest : public ::testing::Test {
+  protected:
+    TempRoot root;
+};
+
+TEST_F(SensorsTest, BladeSensorsArriveAsRecordsInScenarioOrder) {
+    SimProcess sim(root.path(), readFile(ZELO_SCENARIO_DIR "/blade.scn"));
+    const Expected expected[] = {{0, "Inlet Temp", "24 degrees C"},
+                                 {0, "Inlet 1 Temp", "Unavailable"},
+                                 {0, "CPU Temp", "58 degrees C"},
+                                 {1, "Inlet 2 Temp", "0 degrees C"}};
+    // Room for 2.5 records, one guard byte after the area.
+    Bytes area(5 * kRecordLen / 2 + 1, 0xEE);
+    uint32_t delivered = 0;
+    ASSERT_EQ(GetAllSensorInfoByType(&delivered, static_cast<uint32_t>(area.size() - 1),
+                                     &kTemperature, area.data()),
+              0);
+    EXPECT_EQ(delivered, 2 * kRecordLen);
+    EXPECT_TRUE(std::all_of(area.begin() + 2 * kRecordLen, area.end(),
+                            [](uint8_t b) { return b == 0xEE; }));
+
+    area.assign(768 * kRecordLen, 0xEE);
+    ASSERT_EQ(GetAllSensorInfoByType(&delivered, static_cast<uint32_t>(area.size()), &kTemperature,
+                                     area.data()),
+              0);
+    ASSERT_EQ(delivered, 4 * kRecordLen);
+    for (std::size_t i = 0; i < 4; ++i) {
+        const uint8_t *r = area.data() + i * kRecordLen;
+        EXPECT_EQ(r[2], expected[i].status);
+        EXPECT_STREQ(reinterpret_cast<const char *>(r + 6), expected[i].name);
+        EXPECT_STREQ(reinterpret_cast<const char *>(r + 198), expected[i].reading);
+        const auto set = std::count_if(r, r + kRecordLen, [](uint8_t b) { return b != 0; });
+        EXPECT_EQ(static_cast<std::size_t>(set), (expected[i].status != 0) +
+                                                     std::strlen(expected[i].name) +
+                                                     std::strlen(expected[i].reading))
+            << "the rest of record " << i << " is zero";
+    }
+
+    // A blade collects through the same path; the unusable reading is warned about.
+    ::setenv("RUX_FAMILY", "blade", 1);
+    std::filesystem::create_directories(root.path() + "/tmp/zelo_trace");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(WriteBladeInletTemperatureFromInletSensor(), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "totally there are 4 sensor info for type 1\n");
+    ::unsetenv("RUX_FAMILY");
+    EXPECT_NE(readFile(root.path() + "/tmp/zelo_trace/zelo_trace_log_0.txt")
+                  .find("Sensor[Inlet 1 Temp] 's inlet temp is Unavailable"),
+              std::string::npos);
+}
+
+TEST_F(SensorsTest, RefusingOrMissingSimulatorDeliversNothing) {
+    uint32_t delivered = 7;
+    Bytes area(kRecordLen);
+    {
+        SimProcess sim(root.path(), "sensor \"Inlet Temp\" 0 24 C\nfault sensors 0xC3\n");
+        EXPECT_EQ(GetAllSensorInfoByType(&delivered, kRecordLen, &kTemperature, area.data()), 0xC3);
+        EXPECT_EQ(delivered, 0u);
+    }
+    EXPECT_LT(GetAllSensorInfoByType(&delivered, kRecordLen, &kTemperature, area.data()), 0);
+    EXPECT_EQ(delivered, 0u);
+}
+
+} // namespace
+} // namespace zelo::test

@@ -1,0 +1,178 @@
+// The tracker against a literal reference that appends every unknown sample
+// one by one: after every call of a long random run (ordinary snapshots,
+// jitter, gaps short and long, ten-year jumps, the clock stepping back, power
+// over 16 bits and missing DC power) ring and state must be identical.
+#include "fake_platform.h"
+
+#include "history/history_internal.h"
+
+#include <zelo/history.h>
+
+#include <filesystem>
+#include <random>
+
+namespace zelo::test {
+namespace {
+
+int64_t gMonotonic = 0;
+
+// The tracker as a straightforward loop, on the state after the start-up call.
+struct Reference {
+    PowerHistorySample ring[576]{};
+    uint16_t next = 0;
+    int32_t lastSaveTime = 0;
+    uint64_t endtime = 0, lastTimestamp = 0;
+    uint16_t accAC = 0, accDC = 0, count = 0;
+    uint16_t minAC = 0xFFFF, maxAC = 0, minDC = 0xFFFF, maxDC = 0;
+    int wholeRingFills = 0; // calls that appended 576 unknown samples or more
+
+    void add(const PowerHistorySample &s) {
+        ring[next] = s;
+        next = next + 1 == 576 ? 0 : next + 1;
+        const auto elapsed = static_cast<int32_t>(static_cast<uint32_t>(gMonotonic) -
+                                                  static_cast<uint32_t>(lastSaveTime));
+        if (elapsed >= 600)
+            lastSaveTime = static_cast<int32_t>(gMonotonic);
+    }
+    PowerHistorySample closed() const {
+        return {static_cast<uint32_t>(endtime),
+                minAC,
+                static_cast<uint16_t>(accAC / count),
+                maxAC,
+                minDC,
+                static_cast<uint16_t>(accDC / count),
+                maxDC};
+    }
+    void empty() {
+        accAC = accDC = count = maxAC = maxDC = 0;
+        minAC = minDC = 0xFFFF;
+    }
+    void track(uint64_t ms, uint64_t ac, uint64_t dc) {
+        if (dc == 0)
+            return;
+        const uint64_t t = ms / 1000;
+        if (endtime == 0)
+            endtime = t + 120;
+        if (lastTimestamp >= t) {
+            const auto adj = static_cast<uint16_t>(static_cast<uint32_t>(lastTimestamp) + 30 -
+                                                   static_cast<uint32_t>(t));
+            for (auto &s : ring)
+                s.timestamp -= adj;
+            endtime -= adj;
+        }
+        if (t <= endtime) {
+            accAC = static_cast<uint16_t>(accAC + static_cast<uint16_t>(ac));
+            accDC = static_cast<uint16_t>(accDC + static_cast<uint16_t>(dc));
+            ++count;
+            if (ac < minAC)
+                minAC = static_cast<uint16_t>(ac);
+            if (ac > maxAC)
+                maxAC = static_cast<uint16_t>(ac);
+            if (dc < minDC)
+                minDC = static_cast<uint16_t>(dc);
+            if (dc > maxDC)
+                maxDC = static_cast<uint16_t>(dc);
+        }
+        if (t < endtime) {
+            lastTimestamp = t;
+            return;
+        }
+        if (count != 0)
+            add(closed());
+        if (t == endtime) {
+            empty();
+            endtime = t + 150;
+        } else {
+            accAC = minAC = maxAC = static_cast<uint16_t>(ac);
+            accDC = minDC = maxDC = static_cast<uint16_t>(dc);
+            count = 1;
+            const uint64_t d = t - endtime;
+            const uint64_t missedSnapshots = d / 30 >= 1 ? d / 30 - 1 : 0;
+            const uint64_t missedSamples = missedSnapshots / 5;
+            wholeRingFills += missedSamples >= 576;
+            if (missedSnapshots >= 5)
+                for (uint64_t k = 0; k < missedSamples; ++k) {
+                    const auto ts = static_cast<uint32_t>(endtime + 150 + 150 * k);
+                    add({ts, 8888, 8888, 8888, 8888, 8888, 8888});
+                }
+            endtime += 150 * (missedSamples + 1);
+            if (endtime == t) {
+                add(closed());
+                empty();
+                endtime = t + 150;
+            }
+        }
+        lastTimestamp = t;
+    }
+};
+
+void expectSame(const Reference &ref, int call) {
+    const auto &real = history::gPower;
+    ASSERT_EQ(real.nextIndex, ref.next) << "call " << call;
+    ASSERT_EQ(real.endtime, ref.endtime) << "call " << call;
+    ASSERT_EQ(real.lastTimestamp, ref.lastTimestamp) << "call " << call;
+    ASSERT_EQ(real.lastSaveTime, ref.lastSaveTime) << "call " << call;
+    const auto &a = real.acc;
+    ASSERT_EQ((std::array<uint16_t, 7>{a.sum[0], a.sum[1], a.count, a.min[0], a.max[0], a.min[1],
+                                       a.max[1]}),
+              (std::array<uint16_t, 7>{ref.accAC, ref.accDC, ref.count, ref.minAC, ref.maxAC,
+                                       ref.minDC, ref.maxDC}))
+        << "call " << call;
+    for (int i = 0; i < 576; ++i) {
+        const auto &x = real.ring[i];
+        const auto &y = ref.ring[i];
+        ASSERT_TRUE(x.timestamp == y.timestamp && x.minAC == y.minAC && x.avgAC == y.avgAC &&
+                    x.maxAC == y.maxAC && x.minDC == y.minDC && x.avgDC == y.avgDC &&
+                    x.maxDC == y.maxDC)
+            << "call " << call << " slot " << i << ": " << x.timestamp << " vs " << y.timestamp;
+    }
+}
+
+class HistoryEquivalenceTest : public PlatformTest, public testing::WithParamInterface<unsigned> {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        gMonotonic = 0;
+        history::gMonotonicSeconds = [] { return gMonotonic; };
+        // Saves are compared; the summary files (no /tmp here) are not, and
+        // failing to create them keeps the long run quick.
+        std::filesystem::create_directories(root + "/pstorage/power");
+        trackPowerHistory(0, 0, 0);
+    }
+};
+
+TEST_P(HistoryEquivalenceTest, LongGapsFillTheRingAsAppendingEverySampleWould) {
+    std::mt19937_64 random(GetParam());
+    auto below = [&](uint64_t n) { return random() % n; };
+    Reference ref;
+    uint64_t t = 1'700'000'000;
+    for (int call = 0; call < 1000; ++call) {
+        const uint64_t kind = below(100);
+        if (kind < 55)
+            t += 30;
+        else if (kind < 65)
+            t += below(400);
+        else if (kind < 80)
+            t += below(3 * 576 * 150); // below and beyond a whole ring
+        else if (kind < 83)
+            t += 10 * 365 * 86400 + below(86400); // a corrupt far-future stamp
+        else if (kind < 90)
+            t -= below(100'000); // back, sometimes by more than 16 bits
+        // else: the same time again
+        const uint64_t ac = below(10) == 0 ? 65'536 + below(10'000) : below(2'000);
+        const uint64_t dc = below(20) == 0 ? 0 : below(10) == 0 ? 70'000 : below(2'000);
+        gMonotonic += static_cast<int64_t>(below(60));
+        const uint64_t ms = t * 1000 + below(1000);
+        trackPowerHistory(ms, ac, dc);
+        ref.track(ms, ac, dc);
+        expectSame(ref, call);
+        if (HasFatalFailure())
+            return;
+    }
+    EXPECT_GE(ref.wholeRingFills, 10) << "the run must take the direct fill";
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, HistoryEquivalenceTest, testing::Values(1u, 2u, 3u, 4u));
+
+} // namespace
+} // namespace zelo::test

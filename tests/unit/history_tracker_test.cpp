@@ -1,0 +1,272 @@
+// The history trackers: the 150-second grid, gaps, clock steps, 16-bit
+// arithmetic, the save pacing, and what the performance twin does otherwise.
+#include "fake_platform.h"
+
+#include "daemon/tracelog_internal.h"
+#include "history/history_internal.h"
+
+#include <zelo/history.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace zelo::test {
+namespace {
+
+using history::gPerformance;
+using history::gPower;
+
+constexpr uint64_t kT0 = 1'700'000'000;
+int64_t gMonotonic = 0;
+std::time_t gWall = 1'800'000'000;
+
+class HistoryTrackerTest : public PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        gMonotonic = 0;
+        gWall = 1'800'000'000;
+        trace::s32PowerHistoryLogLevel = 2;
+        trace::u32TraceLogIndex = 0;
+        std::filesystem::create_directories(root + "/tmp/zelo_trace");
+        std::filesystem::create_directories(root + "/pstorage/power");
+        restart();
+    }
+    // A new process: fresh trackers on the test's clocks, after the start-up call.
+    static void restart() {
+        history::resetHistories();
+        history::gMonotonicSeconds = [] { return gMonotonic; };
+        history::gTime = [](std::time_t *) { return gWall; };
+        trackPowerHistory(0, 0, 0);
+    }
+    void TearDown() override {
+        trace::s32PowerHistoryLogLevel = 0;
+        PlatformTest::TearDown();
+    }
+    static void snap(uint64_t t, uint64_t ac = 500, uint64_t dc = 400) {
+        trackPowerHistory(t * 1000, ac, dc);
+    }
+    std::string trace() const {
+        std::ifstream in(root + "/tmp/zelo_trace/zelo_trace_log_0.txt");
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    bool traced(const std::string &text) const { return trace().find(text) != std::string::npos; }
+};
+
+void expectSample(const PowerHistorySample &s, uint64_t t, std::array<uint16_t, 6> values) {
+    EXPECT_EQ(s.timestamp, static_cast<uint32_t>(t));
+    const std::array<uint16_t, 6> got{s.minAC, s.avgAC, s.maxAC, s.minDC, s.avgDC, s.maxDC};
+    EXPECT_EQ(got, values) << "sample stamped " << s.timestamp;
+}
+
+bool isUnknown(const PowerHistorySample &s) {
+    return s.minAC == 8888 && s.avgAC == 8888 && s.maxAC == 8888 && s.minDC == 8888 &&
+           s.avgDC == 8888 && s.maxDC == 8888;
+}
+
+TEST_F(HistoryTrackerTest, StartUpCallInitialisesOnlyAndZeroDcIsRefused) {
+    EXPECT_TRUE(traced("\"trackPowerHistory\": Initializing power hisotry\n"));
+    EXPECT_TRUE(traced("Could not open power history file '/pstorage/power/PowerHistoryFull', "
+                       "starting from scratch"));
+    for (const char *name : {"1Hour", "6Hours", "12Hours", "24Hours"})
+        EXPECT_EQ(std::filesystem::file_size(root + "/tmp/PowerHistoryLast" + name), 386u);
+    EXPECT_EQ(gPower.initialising, 0);
+    EXPECT_EQ(gPower.endtime, 0u);
+
+    snap(kT0, 500, 0);
+    EXPECT_TRUE(traced("[Error] \"trackPowerHistory\": Invalid power sample\n"));
+    EXPECT_EQ(gPower.endtime, 0u);
+    EXPECT_EQ(gPower.lastTimestamp, 0u);
+    EXPECT_EQ(gPower.acc.count, 0);
+}
+
+TEST_F(HistoryTrackerTest, FirstIntervalIs120SecondsThenTheGridIs150) {
+    // Five snapshots each, the one at endtime included.
+    for (uint64_t i = 0; i < 15; ++i)
+        snap(kT0 + 30 * i, 100 + 10 * i, 50 + i);
+    EXPECT_EQ(gPower.nextIndex, 3);
+    expectSample(gPower.ring[0], kT0 + 120, {100, 120, 140, 50, 52, 54});
+    expectSample(gPower.ring[1], kT0 + 270, {150, 170, 190, 55, 57, 59});
+    expectSample(gPower.ring[2], kT0 + 420, {200, 220, 240, 60, 62, 64});
+    EXPECT_EQ(gPower.endtime, kT0 + 570);
+    EXPECT_EQ(gPower.acc.count, 0);
+    EXPECT_TRUE(traced("timestamp=1700000030, endtime=1700000120, nextSampleIndex=0, "
+                       "powerAC=110, accpowerAC=210, minPowerAC=100, maxPowerAC=110, powerDC=51, "
+                       "accpowerDC=101, minPowerDC=50, maxPowerDC=51 accCount=2"));
+}
+
+TEST_F(HistoryTrackerTest, GapsCloseOnTheGridAndAddUnknownSamplesFrom180Seconds) {
+    struct Case {
+        uint64_t late;                // snapshot this long after endtime
+        std::vector<uint64_t> stamps; // appended, relative to the old endtime
+        uint64_t endtime;             // new endtime, relative to the old one
+        uint16_t open;                // snapshots left in the open interval
+    };
+    const Case cases[] = {
+        {1, {0}, 150, 1},
+        {29, {0}, 150, 1},
+        {59, {0}, 150, 1},
+        {150, {0, 150}, 300, 0},
+        {179, {0}, 150, 1},
+        {180, {0, 150}, 300, 1},
+        {330, {0, 150, 300}, 450, 1},
+        {450, {0, 150, 300, 450}, 600, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.late);
+        restart();
+        for (uint64_t i = 0; i < 4; ++i)
+            snap(kT0 + 30 * i, 300, 200);
+        const uint64_t end = gPower.endtime;
+        snap(end + c.late, 900, 700);
+        ASSERT_EQ(gPower.nextIndex, c.stamps.size());
+        expectSample(gPower.ring[0], end, {300, 300, 300, 200, 200, 200});
+        for (std::size_t i = 1; i < c.stamps.size(); ++i) {
+            EXPECT_EQ(gPower.ring[i].timestamp, end + c.stamps[i]);
+            EXPECT_EQ(isUnknown(gPower.ring[i]), end + c.stamps[i] != end + c.late);
+        }
+        if (c.open == 0)
+            expectSample(gPower.ring[c.stamps.size() - 1], end + c.late,
+                         {900, 900, 900, 700, 700, 700});
+        EXPECT_EQ(gPower.endtime, end + c.endtime);
+        EXPECT_EQ(gPower.acc.count, c.open);
+    }
+}
+
+TEST_F(HistoryTrackerTest, RingWrapsAndALongDowntimeLeavesOnlyUnknownSamples) {
+    for (uint32_t i = 0; i < 577; ++i) {
+        const PowerHistorySample s{i + 1, 1, 2, 3, 4, 5, 6};
+        addSampleToPowerHistory(&s);
+    }
+    EXPECT_EQ(gPower.ring[0].timestamp, 577u);
+    EXPECT_EQ(gPower.nextIndex, 1);
+
+    // Two days down: the fill wraps the ring twice; the snapshot that ends
+    // the gap lies on the grid and makes the one known sample.
+    restart();
+    for (uint64_t i = 0; i < 5; ++i)
+        snap(kT0 + 30 * i);
+    const uint64_t end = gPower.endtime;
+    snap(end + 2 * 86400 - 150);
+    const uint16_t next = gPower.nextIndex;
+    EXPECT_EQ(next, (1 + 1150 + 1) % 576);
+    for (uint16_t k = 0; k < 576; ++k) {
+        const auto &s = gPower.ring[(next + k) % 576];
+        EXPECT_EQ(s.timestamp, end + 2 * 86400 - 150 - 150 * (575 - k)) << k;
+        EXPECT_EQ(isUnknown(s), k != 575) << k;
+    }
+
+    // Ten years off the grid after an empty interval: the fill is the only
+    // append of the call, and it still runs the save check.
+    gMonotonic = 5000;
+    snap(end + 2 * 86400 - 150 + 10 * 365 * 86400 + 7);
+    EXPECT_EQ(gPower.lastSaveTime, 5000);
+    EXPECT_EQ(std::filesystem::file_size(root + "/pstorage/power/PowerHistoryFull"), 9218u);
+    EXPECT_TRUE(isUnknown(gPower.ring[(gPower.nextIndex + 575) % 576]));
+}
+
+TEST_F(HistoryTrackerTest, ClockGoingBackShiftsEverySlotBy16BitsOfTheStep) {
+    for (uint64_t i = 0; i < 6; ++i)
+        snap(kT0 + 30 * i);
+    ASSERT_EQ(gPower.nextIndex, 1);
+    snap(kT0 + 150);
+    EXPECT_TRUE(traced("adjusting powerHistory by 30 seconds"));
+    EXPECT_EQ(gPower.ring[0].timestamp, kT0 + 120 - 30);
+    EXPECT_EQ(gPower.endtime, kT0 + 270 - 30);
+
+    // 70 000 s back plus the 30: only 70 030 - 65 536 = 4494 are applied,
+    // to empty slots too.
+    snap(kT0 + 150 - 70'000);
+    EXPECT_TRUE(traced("adjusting powerHistory by 4494 seconds"));
+    EXPECT_EQ(gPower.ring[0].timestamp, kT0 + 120 - 30 - 4494);
+    EXPECT_EQ(gPower.ring[575].timestamp, static_cast<uint32_t>(-30 - 4494));
+    EXPECT_EQ(gPower.endtime, kT0 + 270 - 30 - 4494);
+}
+
+TEST_F(HistoryTrackerTest, SumsWrapAt16BitsAndExtremesCompareTheWholeValue) {
+    for (uint64_t i = 0; i < 5; ++i)
+        snap(kT0 + 30 * i, 20'000, i == 4 ? 70'000 : 60'000);
+    // AC: 100 000 mod 65 536 = 34 464, / 5. DC: 70 000 beats 60 000 as the
+    // maximum and is kept as 4464.
+    const uint16_t dcSum = static_cast<uint16_t>(4 * 60'000 + 4464);
+    expectSample(gPower.ring[0], kT0 + 120,
+                 {20'000, 6892, 20'000, 60'000, static_cast<uint16_t>(dcSum / 5), 4464});
+
+    // A reading over 65 535 that opens an interval becomes its minimum.
+    snap(kT0 + 330, 70'000, 1);
+    EXPECT_EQ(gPower.acc.min[0], 4464);
+}
+
+TEST_F(HistoryTrackerTest, SavesWhen600MonotonicSecondsHavePassed) {
+    const std::string full = root + "/pstorage/power/PowerHistoryFull";
+    const PowerHistorySample s{static_cast<uint32_t>(kT0), 1, 2, 3, 4, 5, 6};
+    gMonotonic = 599;
+    addSampleToPowerHistory(&s);
+    EXPECT_TRUE(traced("\"addSampleToPowerHistory\": num seconds since last save=599\n"));
+    EXPECT_FALSE(std::filesystem::exists(full));
+
+    // A failed save keeps the old save time, so the next sample tries again.
+    std::filesystem::remove_all(root + "/pstorage/power");
+    gMonotonic = 600;
+    addSampleToPowerHistory(&s);
+    EXPECT_EQ(gPower.lastSaveTime, 0);
+    std::filesystem::create_directories(root + "/pstorage/power");
+    gMonotonic = 601;
+    addSampleToPowerHistory(&s);
+    EXPECT_EQ(gPower.lastSaveTime, 601);
+    EXPECT_EQ(std::filesystem::file_size(full), 9218u);
+}
+
+TEST_F(HistoryTrackerTest, RestartContinuesOnTheGridOfTheStoredSamples) {
+    for (uint64_t i = 0; i < 10; ++i)
+        snap(kT0 + 30 * i);
+    ASSERT_EQ(savePowerHistory(), 1);
+    restart();
+    EXPECT_EQ(gPower.endtime, kT0 + 270);
+    snap(kT0 + 270 + 600);
+    EXPECT_EQ(gPower.nextIndex, 2 + 3 + 1);
+    EXPECT_TRUE(isUnknown(gPower.ring[2]));
+    EXPECT_EQ(gPower.ring[5].timestamp, kT0 + 870);
+
+    // A stored time stamp past 2^31 reads as negative.
+    gPower.ring[gPower.nextIndex - 1].timestamp = 0x80000000u;
+    ASSERT_EQ(savePowerHistory(), 1);
+    restart();
+    EXPECT_EQ(gPower.endtime, 0xFFFFFFFF80000000u);
+}
+
+TEST_F(HistoryTrackerTest, PerformanceCountsZeroReadingsAndFillsGapsWithZeros) {
+    trace::s32PowerHistoryLogLevel = 0;
+    trackPowerPerformance(0, 0, 0, 0, 0);
+    EXPECT_EQ(gPerformance.initialising, 0);
+    EXPECT_EQ(gPerformance.acc.count, 0);
+    for (uint64_t i = 0; i < 5; ++i)
+        trackPowerPerformance(kT0 + 30 * i, i == 0 ? 0 : 40 + i, 10 * i, 7, 70'001);
+    const auto &s = gPerformance.ring[0];
+    EXPECT_EQ(s.timestamp, kT0 + 120);
+    EXPECT_EQ((std::array<uint16_t, 6>{s.min, s.avg, s.max, s.cpu, s.mem, s.io}),
+              (std::array<uint16_t, 6>{0, 34, 44, 20, 7, static_cast<uint16_t>(5 * 4465 / 5)}));
+
+    trackPowerPerformance(kT0 + 270 + 180, 50, 50, 50, 50);
+    const auto &gap = gPerformance.ring[1];
+    EXPECT_EQ(gap.timestamp, kT0 + 420);
+    EXPECT_EQ((std::array<uint16_t, 6>{gap.min, gap.avg, gap.max, gap.cpu, gap.mem, gap.io}),
+              (std::array<uint16_t, 6>{}));
+    // Its interval line is always wanted; the power tracker's is not.
+    const std::string text = trace();
+    EXPECT_NE(text.find("\"trackPowerPerformance\": timestamp=1700000030, endtime=1700000120, "
+                        "nextPerformanceSampleIndex=0, maxsystem=41, accsystem=41, minsystem=0, "
+                        "cpu=10, mem=14, io=8930, accCount=2\n"),
+              std::string::npos);
+    EXPECT_NE(text.find("\"addSampleToPowerPerformance\": num seconds since last save=0"),
+              std::string::npos);
+    EXPECT_EQ(text.find("Initializing power performance"), std::string::npos) << "level 1";
+    for (const char *name : {"1Hour", "6Hours", "12Hours", "24Hours"})
+        EXPECT_EQ(std::filesystem::file_size(root + "/tmp/PowerPerformanceLast" + name), 386u);
+}
+
+} // namespace
+} // namespace zelo::test

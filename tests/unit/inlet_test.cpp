@@ -1,0 +1,180 @@
+// Inlet readings of a blade collected from the platform's sensor records, and
+// the copy and release of such lists.
+#include "fake_platform.h"
+
+#include "daemon/tracelog_internal.h"
+#include "metriclog/inlet_internal.h"
+
+#include <zelo/metriclog.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <utility>
+
+namespace zelo::test {
+namespace {
+
+constexpr std::size_t kRecordLen = 1492;
+constexpr std::size_t kArea = 1145856;
+using Readings = std::vector<std::pair<uint32_t, std::string>>;
+
+Bytes record(uint8_t status, const std::string &name, const std::string &reading = "24 C") {
+    Bytes r(kRecordLen, 0);
+    r[2] = status;
+    std::copy(name.begin(), name.end(), r.begin() + 6);
+    std::copy(reading.begin(), reading.end(), r.begin() + 198);
+    return r;
+}
+
+Readings readings(const BladeInletSensorBuffer &list) {
+    Readings out;
+    for (auto *n = list.psSensor; n != nullptr; n = n->psNext)
+        out.emplace_back(n->u32SensorIndex, n->szTemperature);
+    return out;
+}
+
+class InletTest : public PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        ::setenv("RUX_FAMILY", "blade", 1);
+        trace::u32TraceLogIndex = 0;
+        std::filesystem::create_directories(root + "/tmp/zelo_trace");
+    }
+    void TearDown() override {
+        FreeBladeInletSensorBuffer(&list);
+        ::unsetenv("RUX_FAMILY");
+        PlatformTest::TearDown();
+    }
+    // One collection; its standard output lands in `out`.
+    int collect(const std::vector<Bytes> &records) {
+        for (const auto &r : records)
+            fake().sensorRecords.insert(fake().sensorRecords.end(), r.begin(), r.end());
+        testing::internal::CaptureStdout();
+        const int rc = WriteBladeInletTemperatureFromInletSensor();
+        out = testing::internal::GetCapturedStdout();
+        return rc;
+    }
+    BladeInletSensorBuffer &list = metriclog::sBladeInletSensorBuffer;
+    std::string out;
+};
+
+TEST(InletNames, OnlyExactTableNamesHaveAnIndex) {
+    const char *names[] = {"Inlet Temp",     "Inlet 1 Temp", "Inlet 2 Temp", "PEN Inlet Temp",
+                           "SEN Inlet Temp", "Outlet Temp",  "inlet temp",   "Inlet Temp "};
+    for (uint32_t i = 0; i < std::size(names); ++i) {
+        EXPECT_EQ(GetInletSensorIndexPerSensorName(names[i]), std::min(i, 5u)) << names[i];
+        EXPECT_STREQ(metriclog::inletSensorName(std::min(i, 5u)), i < 5 ? names[i] : "Unknown");
+    }
+    EXPECT_EQ(GetInletSensorIndexPerSensorName(nullptr), 5u);
+}
+
+TEST_F(InletTest, NonBladeAsksNoSensors) {
+    ::unsetenv("RUX_FAMILY");
+    EXPECT_EQ(collect({record(0, "Inlet Temp")}), 0);
+    EXPECT_EQ(out, "WriteBladeInletTemperatureFromInletSensor -- non-blade platform does not need "
+                   "read inlet temperature from ipmi sensor at all\n");
+    EXPECT_TRUE(fake().sensorTypes.empty());
+    EXPECT_EQ(list.psSensor, nullptr);
+}
+
+TEST_F(InletTest, KeepsUsableInletRecordsNewestFirst) {
+    Bytes unterminated = record(0, "");
+    std::fill(unterminated.begin() + 6, unterminated.end(), 'A');
+    EXPECT_EQ(collect({record(0, "Inlet 1 Temp", "21 C"), record(0, "CPU Temp"),
+                       record(1, "Inlet Temp"), unterminated, record(0, "Inlet 2 Temp", "22 C"),
+                       record(0, "PEN Inlet Temp", "Unavailable")}),
+              0);
+    EXPECT_EQ(out, "totally there are 6 sensor info for type 1\n");
+    EXPECT_EQ(fake().sensorTypes, Bytes{1});
+    EXPECT_EQ(fake().sensorAreaSize, kArea);
+    EXPECT_EQ(readings(list), (Readings{{3, "Unavailable"}, {2, "22 C"}, {1, "21 C"}}));
+    EXPECT_EQ(list.u8SensorNum, 3);
+
+    std::stringstream file;
+    file << std::ifstream(root + "/tmp/zelo_trace/zelo_trace_log_0.txt").rdbuf();
+    const std::string logged = file.str();
+    EXPECT_TRUE(logged.ends_with(" [WARN] \"WriteBladeInletTemperatureFromInletSensor\": "
+                                 "Sensor[PEN Inlet Temp] 's inlet temp is Unavailable\n"))
+        << logged;
+    EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
+}
+
+TEST_F(InletTest, PlatformFailureCollectsNothing) {
+    fake().sensorResult = -111;
+    EXPECT_EQ(collect({record(0, "Inlet Temp")}), 1);
+    EXPECT_EQ(out, "Unable to get sensor info (type 1), KIV returned -111\n");
+    EXPECT_EQ(list.psSensor, nullptr);
+}
+
+TEST_F(InletTest, OnlyWholeRecordsWithinTheAreaAreRead) {
+    Bytes cut = record(0, "Inlet 2 Temp");
+    cut.pop_back();
+    EXPECT_EQ(collect({cut}), 1);
+    EXPECT_EQ(out, "No sensor info for type 1\n");
+
+    // 1492 + 1491 bytes: one record is examined; its 70-character reading is cut.
+    fake() = {};
+    EXPECT_EQ(collect({record(0, "Inlet Temp", std::string(70, '7')), cut}), 0);
+    EXPECT_EQ(out, "totally there are 1 sensor info for type 1\n");
+    EXPECT_EQ(readings(list), (Readings{{0, std::string(63, '7')}}));
+    FreeBladeInletSensorBuffer(&list);
+
+    // A platform claiming more than the area, with texts running into the
+    // area's last byte: nothing beyond the area is read.
+    for (const bool nameRuns : {false, true}) {
+        fake() = {};
+        fake().sensorClaimed = kArea + 3 * kRecordLen;
+        Bytes last = record(0, "SEN Inlet Temp");
+        std::fill(last.begin() + (nameRuns ? 6 : 198), last.end(), 'x');
+        EXPECT_EQ(collect({Bytes(kArea - kRecordLen, 0), last}), 0);
+        EXPECT_EQ(out, "totally there are 768 sensor info for type 1\n");
+        const Readings kept = nameRuns ? Readings{} : Readings{{4, std::string(63, 'x')}};
+        EXPECT_EQ(readings(list), kept);
+        FreeBladeInletSensorBuffer(&list);
+    }
+}
+
+TEST_F(InletTest, CountStopsAtWhatItsByteHolds) {
+    EXPECT_EQ(collect(std::vector<Bytes>(300, record(0, "Inlet Temp"))), 0);
+    EXPECT_EQ(list.u8SensorNum, 255);
+    EXPECT_EQ(readings(list).size(), 255u);
+}
+
+TEST_F(InletTest, CopyKeepsOrderAndCountInFreshNodes) {
+    collect({record(0, "Inlet Temp", "20 C"), record(0, "Inlet 1 Temp", "21 C"),
+             record(0, "Inlet 2 Temp", "22 C")});
+    BladeInletSensorBuffer copy{9, nullptr};
+    testing::internal::CaptureStdout();
+    CopyInletTemperatureSnapshotBuffer(&copy, &list);
+    CopyInletTemperatureSnapshotBuffer(nullptr, &list);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "CopyInletTemperatureSnapshotBuffer --source len [3] --dest len [3]\n");
+    EXPECT_EQ(copy.u8SensorNum, 3);
+    EXPECT_EQ(readings(copy), readings(list));
+    EXPECT_NE(copy.psSensor, list.psSensor);
+    FreeBladeInletSensorBuffer(&copy);
+
+    // A source counting more nodes than it has: the copy counts what it holds.
+    list.u8SensorNum = 5;
+    testing::internal::CaptureStdout();
+    CopyInletTemperatureSnapshotBuffer(&copy, &list);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(copy.u8SensorNum, 3);
+    FreeBladeInletSensorBuffer(&copy);
+}
+
+TEST_F(InletTest, FreeStopsAtTheEndOfAShortList) {
+    collect({record(0, "Inlet Temp"), record(0, "Inlet 1 Temp")});
+    list.u8SensorNum = 3;
+    FreeBladeInletSensorBuffer(&list);
+    EXPECT_EQ(list.u8SensorNum, 0);
+    EXPECT_EQ(list.psSensor, nullptr);
+    FreeBladeInletSensorBuffer(nullptr);
+}
+
+} // namespace
+} // namespace zelo::test
