@@ -35,8 +35,8 @@ BENCHMARK(tenYearGap);
 
 int main(int argc, char **argv) {
     const char *tmp = std::getenv("TMPDIR");
-    std::string root = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") +
-                       "/zelo-bench-XXXXXX";
+    std::string root =
+        std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/zelo-bench-XXXXXX";
     if (::mkdtemp(root.data()) == nullptr)
         return 1;
     ::setenv("ZELO_ROOT", root.c_str(), 1);

@@ -113,11 +113,11 @@ const typename P::Sample &newest(const Tracker<P> &h) {
 template <class P>
 int save(const Tracker<P> &h) {
     const char *path = P::kFiles.full;
-    logf(P::kLevels.saving, P::kNames.save, "Info", P::kTexts.saving, path);
+    traceLine(P::kLevels.saving, P::kNames.save, "Info", P::kTexts.saving, path);
     ReplacedFile file(path);
     FILE *out = file.stream();
     if (out == nullptr) {
-        logf(0, P::kNames.save, "Error", P::kTexts.saveOpenError, path, std::strerror(errno));
+        traceLine(0, P::kNames.save, "Error", P::kTexts.saveOpenError, path, std::strerror(errno));
         return 0;
     }
     uint8_t image[kFullFileBytes];
@@ -125,17 +125,17 @@ int save(const Tracker<P> &h) {
     for (uint16_t i = 0; i < kSlots; ++i)
         encode<P>(h.ring[i], image + 2 + i * kSampleBytes);
     if (std::fwrite(image, 1, 2, out) != 2) {
-        logf(0, P::kNames.save, "Error", P::kTexts.saveHeaderError, path, std::ferror(out));
+        traceLine(0, P::kNames.save, "Error", P::kTexts.saveHeaderError, path, std::ferror(out));
         return 0;
     }
     if (std::fwrite(image + 2, 1, kFullFileBytes - 2, out) != kFullFileBytes - 2) {
-        logf(0, P::kNames.save, "Error", P::kTexts.saveDataError, path, std::ferror(out));
+        traceLine(0, P::kNames.save, "Error", P::kTexts.saveDataError, path, std::ferror(out));
         return 0;
     }
     // Failing to put the written file in place is reported as a failed data
     // write, with errno as the code.
     if (!file.commit()) {
-        logf(0, P::kNames.save, "Error", P::kTexts.saveDataError, path, errno);
+        traceLine(0, P::kNames.save, "Error", P::kTexts.saveDataError, path, errno);
         return 0;
     }
     return 1;
@@ -147,17 +147,17 @@ template <class P>
 bool readFull(Tracker<P> &h, FILE *in, const char *path) {
     uint8_t image[kFullFileBytes];
     if (std::fread(image, 1, 2, in) != 2) {
-        logf(0, P::kNames.load, "Error", P::kTexts.readHeaderError, path, std::ferror(in));
+        traceLine(0, P::kNames.load, "Error", P::kTexts.readHeaderError, path, std::ferror(in));
         return false;
     }
     if (std::fread(image + 2, 1, kFullFileBytes - 2, in) != kFullFileBytes - 2) {
-        logf(0, P::kNames.load, "Error", P::kTexts.readDataError, path, std::ferror(in));
+        traceLine(0, P::kNames.load, "Error", P::kTexts.readDataError, path, std::ferror(in));
         return false;
     }
     const uint16_t next = getLe16(image);
     if (next >= kSlots) {
-        logf(0, P::kNames.load, "Error", "Next sample index %i in file '%s' is out of range", next,
-             path);
+        traceLine(0, P::kNames.load, "Error", "Next sample index %i in file '%s' is out of range",
+                  next, path);
         return false;
     }
     h.nextIndex = next;
@@ -166,10 +166,10 @@ bool readFull(Tracker<P> &h, FILE *in, const char *path) {
     const auto last = static_cast<int32_t>(newest(h).timestamp);
     const std::time_t now = gTime(nullptr);
     if (now < last) {
-        logf(0, P::kNames.load, "Error",
-             "Current time %i is less than last power history sample %i. Reseting power "
-             "history.\n",
-             static_cast<int>(now), last);
+        traceLine(0, P::kNames.load, "Error",
+                  "Current time %i is less than last power history sample %i. Reseting power "
+                  "history.\n",
+                  static_cast<int>(now), last);
         return false;
     }
     return true;
@@ -186,13 +186,13 @@ int load(Tracker<P> &h) {
         if (usable)
             return 1;
     }
-    logf(0, P::kNames.load, "Info", P::kTexts.fromScratch, path);
+    traceLine(0, P::kNames.load, "Info", P::kTexts.fromScratch, path);
     std::memset(static_cast<void *>(h.ring), 0, sizeof h.ring);
     h.nextIndex = 0;
     // Group-only access, as the controller's storage expects.
     if (resolvePath(kFullFileDir, resolved, sizeof resolved) && ::mkdir(resolved, 0070) == 0)
-        logf(0, P::kNames.load, "Info", "Power history file dir '%s' not found, creating it",
-             kFullFileDir);
+        traceLine(0, P::kNames.load, "Info", "Power history file dir '%s' not found, creating it",
+                  kFullFileDir);
     return 0;
 }
 
@@ -247,7 +247,7 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
     int idx = next - kSummaryRecords * perRecord;
     if (idx < 0)
         idx += kSlots;
-    logf(P::kLevels.fileIndex, name, "Info", P::kTexts.fileIndex, next, idx);
+    traceLine(P::kLevels.fileIndex, name, "Info", P::kTexts.fileIndex, next, idx);
 
     ReplacedFile file(path);
     FILE *out = file.stream();
@@ -259,7 +259,7 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
     uint8_t bytes[kSampleBytes];
     putLe16(bytes, kSummaryRecords);
     if (std::fwrite(bytes, 1, 2, out) != 2) {
-        logf(0, name, "Error", P::kTexts.fileHeaderError, path, std::ferror(out));
+        traceLine(0, name, "Error", P::kTexts.fileHeaderError, path, std::ferror(out));
         whole = false;
     }
     bool anyUnknown = false;
@@ -282,18 +282,18 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
                     *outputs[m] = value;
             }
             const auto &f = P::kRecord;
-            logf(P::kLevels.fileRecord, name, "Info", P::kTexts.fileRecord, record.*f[0],
-                 record.*f[1], record.*f[2], record.*f[3], record.*f[4], record.*f[5],
-                 static_cast<int>(last), idx, static_cast<int>(group.count), path);
+            traceLine(P::kLevels.fileRecord, name, "Info", P::kTexts.fileRecord, record.*f[0],
+                      record.*f[1], record.*f[2], record.*f[3], record.*f[4], record.*f[5],
+                      static_cast<int>(last), idx, static_cast<int>(group.count), path);
         } else {
-            logf(P::kLevels.fileUnknown, name, "Info",
-                 "Writing unknown data sample %i timestamp=%i for file '%s'", r,
-                 static_cast<int>(last), path);
+            traceLine(P::kLevels.fileUnknown, name, "Info",
+                      "Writing unknown data sample %i timestamp=%i for file '%s'", r,
+                      static_cast<int>(last), path);
             anyUnknown = true;
         }
         encode<P>(record, bytes);
         if (std::fwrite(bytes, 1, kSampleBytes, out) != kSampleBytes) {
-            logf(0, name, "Error", P::kTexts.fileRecordError, r, path, std::ferror(out));
+            traceLine(0, name, "Error", P::kTexts.fileRecordError, r, path, std::ferror(out));
             whole = false;
         }
     }
@@ -331,7 +331,8 @@ void checkSave(Tracker<P> &h) {
     const int64_t now = gMonotonicSeconds();
     const auto elapsed =
         static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(h.lastSaveTime));
-    logf(P::kLevels.saveCheck, P::kNames.add, "Info", "num seconds since last save=%i", elapsed);
+    traceLine(P::kLevels.saveCheck, P::kNames.add, "Info", "num seconds since last save=%i",
+              elapsed);
     // A failed save leaves the clock alone, so the next sample tries again.
     if (elapsed >= kSaveEverySeconds && save(h) != 0)
         h.lastSaveTime = static_cast<int32_t>(now);
@@ -373,9 +374,9 @@ template <class P>
 void shiftBack(Tracker<P> &h, uint64_t t) {
     const auto adj = static_cast<uint16_t>(static_cast<uint32_t>(h.lastTimestamp) +
                                            kSnapshotSeconds - static_cast<uint32_t>(t));
-    logf(0, P::kNames.track, "Info",
-         "System clock was set backwards, adjusting powerHistory by %u seconds",
-         static_cast<unsigned>(adj));
+    traceLine(0, P::kNames.track, "Info",
+              "System clock was set backwards, adjusting powerHistory by %u seconds",
+              static_cast<unsigned>(adj));
     for (auto &s : h.ring)
         s.timestamp = static_cast<uint32_t>(s.timestamp - adj);
     h.endtime -= adj;
@@ -397,11 +398,11 @@ void closeInterval(Tracker<P> &h, uint64_t t, const typename P::Reading &reading
     const uint64_t snapshotsMissed = periods > 0 ? periods - 1 : 0;
     const uint64_t samplesMissed = snapshotsMissed / kSnapshotsPerSample;
     const uint64_t missedSampletime = h.endtime + kSampleSeconds;
-    logf(1, P::kNames.track, "Info",
-         "numSnapshotsMissed=%llu, numSamplesMissed=%llu, missedSampletime=%llu",
-         static_cast<unsigned long long>(snapshotsMissed),
-         static_cast<unsigned long long>(samplesMissed),
-         static_cast<unsigned long long>(missedSampletime));
+    traceLine(1, P::kNames.track, "Info",
+              "numSnapshotsMissed=%llu, numSamplesMissed=%llu, missedSampletime=%llu",
+              static_cast<unsigned long long>(snapshotsMissed),
+              static_cast<unsigned long long>(samplesMissed),
+              static_cast<unsigned long long>(missedSampletime));
     if (snapshotsMissed >= kSnapshotsPerSample)
         appendUnknown(h, missedSampletime, samplesMissed);
     h.endtime += kSampleSeconds * (samplesMissed + 1);
@@ -416,7 +417,7 @@ template <class P>
 void track(Tracker<P> &h, uint64_t stamp, const typename P::Reading &reading) {
     const uint64_t t = stamp / P::kTicksPerSecond;
     if (h.initialising != 0) {
-        logf(1, P::kNames.track, "Info", "%s", P::kTexts.initialising);
+        traceLine(1, P::kNames.track, "Info", "%s", P::kTexts.initialising);
         // The stored u32 is a signed time stamp.
         if (load(h) != 0)
             h.endtime = static_cast<uint64_t>(
@@ -428,7 +429,7 @@ void track(Tracker<P> &h, uint64_t stamp, const typename P::Reading &reading) {
             return;
     }
     if (P::rejects(reading)) {
-        logf(0, P::kNames.track, "Error", "Invalid power sample");
+        traceLine(0, P::kNames.track, "Error", "Invalid power sample");
         return;
     }
     if (h.endtime == 0)

@@ -118,7 +118,7 @@ struct PowerPolicy {
                                   "generatePowerHistoryFile"};
     static constexpr Levels kLevels{1, 2, 2, 1, 1};
     static constexpr Texts kTexts{
-        "Initializing power hisotry",
+        "Initializing power hisotry", // spelt as log readers have always matched it
         "nextSampleIndex=%i, idx=%i",
         "minAC=%i, avgAC=%i, maxAC=%i, minDC=%i, avgDC=%i, maxDC=%i, tstamp=%i, idx=%i, "
         "numsamplesforavg=%i fname=%s",
@@ -141,13 +141,13 @@ struct PowerPolicy {
 
     static void describe(uint64_t t, uint64_t endtime, uint16_t next, const Reading &r,
                          const Acc &a) {
-        logf(1, kNames.track, "Info",
-             "timestamp=%i, endtime=%i, nextSampleIndex=%i, powerAC=%i, accpowerAC=%i, "
-             "minPowerAC=%i, maxPowerAC=%i, powerDC=%i, accpowerDC=%i, minPowerDC=%i, "
-             "maxPowerDC=%i accCount=%i",
-             static_cast<int>(t), static_cast<int>(endtime), next, static_cast<int>(r[kAC]),
-             a.sum[kAC], a.min[kAC], a.max[kAC], static_cast<int>(r[kDC]), a.sum[kDC], a.min[kDC],
-             a.max[kDC], a.count);
+        traceLine(1, kNames.track, "Info",
+                  "timestamp=%i, endtime=%i, nextSampleIndex=%i, powerAC=%i, accpowerAC=%i, "
+                  "minPowerAC=%i, maxPowerAC=%i, powerDC=%i, accpowerDC=%i, minPowerDC=%i, "
+                  "maxPowerDC=%i accCount=%i",
+                  static_cast<int>(t), static_cast<int>(endtime), next, static_cast<int>(r[kAC]),
+                  a.sum[kAC], a.min[kAC], a.max[kAC], static_cast<int>(r[kDC]), a.sum[kDC],
+                  a.min[kDC], a.max[kDC], a.count);
     }
 };
 
@@ -205,11 +205,11 @@ struct PerformancePolicy {
 
     static void describe(uint64_t t, uint64_t endtime, uint16_t next, const Reading &,
                          const Acc &a) {
-        logf(0, kNames.track, "Info",
-             "timestamp=%i, endtime=%i, nextPerformanceSampleIndex=%i, maxsystem=%i, "
-             "accsystem=%i, minsystem=%i, cpu=%i, mem=%i, io=%i, accCount=%i",
-             static_cast<int>(t), static_cast<int>(endtime), next, a.max[kSystem], a.sum[kSystem],
-             a.min[kSystem], a.sum[kCpu], a.sum[kMem], a.sum[kIo], a.count);
+        traceLine(0, kNames.track, "Info",
+                  "timestamp=%i, endtime=%i, nextPerformanceSampleIndex=%i, maxsystem=%i, "
+                  "accsystem=%i, minsystem=%i, cpu=%i, mem=%i, io=%i, accCount=%i",
+                  static_cast<int>(t), static_cast<int>(endtime), next, a.max[kSystem],
+                  a.sum[kSystem], a.min[kSystem], a.sum[kCpu], a.sum[kMem], a.sum[kIo], a.count);
     }
 };
 

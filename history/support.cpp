@@ -12,7 +12,7 @@
 
 namespace zelo::history {
 
-void logf(int32_t level, const char *function, const char *tag, const char *format, ...) {
+void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...) {
     // The tracker logs per sample; formatting a line nobody keeps would
     // dominate a long gap fill.
     if (trace::s32PowerHistoryLogLevel < level)

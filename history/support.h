@@ -11,7 +11,7 @@ namespace zelo::history {
 
 // Formats into msgBuf and hands the line to WriteToPowerHistoryLog; lines the
 // verbosity drops are not formatted at all.
-void logf(int32_t level, const char *function, const char *tag, const char *format, ...)
+void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
 
 inline void putLe16(uint8_t *at, uint16_t value) {

@@ -7,6 +7,7 @@
 #include <zelo/common.h>
 #include <zelo/expansion.h>
 #include <zelo/firmware.h>
+#include <zelo/metriclog.h>
 #include <zelo/history.h>
 #include <zelo/powersupply.h>
 #include <zelo/registers.h>

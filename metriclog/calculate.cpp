@@ -40,16 +40,14 @@ Range histogramRange(const HistogramData &now, const HistogramData &before) {
     for (int i = 0; i < now.u8BucketNum; ++i) {
         const auto at = static_cast<uint32_t>(i * now.u8BucketSize);
         const uint64_t current = MSBMultiBytesToValue(at, now.pu8BucketData, now.u8BucketSize);
-        const uint64_t previous =
-            MSBMultiBytesToValue(at, before.pu8BucketData, now.u8BucketSize);
+        const uint64_t previous = MSBMultiBytesToValue(at, before.pu8BucketData, now.u8BucketSize);
         if (current == previous)
             continue;
         const int64_t lower =
             static_cast<int64_t>(now.u16HistogramBase) + (i - 1) * int64_t{now.u8BucketWidth};
         if (!found && i != 0)
             r.min = static_cast<uint64_t>(lower);
-        r.max = static_cast<uint64_t>(i == now.u8BucketNum - 1 ? lower
-                                                                 : lower + now.u8BucketWidth);
+        r.max = static_cast<uint64_t>(i == now.u8BucketNum - 1 ? lower : lower + now.u8BucketWidth);
         found = true;
     }
     return r;

@@ -9,9 +9,9 @@
 
 #include <climits>
 #include <cstdio>
-#include <initializer_list>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <unistd.h>
 
 namespace zelo::metriclog {
@@ -41,7 +41,8 @@ InletSensorTemperature *getReading(FILE *file) {
     char text[ZELO_INLET_TEMPERATURE_TEXT];
     if (!getLE(file, &index, 4) || std::fread(text, 1, sizeof text, file) != sizeof text)
         return nullptr;
-    auto *node = static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
+    auto *node =
+        static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
     if (node == nullptr)
         return nullptr;
     node->u32SensorIndex = static_cast<uint32_t>(index);
@@ -50,8 +51,7 @@ InletSensorTemperature *getReading(FILE *file) {
     return node;
 }
 
-bool readStoredFile(uint8_t index, SnapshotBuffer *s, BladeInletSensorBuffer *l,
-                    PerfMetricSet *f) {
+bool readStoredFile(uint8_t index, SnapshotBuffer *s, BladeInletSensorBuffer *l, PerfMetricSet *f) {
     char name[32];
     std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir, static_cast<unsigned>(index));
     char path[PATH_MAX];
@@ -170,8 +170,8 @@ int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInle
     auto *buffers = static_cast<SnapshotBuffer *>(std::calloc(count, sizeof(SnapshotBuffer)));
     auto *inlets =
         static_cast<BladeInletSensorBuffer *>(std::calloc(count, sizeof(BladeInletSensorBuffer)));
-    auto *perfs =
-        withPerf ? static_cast<PerfMetricSet *>(std::calloc(count, sizeof(PerfMetricSet))) : nullptr;
+    auto *perfs = withPerf ? static_cast<PerfMetricSet *>(std::calloc(count, sizeof(PerfMetricSet)))
+                           : nullptr;
     if (buffers == nullptr || inlets == nullptr || (withPerf && perfs == nullptr)) {
         WriteToLog("GetMetricValue", "ERROR", "Memory allcate fail");
         std::free(buffers);
@@ -263,8 +263,8 @@ void PrintAllMetricValue(const SnapshotBuffer *psBuffer, const BladeInletSensorB
         const InletSensorTemperature *node = psInlet->psSensor;
         for (unsigned i = 0; i < psInlet->u8SensorNum && i < kMaxPrinted && node != nullptr;
              ++i, node = node->psNext)
-            std::printf("InletSensorName:%s  Temperature:%s\n", inletSensorName(node->u32SensorIndex),
-                        node->szTemperature);
+            std::printf("InletSensorName:%s  Temperature:%s\n",
+                        inletSensorName(node->u32SensorIndex), node->szTemperature);
     }
     if (psPerf != nullptr && NM_Performance_IsSupported() == 1) {
         PrintMetricValue(psPerf->psSystemPerf, 1, "SystemPerf");

@@ -23,7 +23,7 @@ inline constexpr const char *kNumFile = "/tmp/zelo_log/zelo_num.log";
 inline constexpr const char *kLastFile = "/tmp/zelo_log/zelo_last.log";
 
 // On-disk sizes of the metric log file, little-endian and unpadded.
-inline constexpr std::size_t kStatBytes = 24;          // u64Avg, u64Max, u64Min
+inline constexpr std::size_t kStatBytes = 24; // u64Avg, u64Max, u64Min
 inline constexpr std::size_t kOptionalBytes = 1 + kStatBytes;
 inline constexpr std::size_t kInletReadingBytes = 4 + ZELO_INLET_TEMPERATURE_TEXT;
 static_assert(kInletReadingBytes == 68);

@@ -23,7 +23,9 @@ uint8_t u8LogFileNum = 0;
 
 namespace {
 
-void trace(const char *level, const char *message) { WriteToLog("CreateDataLog", level, message); }
+void trace(const char *level, const char *message) {
+    WriteToLog("CreateDataLog", level, message);
+}
 
 // Little-endian, field by field: the file never depends on the host's layout.
 std::size_t putLE(FILE *file, uint64_t value, int width) {
@@ -116,7 +118,8 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
     }
     SnapshotBuffer &s = *psBuffer;
     char name[32];
-    std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir, static_cast<unsigned>(u8LogFileIndex));
+    std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir,
+                  static_cast<unsigned>(u8LogFileIndex));
     char path[PATH_MAX];
     FILE *file = logPath(name, path, sizeof path) ? std::fopen(path, "wb") : nullptr;
     if (file == nullptr) {

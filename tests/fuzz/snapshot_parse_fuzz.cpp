@@ -11,9 +11,9 @@
 #include <zelo.h>
 #include <zelo/platform.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -27,6 +27,9 @@ const uint8_t *gConfig = nullptr; // the head of the current input
 
 uint8_t cfg(std::size_t i) {
     return gConfig[i];
+}
+bool fails(int bit) {
+    return (gConfig[16] >> bit) & 1;
 }
 
 // Answers the parser's register and configuration reads from the input head.

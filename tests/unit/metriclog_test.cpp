@@ -349,7 +349,8 @@ TEST_F(MetricLogTest, ReaderCopesWithCutAndForeignFiles) {
     FreeSignalMetricValue(&r, &l, &f);
 
     // Cut after row 14: no inlet count.
-    std::ofstream(file(1), std::ios::binary).write(reinterpret_cast<const char *>(full.data()), 163);
+    std::ofstream(file(1), std::ios::binary)
+        .write(reinterpret_cast<const char *>(full.data()), 163);
     r = {};
     l = {};
     EXPECT_EQ(ReadMeticValueFromFile(file(1).c_str(), &r, &l, &f), -1);
@@ -389,7 +390,8 @@ TEST_F(MetricLogTest, PrintingLayout) {
     // Seven readings print only the first five.
     BladeInletSensorBuffer list{};
     for (int i = 0; i < 7; ++i) {
-        auto *node = static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
+        auto *node =
+            static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
         node->u32SensorIndex = static_cast<uint32_t>(i % 5);
         std::snprintf(node->szTemperature, sizeof node->szTemperature, "%d C", 20 + i);
         node->psNext = list.psSensor;
@@ -432,7 +434,8 @@ TEST_F(MetricLogTest, CopyIsDeepAndReleaseHonoursTheCounts) {
     // A list claiming three nodes but holding two: both released, no overrun.
     BladeInletSensorBuffer list{3, nullptr};
     for (int i = 0; i < 2; ++i) {
-        auto *node = static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
+        auto *node =
+            static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
         node->psNext = list.psSensor;
         list.psSensor = node;
     }

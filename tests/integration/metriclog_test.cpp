@@ -1,0 +1,146 @@
+// The road of a snapshot against the real simulator: fetch, calculate,
+// write the metric log, publish, and read it back oldest first.
+#include "sim_process.h"
+
+#include "metriclog/state.h"
+
+#include <zelo.h>
+#include <zelo/platform.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+
+namespace zelo::test {
+namespace {
+
+class MetricLogRoadTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        for (const char *dir : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
+            std::filesystem::create_directories(root.path() + dir);
+        ASSERT_NE(kiv_config_set_bool("zelo_supported_0", 1, 1), 0);
+        ASSERT_NE(kiv_config_set_int("zelo_module_handle_0", 5, 1), 0);
+    }
+    void TearDown() override {
+        FreeSignalMetricValue(&metriclog::sLastSnapshotBuffer, nullptr, nullptr);
+        metriclog::sLastSnapshotBuffer = SnapshotBuffer{};
+        std::free(metriclog::sLastHistogramData.pu8BucketData);
+        metriclog::sLastHistogramData = HistogramData{};
+        metriclog::u8LogFileIndex = metriclog::u8LogFileNum = 0;
+    }
+    // The daemon's start: a first snapshot becomes the baseline. The boot
+    // snapshot's totals are all 0 and yield no averages, so take a later one.
+    uint16_t seed() {
+        SnapshotBuffer *s = nullptr;
+        HistogramData h{};
+        for (uint16_t tag = 0; tag < 2;) {
+            std::free(h.pu8BucketData);
+            h = HistogramData{};
+            FreeSnapshotBuffer(s);
+            s = nullptr;
+            EXPECT_EQ(GetSnapshotBufferFromZELO(&s, &h), 0);
+            if (s == nullptr)
+                return 0;
+            tag = s->u16Tag;
+        }
+        CopySnapshotBuffer(&metriclog::sLastSnapshotBuffer, s);
+        metriclog::sLastHistogramData = h;
+        const uint16_t tag = s->u16Tag;
+        FreeSnapshotBuffer(s);
+        return tag;
+    }
+    // Fetches snapshots until the tag moves past `after`; logs that one.
+    uint16_t logNextSnapshot(uint16_t after) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (std::chrono::steady_clock::now() < deadline) {
+            SnapshotBuffer *s = nullptr;
+            HistogramData h{};
+            if (GetSnapshotBufferFromZELO(&s, &h) != 0) {
+                ADD_FAILURE() << "fetch failed";
+                return after;
+            }
+            const uint16_t tag = s->u16Tag;
+            if (tag != after)
+                CreateDataLog(s, h); // takes the bucket data
+            else
+                std::free(h.pu8BucketData);
+            FreeSnapshotBuffer(s);
+            if (tag != after)
+                return tag;
+        }
+        ADD_FAILURE() << "no snapshot after tag " << after;
+        return after;
+    }
+    TempRoot root;
+};
+
+TEST_F(MetricLogRoadTest, AConstant350WattLoadReadsBack350) {
+    SimProcess sim(root.path(), "power constant 350\nperf 35 40 25 10\n", {"--time-scale", "1000"});
+    testing::internal::CaptureStdout();
+    uint16_t tag = seed();
+    for (int i = 0; i < 4; ++i)
+        tag = logNextSnapshot(tag);
+
+    SnapshotBuffer *buffers = nullptr;
+    BladeInletSensorBuffer *inlets = nullptr;
+    PerfMetricSet *perfs = nullptr;
+    uint8_t count = 0;
+    ASSERT_EQ(GetMetricValue(&buffers, &inlets, &perfs, &count), 0);
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(count, 4);
+    for (int i = 0; i < count; ++i) {
+        SCOPED_TRACE(i);
+        if (i > 0) {
+            EXPECT_GT(buffers[i].u64Timestamp, buffers[i - 1].u64Timestamp) << "oldest first";
+        }
+        EXPECT_EQ(buffers[i].psSystemDC->u64Avg, 350u);
+        EXPECT_EQ(buffers[i].psSystemDC->u64Min, 350u) << "histogram bucket 350-400";
+        EXPECT_EQ(buffers[i].psSystemDC->u64Max, 400u);
+        EXPECT_EQ(buffers[i].psSystemAC->u64Avg, 350u * 100 / 94);
+        EXPECT_EQ(buffers[i].psCPUPower->u64Avg, 350u * 45 / 100);
+        EXPECT_EQ(buffers[i].psEffectiveCPU->u64Avg, 40u);
+        EXPECT_EQ(buffers[i].u8InletTemperature, 24);
+        ASSERT_NE(perfs, nullptr);
+        EXPECT_EQ(perfs[i].psSystemPerf->u64Avg, 35u);
+        EXPECT_EQ(perfs[i].psIOPerf->u64Avg, 10u);
+    }
+    testing::internal::CaptureStdout();
+    FreeMetricValue(buffers, inlets, perfs, count);
+    testing::internal::GetCapturedStdout();
+
+    int published = 0;
+    ASSERT_NE(kiv_config_get_int("ZELO_total_dc_power_in_use_Avg", &published), 0);
+    EXPECT_EQ(published, 350);
+    ASSERT_NE(kiv_config_get_int("ZELO_total_ac_power_in_use_Avg", &published), 0);
+    EXPECT_EQ(published, 350 * 100 / 94);
+}
+
+TEST_F(MetricLogRoadTest, ABladeStoresItsInletReadings) {
+    ::setenv("RUX_FAMILY", "blade", 1);
+    SimProcess sim(root.path(),
+                   "blade yes\nperf none\nsensor \"Inlet Temp\" 0 24 degrees C\n"
+                   "sensor \"Inlet 1 Temp\" 0 Unavailable\nsensor \"CPU Temp\" 0 58 degrees C\n",
+                   {"--time-scale", "1000"});
+    testing::internal::CaptureStdout();
+    logNextSnapshot(seed());
+    SnapshotBuffer *buffers = nullptr;
+    BladeInletSensorBuffer *inlets = nullptr;
+    PerfMetricSet *perfs = nullptr;
+    uint8_t count = 0;
+    ASSERT_EQ(GetMetricValue(&buffers, &inlets, &perfs, &count), 0);
+    ASSERT_EQ(count, 1);
+    // Collected in reverse platform order, read back in reverse file order.
+    ASSERT_EQ(inlets[0].u8SensorNum, 2);
+    EXPECT_STREQ(inlets[0].psSensor->szTemperature, "24 degrees C");
+    EXPECT_STREQ(inlets[0].psSensor->psNext->szTemperature, "Unavailable");
+    EXPECT_EQ(buffers[0].psSystemDC, nullptr) << "a blade reports no system DC";
+    FreeMetricValue(buffers, inlets, perfs, count);
+    testing::internal::GetCapturedStdout();
+    ::unsetenv("RUX_FAMILY");
+}
+
+} // namespace
+} // namespace zelo::test
