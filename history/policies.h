@@ -113,25 +113,30 @@ struct PowerPolicy {
     static constexpr Files kFiles{"/pstorage/power/PowerHistoryFull",
                                   {"/tmp/PowerHistoryLast1Hour", "/tmp/PowerHistoryLast6Hours",
                                    "/tmp/PowerHistoryLast12Hours", "/tmp/PowerHistoryLast24Hours"}};
-    static constexpr Names kNames{"trackPowerHistory", "addSampleToPowerHistory",
-                                  "loadPowerHistory", "savePowerHistory",
-                                  "generatePowerHistoryFile"};
-    static constexpr Levels kLevels{1, 2, 2, 1, 1};
+    static constexpr Names kNames{.track = "trackPowerHistory",
+                                  .add = "addSampleToPowerHistory",
+                                  .load = "loadPowerHistory",
+                                  .save = "savePowerHistory",
+                                  .generateFile = "generatePowerHistoryFile"};
+    static constexpr Levels kLevels{
+        .saveCheck = 1, .fileIndex = 2, .fileRecord = 2, .fileUnknown = 1, .saving = 1};
     static constexpr Texts kTexts{
-        "Initializing power hisotry", // spelt as log readers have always matched it
-        "nextSampleIndex=%i, idx=%i",
-        "minAC=%i, avgAC=%i, maxAC=%i, minDC=%i, avgDC=%i, maxDC=%i, tstamp=%i, idx=%i, "
-        "numsamplesforavg=%i fname=%s",
-        "Writing power history data header for file '%s', error code=%i",
-        "Writing power history data sample %i for file '%s', error code=%i",
-        "Reading power history data header for file '%s', error code=%i",
-        "Reading power history data for file '%s', error code=%i",
-        "Could not open power history file '%s', starting from scratch",
-        "Writing full power history file '%s'",
-        "Could not open power history file '%s', %s",
-        "Writing full power history data header for file '%s', error code=%i",
-        "Writing full power history data for file '%s', error code=%i",
-        "Error loading power history file",
+        // Spelt as log readers have always matched it.
+        .initialising = "Initializing power hisotry",
+        .fileIndex = "nextSampleIndex=%i, idx=%i",
+        .fileRecord =
+            "minAC=%i, avgAC=%i, maxAC=%i, minDC=%i, avgDC=%i, maxDC=%i, tstamp=%i, idx=%i, "
+            "numsamplesforavg=%i fname=%s",
+        .fileHeaderError = "Writing power history data header for file '%s', error code=%i",
+        .fileRecordError = "Writing power history data sample %i for file '%s', error code=%i",
+        .readHeaderError = "Reading power history data header for file '%s', error code=%i",
+        .readDataError = "Reading power history data for file '%s', error code=%i",
+        .fromScratch = "Could not open power history file '%s', starting from scratch",
+        .saving = "Writing full power history file '%s'",
+        .saveOpenError = "Could not open power history file '%s', %s",
+        .saveHeaderError = "Writing full power history data header for file '%s', error code=%i",
+        .saveDataError = "Writing full power history data for file '%s', error code=%i",
+        .printLoadFailed = "Error loading power history file",
     };
 
     // A snapshot without DC power is a failed reading, not a reading of 0.
@@ -177,25 +182,29 @@ struct PerformancePolicy {
         "/pstorage/power/PowerPerformanceFull",
         {"/tmp/PowerPerformanceLast1Hour", "/tmp/PowerPerformanceLast6Hours",
          "/tmp/PowerPerformanceLast12Hours", "/tmp/PowerPerformanceLast24Hours"}};
-    static constexpr Names kNames{"trackPowerPerformance", "addSampleToPowerPerformance",
-                                  "loadPowerPerformance", "savePowerPerformance",
-                                  "generatePowerPerformanceFile"};
-    static constexpr Levels kLevels{0, 0, 0, 0, 0};
+    static constexpr Names kNames{.track = "trackPowerPerformance",
+                                  .add = "addSampleToPowerPerformance",
+                                  .load = "loadPowerPerformance",
+                                  .save = "savePowerPerformance",
+                                  .generateFile = "generatePowerPerformanceFile"};
+    static constexpr Levels kLevels{
+        .saveCheck = 0, .fileIndex = 0, .fileRecord = 0, .fileUnknown = 0, .saving = 0};
     static constexpr Texts kTexts{
-        "Initializing power performance",
-        "nextPerformanceSampleIndex=%i, idx=%i",
-        "min=%i, avg=%i, max=%i, cpu=%i, mem=%i, io=%i, tstamp=%i, idx=%i, "
-        "numsamplesforavg=%i fname=%s",
-        "Writing power performance data header for file '%s', error code=%i",
-        "Writing power performance data sample %i for file '%s', error code=%i",
-        "Reading power performance data header for file '%s', error code=%i",
-        "Reading power performance data for file '%s', error code=%i",
-        "Could not open power performance file '%s', starting from scratch",
-        "Writing full power performance file '%s'",
-        "Could not open power performance file '%s', %s",
-        "Writing full power performance data header for file '%s', error code=%i",
-        "Writing full power performance data for file '%s', error code=%i",
-        "Error loading power performance file",
+        .initialising = "Initializing power performance",
+        .fileIndex = "nextPerformanceSampleIndex=%i, idx=%i",
+        .fileRecord = "min=%i, avg=%i, max=%i, cpu=%i, mem=%i, io=%i, tstamp=%i, idx=%i, "
+                      "numsamplesforavg=%i fname=%s",
+        .fileHeaderError = "Writing power performance data header for file '%s', error code=%i",
+        .fileRecordError = "Writing power performance data sample %i for file '%s', error code=%i",
+        .readHeaderError = "Reading power performance data header for file '%s', error code=%i",
+        .readDataError = "Reading power performance data for file '%s', error code=%i",
+        .fromScratch = "Could not open power performance file '%s', starting from scratch",
+        .saving = "Writing full power performance file '%s'",
+        .saveOpenError = "Could not open power performance file '%s', %s",
+        .saveHeaderError =
+            "Writing full power performance data header for file '%s', error code=%i",
+        .saveDataError = "Writing full power performance data for file '%s', error code=%i",
+        .printLoadFailed = "Error loading power performance file",
     };
 
     // Every reading counts, 0 % included.

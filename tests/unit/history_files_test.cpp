@@ -11,7 +11,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -73,8 +72,6 @@ Bytes zeros(std::size_t n) {
 Bytes summaryHead() {
     return {24, 0};
 }
-
-constexpr PowerHistorySample kUnknown{0, 8888, 8888, 8888, 8888, 8888, 8888};
 
 TEST_F(HistoryFilesTest, AnEmptyRingGivesZeroRecordsAndKeysOfMinusOne) {
     generatePowerHistoryFiles();
