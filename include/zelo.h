@@ -5,6 +5,8 @@
 
 #include <zelo/acquisition.h>
 #include <zelo/common.h>
+#include <zelo/daemon.h>
+#include <zelo/events.h>
 #include <zelo/expansion.h>
 #include <zelo/firmware.h>
 #include <zelo/metriclog.h>

@@ -32,6 +32,16 @@ inline constexpr std::uint8_t kCcNoMoreRecords = 0xCB;
 inline constexpr std::size_t kSensorNameMax = 191;
 inline constexpr std::size_t kSensorReadingMax = 1293;
 
+// Control of a running simulator, never sent by the library: network
+// function 0x3C (also in the controller's own range, unused by it), one
+// scenario line per exchange (sim/scenario.h):
+//   request:  netFn 0x3C, cmd 0, data = the line's text (no NUL, no line end)
+//   response: 0x00 alone when applied; 0xCC and the error text when refused
+// Answered at once, also by an absent or delayed firmware.
+inline constexpr std::uint8_t kControlNetFn = 0x3C;
+inline constexpr std::uint8_t kControlCmd = 0x00;
+inline constexpr std::uint8_t kCcControlRefused = 0xCC;
+
 inline void putLe16(std::uint8_t *p, std::uint16_t v) {
     p[0] = static_cast<std::uint8_t>(v & 0xFF);
     p[1] = static_cast<std::uint8_t>(v >> 8);

@@ -25,12 +25,16 @@ extern "C" void onStopSignal(int) {
 
 void usage(std::FILE *to) {
     std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH] [--time-scale N]\n"
+               "       zelo-fwsim --control LINE [--socket PATH]\n"
                "Answers power-management firmware requests on a Unix-domain socket.\n"
                "  --scenario FILE  firmware setup (default: the built-in firmware)\n"
                "  --socket PATH    where to listen (default: $ZELO_IPMI_SOCKET, else\n"
                "                   /run/zelo-fwsim.sock under $ZELO_ROOT)\n"
                "  --time-scale N   firmware time runs N times faster than real time\n"
                "                   (1-100000; default 1), so tests need not wait\n"
+               "  --control LINE   change the simulator listening at --socket while it\n"
+               "                   runs: one scenario line, or restart-now, snapshot-now,\n"
+               "                   tag <n>; exits 1 with the reason when refused\n"
                "  --help           show this text\n",
                to);
 }
@@ -58,6 +62,8 @@ bool installSignals() {
 int run(int argc, char **argv) {
     std::string scenarioPath;
     std::string socketPath;
+    std::string controlLine;
+    bool control = false;
     std::uint64_t timeScale = 1;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
@@ -67,6 +73,9 @@ int run(int argc, char **argv) {
         }
         if (std::strcmp(argv[i], "--scenario") == 0 && hasValue) {
             scenarioPath = argv[++i];
+        } else if (std::strcmp(argv[i], "--control") == 0 && hasValue) {
+            control = true;
+            controlLine = argv[++i];
         } else if (std::strcmp(argv[i], "--socket") == 0 && hasValue) {
             socketPath = argv[++i];
         } else if (std::strcmp(argv[i], "--time-scale") == 0 && hasValue &&
@@ -79,8 +88,23 @@ int run(int argc, char **argv) {
         }
     }
 
-    zelo::sim::Scenario scenario;
     std::string error;
+    if (control && (!scenarioPath.empty() || timeScale != 1)) {
+        std::fputs("zelo-fwsim: --control takes only --socket\n", stderr);
+        usage(stderr);
+        return 2;
+    }
+    if (control) {
+        if (socketPath.empty())
+            socketPath = zelo::sim::defaultSocketPath();
+        if (!zelo::sim::sendControl(socketPath, controlLine, error)) {
+            std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());
+            return 1;
+        }
+        return 0;
+    }
+
+    zelo::sim::Scenario scenario;
     if (!scenarioPath.empty() && !zelo::sim::loadScenarioFile(scenarioPath, scenario, error)) {
         std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());
         return 2;

@@ -189,6 +189,19 @@ std::vector<std::uint8_t> Firmware::handle(std::uint8_t netFn, std::uint8_t cmd,
                                            std::span<const std::uint8_t> request) {
     if (netFn == wire::kSensorNetFn)
         return sensorRecord(cmd, request);
+    if (netFn == wire::kControlNetFn) {
+        std::string error;
+        if (cmd == wire::kControlCmd &&
+            control({reinterpret_cast<const char *>(request.data()), request.size()}, error))
+            return {kCcOk};
+        if (cmd != wire::kControlCmd)
+            error = "unknown control command";
+        Bytes out{wire::kCcControlRefused};
+        out.insert(out.end(), error.begin(),
+                   error.begin() +
+                       static_cast<std::ptrdiff_t>(std::min(error.size(), wire::kMaxDataLen - 1)));
+        return out;
+    }
     if (!state_.present || netFn != NETFN_DUV)
         return {kCcInvalidCommand};
     switch (cmd) {
@@ -204,6 +217,30 @@ std::vector<std::uint8_t> Firmware::handle(std::uint8_t netFn, std::uint8_t cmd,
     default:
         return {kCcInvalidCommand};
     }
+}
+
+bool Firmware::control(std::string_view line, std::string &error) {
+    Scenario next = state_;
+    ControlAction action;
+    if (!parseControlLine(line, next, action, error))
+        return false;
+    const std::uint64_t t = now();
+    state_ = std::move(next);
+    recorder_.retune(t, state_.power, state_.snapshots, state_.perf.current[1]);
+    switch (action.kind) {
+    case ControlAction::Kind::Apply:
+        break;
+    case ControlAction::Kind::RestartNow:
+        recorder_.restartNow(t);
+        break;
+    case ControlAction::Kind::SnapshotNow:
+        recorder_.snapshotNow(t);
+        break;
+    case ControlAction::Kind::Tag:
+        recorder_.setTag(t, action.tag);
+        break;
+    }
+    return true;
 }
 
 Firmware::Bytes Firmware::findInstance(std::span<const std::uint8_t> request) {

@@ -56,6 +56,11 @@
 // (2), reading] for the scenario's index-th sensor; 0xCB alone past the last
 // one or for any type but temperature (1); 0xC7 for a request of another
 // length; the scenario's sensor fault code to every request.
+//
+// Control requests (network function 0x3C, platform/ipmi_wire.h) change the
+// running firmware by one scenario line, answered 0x00, or 0xCC and the
+// reason. Snapshots already taken keep their status byte and event word; the
+// next one carries the new values (`snapshot-now` takes it at once).
 #pragma once
 
 #include "scenario.h"
@@ -64,6 +69,8 @@
 #include <cstdint>
 #include <functional>
 #include <span>
+#include <string>
+#include <string_view>
 #include <vector>
 
 namespace zelo::sim {
@@ -88,6 +95,10 @@ class Firmware {
     // change the state that later requests see.
     std::vector<std::uint8_t> handle(std::uint8_t netFn, std::uint8_t cmd,
                                      std::span<const std::uint8_t> request);
+
+    // Applies one scenario line, or a runtime-only one, now. On refusal
+    // nothing changes and error says why.
+    bool control(std::string_view line, std::string &error);
 
     // How long the server waits before sending each answer.
     std::uint32_t responseDelayMs() const { return state_.delayMs; }

@@ -141,9 +141,11 @@ constexpr std::pair<std::string_view, Subsystem> kSubsystemNames[] = {
 // One line's worth of parsing; every check leaves its message in error.
 class LineParser {
   public:
+    // action: where the lines only a running simulator takes go; null for a
+    // scenario file.
     LineParser(const std::vector<std::string_view> &words, Scenario &scenario,
-               ListsStarted &started, std::string &error)
-        : words_(words), sc_(scenario), started_(started), error_(error) {}
+               ListsStarted &started, std::string &error, ControlAction *action = nullptr)
+        : words_(words), sc_(scenario), started_(started), error_(error), action_(action) {}
 
     bool apply() {
         using Handler = bool (LineParser::*)();
@@ -166,6 +168,9 @@ class LineParser {
             {"short-answer", &LineParser::shortAnswer},
             {"overlong-read", &LineParser::overlongRead},
             {"sensor", &LineParser::sensor},
+            {"restart-now", &LineParser::restartNow},
+            {"snapshot-now", &LineParser::snapshotNow},
+            {"tag", &LineParser::tag},
         };
         const std::string_view keyword = words_[0];
         for (const auto &[name, handler] : kKeywords) {
@@ -255,6 +260,41 @@ class LineParser {
     }
 
     bool present() { return yesNo("present yes|no", sc_.present); }
+
+    bool runtimeOnly() {
+        return action_ != nullptr ||
+               fail(format("'%.*s' works only on a running simulator (zelo-fwsim --control)",
+                           static_cast<int>(words_[0].size()), words_[0].data()));
+    }
+
+    bool restartNow() {
+        if (!runtimeOnly())
+            return false;
+        if (words_.size() != 1)
+            return usage("restart-now");
+        action_->kind = ControlAction::Kind::RestartNow;
+        return true;
+    }
+
+    bool snapshotNow() {
+        if (!runtimeOnly())
+            return false;
+        if (words_.size() != 1)
+            return usage("snapshot-now");
+        action_->kind = ControlAction::Kind::SnapshotNow;
+        return true;
+    }
+
+    bool tag() {
+        if (!runtimeOnly())
+            return false;
+        if (words_.size() != 2)
+            return usage("tag <n>");
+        if (!u16(1, action_->tag))
+            return false;
+        action_->kind = ControlAction::Kind::Tag;
+        return true;
+    }
 
     bool instance() {
         static constexpr const char *kUsage =
@@ -735,6 +775,7 @@ class LineParser {
     Scenario &sc_;
     ListsStarted &started_;
     std::string &error_;
+    ControlAction *action_;
 };
 
 } // namespace
@@ -776,6 +817,29 @@ bool parseScenario(std::string_view text, std::string_view name, Scenario &scena
             error = format("%.*s:%u: ", static_cast<int>(name.size()), name.data(), lineNo) + what;
             return false;
         }
+    }
+    scenario = std::move(work);
+    return true;
+}
+
+bool parseControlLine(std::string_view line, Scenario &scenario, ControlAction &action,
+                      std::string &error) {
+    action = ControlAction{};
+    if (line.find('\n') != std::string_view::npos) {
+        error = "one line per control request";
+        return false;
+    }
+    const auto words = splitWords(line);
+    if (words.empty())
+        return true;
+    Scenario work = scenario;
+    ListsStarted started;
+    if (!LineParser(words, work, started, error, &action).apply())
+        return false;
+    // Snapshots already taken carry counters of the old shape.
+    if (work.snapshots.histogram != scenario.snapshots.histogram) {
+        error = "the histogram cannot change while the firmware runs";
+        return false;
     }
     scenario = std::move(work);
     return true;

@@ -112,6 +112,15 @@
 //   fault sensors <cc>                  every sensor request answers cc
 //
 // Errors name the file and line: "lab.scn:12: unknown register 0/99".
+//
+// A running simulator takes any of these lines one at a time (zelo-fwsim
+// --control, sim/model.h), except `histogram`, plus three of its own:
+//
+//   restart-now                         the firmware restarts now: tag 1,
+//                                       firmware time 0, counters zeroed
+//   snapshot-now                        a snapshot now, tag + 1
+//   tag <n>                             the current snapshot's tag becomes n
+//                                       (0-65535); the next one is n + 1
 #pragma once
 
 #include "registers.h"
@@ -242,6 +251,19 @@ struct Scenario {
 // On failure scenario is left unchanged and error says "name:line: what".
 bool parseScenario(std::string_view text, std::string_view name, Scenario &scenario,
                    std::string &error);
+
+// What a control line asks of the running firmware beyond a scenario change.
+struct ControlAction {
+    enum class Kind : std::uint8_t { Apply, RestartNow, SnapshotNow, Tag };
+    Kind kind = Kind::Apply;
+    std::uint16_t tag = 0;
+};
+
+// One line for a running firmware: applied to scenario (left unchanged on
+// failure, error then says what without a line number); the runtime-only
+// lines come back in action.
+bool parseControlLine(std::string_view line, Scenario &scenario, ControlAction &action,
+                      std::string &error);
 
 // Same, for a file; messages are prefixed with path as given.
 bool loadScenarioFile(const std::string &path, Scenario &scenario, std::string &error);

@@ -112,6 +112,60 @@ std::string defaultSocketPath() {
     return resolvePath(wire::kDefaultSocket, buf, sizeof buf) ? buf : "";
 }
 
+bool sendControl(const std::string &path, std::string_view line, std::string &error) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof addr.sun_path) {
+        error = "socket path empty or too long: " + path;
+        return false;
+    }
+    if (line.size() > wire::kMaxDataLen) {
+        error = "control line longer than " + std::to_string(wire::kMaxDataLen) + " bytes";
+        return false;
+    }
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        error = std::string("socket: ") + std::strerror(errno);
+        return false;
+    }
+    // The server answers control at once; the deadline only bounds a stuck one.
+    const auto deadline = Clock::now() + std::chrono::milliseconds(5 * kReadTimeoutMs);
+    std::vector<std::uint8_t> frame(wire::kRequestHeadLen + line.size());
+    frame[0] = wire::kControlNetFn;
+    frame[1] = wire::kControlCmd;
+    wire::putLe16(frame.data() + 2, static_cast<std::uint16_t>(line.size()));
+    std::copy(line.begin(), line.end(), frame.begin() + wire::kRequestHeadLen);
+    std::uint8_t head[wire::kResponseHeadLen];
+    std::vector<std::uint8_t> answer;
+    // A full listen queue answers EAGAIN on a Unix socket: the server is busy, not gone.
+    bool ok = false;
+    while (!(ok = ::connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0) &&
+           (errno == EAGAIN || errno == EINTR) && msLeft(deadline) > 0)
+        ::poll(nullptr, 0, kStopPollMs / 10);
+    if (!ok)
+        error = path + ": " + std::strerror(errno);
+    else if (!(ok = writeFull(fd, frame.data(), frame.size(), deadline) &&
+                    readFull(fd, head, sizeof head, deadline)))
+        error = path + ": no answer from the simulator";
+    if (ok) {
+        answer.resize(wire::getLe16(head));
+        if (answer.empty() || !readFull(fd, answer.data(), answer.size(), deadline)) {
+            error = path + ": short answer from the simulator";
+            ok = false;
+        }
+    }
+    ::close(fd);
+    if (!ok)
+        return false;
+    if (answer[0] == kCcOk)
+        return true;
+    error.assign(answer.begin() + 1, answer.end());
+    if (error.empty())
+        error = "refused with completion code " + std::to_string(answer[0]);
+    return false;
+}
+
 Server::Server(Firmware &firmware, const std::atomic<bool> &stop, int readTimeoutMs)
     : firmware_(firmware), stop_(stop), readTimeoutMs_(readTimeoutMs) {}
 
@@ -209,12 +263,13 @@ void Server::serve(int fd) {
 }
 
 // Appends the answer to response; false when a stop cut the wait short.
-// Control requests, when they come, get a network function of their own and
-// are routed here ahead of the firmware, without its delay.
+// Control requests are answered without the firmware's delay: a test must be
+// able to lift a delay it staged.
 bool Server::answer(std::uint8_t netFn, std::uint8_t cmd, std::span<const std::uint8_t> request,
                     std::vector<std::uint8_t> &response) {
     const std::vector<std::uint8_t> data = firmware_.handle(netFn, cmd, request);
-    const auto until = Clock::now() + std::chrono::milliseconds(firmware_.responseDelayMs());
+    const std::uint32_t delayMs = netFn == wire::kControlNetFn ? 0 : firmware_.responseDelayMs();
+    const auto until = Clock::now() + std::chrono::milliseconds(delayMs);
     for (int left = msLeft(until); left > 0 && !stop_.load(); left = msLeft(until))
         ::poll(nullptr, 0, std::min(left, kStopPollMs));
     if (stop_.load())

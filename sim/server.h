@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <string>
+#include <string_view>
 
 namespace zelo::sim {
 
@@ -16,6 +17,11 @@ inline constexpr int kReadTimeoutMs = 1000;
 // --socket's default: $ZELO_IPMI_SOCKET, else the default socket under
 // $ZELO_ROOT. Empty when the path does not fit.
 std::string defaultSocketPath();
+
+// Sends one control line to the simulator listening at path (one exchange,
+// sim/model.h). True when applied; otherwise error holds the simulator's
+// reason or why it could not be asked.
+bool sendControl(const std::string &path, std::string_view line, std::string &error);
 
 class Server {
   public:

@@ -125,11 +125,11 @@ std::size_t largestSnapshotLen(const SnapshotSetup &setup) {
 std::vector<std::uint8_t> snapshotBuffer(const Snapshot &snap, const SnapshotSetup &setup,
                                          const LayoutRegisters &regs) {
     std::vector<std::uint8_t> out;
-    out.push_back(setup.status);
+    out.push_back(snap.status);
     putBe(out, snap.energy[kDc], 8);
     for (const std::uint64_t count : snap.histogram)
         putBe(out, count, setup.histogram.bucketBytes);
-    putBe(out, setup.event, 2);
+    putBe(out, snap.event, 2);
     putBe(out, snap.effectiveCpu, 4);
     if (!setup.blade) {
         putBe(out, snap.energy[kAc], 8);
@@ -163,9 +163,12 @@ Recorder::Recorder(PowerModel power, SnapshotSetup setup, std::uint8_t cpuPct)
 void Recorder::start(std::uint64_t now) {
     epoch_ = now;
     nextBoundary_ = setup_.periodMs;
-    snap_ = Snapshot{};
-    snap_.histogram.assign(setup_.histogram.buckets(), 0);
-    snap_.levels = levelsAt(power_, 0);
+    running_ = Snapshot{};
+    running_.histogram.assign(setup_.histogram.buckets(), 0);
+    running_.levels = levelsAt(power_, 0);
+    running_.status = setup_.status;
+    running_.event = setup_.event;
+    snap_ = running_;
 }
 
 void Recorder::advanceTo(std::uint64_t now) {
@@ -190,22 +193,53 @@ void Recorder::snapshotNow(std::uint64_t now) {
     take(firmwareMs(now));
 }
 
-void Recorder::take(std::uint64_t to) {
-    for (std::uint64_t t = snap_.ms; t < to;) {
+void Recorder::restartNow(std::uint64_t now) {
+    advanceTo(now);
+    start(now);
+}
+
+void Recorder::setTag(std::uint64_t now, std::uint16_t tag) {
+    advanceTo(now);
+    snap_.tag = tag;
+    running_.tag = tag;
+}
+
+void Recorder::retune(std::uint64_t now, const PowerModel &power, const SnapshotSetup &setup,
+                      std::uint8_t cpuPct) {
+    advanceTo(now);
+    accumulate(firmwareMs(now));
+    if (setup.restartAtMs != setup_.restartAtMs)
+        restartPending_ = setup.restartAtMs.has_value();
+    power_ = power;
+    setup_ = setup;
+    cpuPct_ = cpuPct;
+}
+
+// Splitting an interval anywhere gives the same counters: energy is summed
+// per piece, and each whole second is sampled in exactly one piece.
+void Recorder::accumulate(std::uint64_t to) {
+    Snapshot &r = running_;
+    for (std::uint64_t t = r.ms; t < to;) {
         const std::uint64_t end = std::min(to, nextChange(power_.dc, t));
         const PowerLevels l = levelsAt(power_, t);
         for (std::size_t q = 0; q < kEnergyCount; ++q)
-            snap_.energy[q] += std::uint64_t{l.watts[q]} * (end - t);
+            r.energy[q] += std::uint64_t{l.watts[q]} * (end - t);
         t = end;
     }
-    for (std::uint64_t s = (snap_.ms + kMsPerSample - 1) / kMsPerSample; s * kMsPerSample < to;
-         ++s) {
-        ++snap_.histogram[bucketOf(dcWatts(power_.dc, s * kMsPerSample))];
-        snap_.effectiveCpu += cpuPct_;
+    for (std::uint64_t s = (r.ms + kMsPerSample - 1) / kMsPerSample; s * kMsPerSample < to; ++s) {
+        ++r.histogram[bucketOf(dcWatts(power_.dc, s * kMsPerSample))];
+        r.effectiveCpu += cpuPct_;
     }
-    snap_.ms = to;
-    snap_.levels = levelsAt(power_, to);
-    snap_.tag = snap_.tag == 0xFFFF ? 1 : static_cast<std::uint16_t>(snap_.tag + 1);
+    r.ms = std::max(r.ms, to);
+}
+
+void Recorder::take(std::uint64_t to) {
+    accumulate(to);
+    running_.levels = levelsAt(power_, to);
+    running_.status = setup_.status;
+    running_.event = setup_.event;
+    running_.tag = running_.tag == 0xFFFF ? 1 : static_cast<std::uint16_t>(running_.tag + 1);
+    snap_ = running_;
 }
 
 std::size_t Recorder::bucketOf(std::uint16_t watts) const {

@@ -20,6 +20,11 @@
 //
 // A restart drops everything: the snapshot at that instant has tag 1, firmware
 // time 0 and zeroed counters, and the profile starts over.
+//
+// Each snapshot keeps the status byte and event word in force when it was
+// taken, so a change while the simulator runs shows in the next snapshot,
+// not in the one already taken. A power model changed at run time counts
+// from that instant: what accumulated before it stays as it was.
 #pragma once
 
 #include <array>
@@ -134,6 +139,8 @@ struct Snapshot {
     std::vector<std::uint64_t> histogram;
     std::uint32_t effectiveCpu = 0; // % x s
     PowerLevels levels;             // at ms
+    std::uint8_t status = 0;        // status byte when taken
+    std::uint16_t event = 0;        // event word when taken
 };
 
 // The register values that shape the buffer, read when it is built.
@@ -155,11 +162,21 @@ class Recorder {
     void advanceTo(std::uint64_t now);
     // Catches up, then takes one more now.
     void snapshotNow(std::uint64_t now);
+    // Catches up, then restarts now: tag 1 at firmware time 0.
+    void restartNow(std::uint64_t now);
+    // Catches up, then renames the current snapshot; the next one is tag + 1.
+    void setTag(std::uint64_t now, std::uint16_t tag);
+    // Catches up and accumulates to now under the old model, then takes the
+    // new one. The histogram shape must not change; a new restart time is
+    // armed again.
+    void retune(std::uint64_t now, const PowerModel &power, const SnapshotSetup &setup,
+                std::uint8_t cpuPct);
     const Snapshot &current() const { return snap_; }
     std::uint64_t firmwareMs(std::uint64_t now) const { return now - epoch_; }
 
   private:
     void start(std::uint64_t now);
+    void accumulate(std::uint64_t to);
     void take(std::uint64_t firmwareMs);
     std::size_t bucketOf(std::uint16_t watts) const;
 
@@ -169,7 +186,8 @@ class Recorder {
     bool restartPending_;
     std::uint64_t epoch_ = 0;
     std::uint64_t nextBoundary_ = 0; // firmware time
-    Snapshot snap_;
+    Snapshot running_;               // the counters as of running_.ms, ahead of the snapshot
+    Snapshot snap_;                  // the last snapshot taken
 };
 
 } // namespace zelo::sim

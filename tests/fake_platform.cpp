@@ -160,6 +160,16 @@ int kiv_config_set_int64(const char *key, int64_t value, int flag) {
     return fakeSet("set_int64", key, value, flag);
 }
 
+int sw_msg_dispatcher(uint16_t eventId, void *params) {
+    zelo::test::FakePlatform::SentEvent sent{eventId, std::nullopt};
+    if (params != nullptr) {
+        sent.params.emplace();
+        std::memcpy(sent.params->data(), params, sent.params->size());
+    }
+    gFake.events.push_back(sent);
+    return gFake.eventResult;
+}
+
 int kiv_config_clear(const char *key) {
     gFake.storeCalls.push_back(std::string("clear ") + key);
     gFake.store.erase(key);

@@ -3,6 +3,7 @@
 // configuration store is a map whose every call is recorded in order.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -47,6 +48,15 @@ struct FakePlatform {
     std::optional<uint32_t> sensorClaimed;
     std::vector<uint8_t> sensorTypes; // asked for, one per call
     uint32_t sensorAreaSize = 0;
+
+    // Software events handed to sw_msg_dispatcher, with a copy of their
+    // parameter block when one came; every call answers eventResult.
+    struct SentEvent {
+        uint16_t id;
+        std::optional<std::array<uint8_t, 192>> params;
+    };
+    std::vector<SentEvent> events;
+    int eventResult = 0;
 
     long uptime = 100;
     bool sysinfoFails = false;

@@ -1,0 +1,310 @@
+// The daemon: start-up, the ten-second cycle under the metric log lock, the
+// reset after a firmware restart, and the command-line options.
+#include "daemon_internal.h"
+#include "tracelog_internal.h"
+
+#include "metriclog/inlet_internal.h"
+#include "metriclog/state.h"
+#include "paths.h"
+
+#include <zelo.h>
+#include <zelo/events.h>
+#include <zelo/platform.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <initializer_list>
+#include <sys/stat.h>
+
+namespace zelo::daemon {
+
+volatile std::sig_atomic_t gTerminateSignal = 0;
+
+namespace {
+
+namespace ml = zelo::metriclog;
+
+constexpr const char *kUsage =
+    "usage:\n   zelo [-options] [log file]- Zelo.\noptions:\n   -d: debug "
+    "mode.\n   -r: read log file.\n   -P: print full power history.";
+constexpr unsigned kCycleSeconds = 10;
+constexpr const char *kLogLevelKey = "ZELO_power_history_log_level";
+
+// Only records the signal: stdio and malloc are not safe in a handler, so
+// the cycle notices the signal and saves the histories itself.
+extern "C" void ZELOsignalHandler(int signalNumber) {
+    gTerminateSignal = signalNumber;
+}
+
+bool terminating() {
+    return gTerminateSignal != 0;
+}
+
+void trace(const char *level, const char *message) {
+    WriteToLog("main", level, message);
+}
+
+// Sleeps unless SIGTERM arrives, which cuts the sleep short.
+void pause(unsigned seconds) {
+    struct timespec left = {static_cast<time_t>(seconds), 0};
+    while (!terminating() && nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+// Creates the directory with the daemon's mode 070; parents that a private
+// root lacks (its /tmp) are made as ordinary directories first.
+void makeDir(const char *absPath) {
+    char path[PATH_MAX];
+    if (!resolvePath(absPath, path, sizeof path))
+        return;
+    for (char *p = path + 1; *p != '\0'; ++p) {
+        if (*p != '/' || p[1] == '\0')
+            continue;
+        *p = '\0';
+        (void)::mkdir(path, 0755);
+        *p = '/';
+    }
+    (void)::mkdir(path, 070);
+}
+
+// Removes every entry of the metric log directory, the lock file included.
+bool emptyLogDirectory() {
+    char dirPath[PATH_MAX];
+    if (!resolvePath(ml::kLogDir, dirPath, sizeof dirPath))
+        return false;
+    DIR *dir = ::opendir(dirPath);
+    if (dir == nullptr)
+        return false;
+    while (const struct dirent *entry = ::readdir(dir)) {
+        if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
+            continue;
+        char path[PATH_MAX + 256];
+        const int n = std::snprintf(path, sizeof path, "%s%s", dirPath, entry->d_name);
+        if (n > 0 && static_cast<std::size_t>(n) < sizeof path)
+            (void)::remove(path);
+    }
+    ::closedir(dir);
+    return true;
+}
+
+void readLogLevel() {
+    int level = trace::s32PowerHistoryLogLevel;
+    if (kiv_config_get_int(kLogLevelKey, &level) != 0)
+        trace::s32PowerHistoryLogLevel = level;
+}
+
+void releaseBuckets(HistogramData &h) {
+    std::free(h.pu8BucketData);
+    h.pu8BucketData = nullptr;
+}
+
+struct Daemon {
+    bool debug = false;
+    uint16_t u16LastTag = 0;
+    PerformanceData sPerformanceData{};
+
+    void seedFirstSnapshot();
+    void firstPerformance();
+    void cycle();
+    int saveAndEnd();
+};
+
+int Daemon::saveAndEnd() {
+    savePowerHistory();
+    savePowerPerformance();
+    return static_cast<int>(gTerminateSignal);
+}
+
+void Daemon::seedFirstSnapshot() {
+    while (!terminating()) {
+        WaitValueLock();
+        SnapshotBuffer *psBuffer = nullptr;
+        if (GetSnapshotBufferFromZELO(&psBuffer, &ml::sLastHistogramData) != ZELO_RC_SUCCESS) {
+            trace("ERROR", "Get Snapshot buffer from ZELO is fail when get first data");
+            FreeSnapshotBuffer(psBuffer);
+            releaseBuckets(ml::sLastHistogramData);
+            UnlockValue();
+            pause(kCycleSeconds);
+            continue;
+        }
+        CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
+        u16LastTag = psBuffer->u16Tag;
+        FreeSnapshotBuffer(psBuffer);
+        UnlockValue();
+        pause(kCycleSeconds);
+        return;
+    }
+}
+
+void Daemon::firstPerformance() {
+    const int supported = NM_Performance_IsSupported();
+    if (supported == 1) {
+        WaitValueLock();
+        if (GetPerformanceFromNM(&sPerformanceData) == ZELO_RC_SUCCESS)
+            trace("INFO", "Get Performance buffer from ZELO is successful when get first data");
+        else
+            trace("ERROR", "Get Performance buffer from ZELO is fail when get first data");
+        UnlockValue();
+        return;
+    }
+    std::snprintf(msgBuf, sizeof msgBuf, "%s --NM_Performance_IsSupported() returns %d\n", "main",
+                  supported);
+    WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+}
+
+void Daemon::cycle() {
+    WaitValueLock();
+    readLogLevel();
+    HistogramData sHistogramData{};
+    bool newData = false;
+    SnapshotBuffer *psBuffer = nullptr;
+    if (GetSnapshotBufferFromZELO(&psBuffer, &sHistogramData) != ZELO_RC_SUCCESS) {
+        trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
+        FreeSnapshotBuffer(psBuffer);
+        releaseBuckets(sHistogramData);
+    } else {
+        std::snprintf(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
+                      "main", psBuffer->u16Tag, u16LastTag);
+        WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+        if (u16LastTag > 1 && psBuffer->u16Tag == 1) {
+            // The firmware restarted its tag count: this snapshot is the new baseline.
+            trace("Log", "Reset the ZELO.");
+            FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
+            CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
+            u16LastTag = psBuffer->u16Tag;
+            releaseBuckets(ml::sLastHistogramData);
+            ml::sLastHistogramData = sHistogramData;
+            if (!emptyLogDirectory())
+                trace("Log", "Failed to opendir(ZELO_LOG_PATH).");
+            ml::u8LogFileIndex = 0;
+            ml::u8LogFileNum = 0;
+        } else if (psBuffer->u16Tag != u16LastTag) {
+            newData = true;
+            CreateDataLog(psBuffer, sHistogramData);
+            CheckBufForSendSWEvent(psBuffer);
+            CheckPowercapRelatedSettingForSendSWEvent();
+            u16LastTag = psBuffer->u16Tag;
+            FreeBladeInletSensorBuffer(&ml::sBladeInletSensorBuffer);
+        } else {
+            releaseBuckets(sHistogramData);
+        }
+        FreeSnapshotBuffer(psBuffer);
+    }
+
+    if (GetPerformanceFromNM(&sPerformanceData) == ZELO_RC_SUCCESS) {
+        std::snprintf(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
+        WriteToPowerHistoryLog(0, "main", "Log", msgBuf);
+        trackPowerPerformance(sPerformanceData.u64PerfTimestamp, sPerformanceData.u64SystemPerf,
+                              sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
+                              sPerformanceData.u64IOPerf);
+    }
+    UnlockValue();
+
+    if (debug && newData) {
+        SnapshotBuffer *buffers = nullptr;
+        BladeInletSensorBuffer *inlets = nullptr;
+        PerfMetricSet *perfs = nullptr;
+        uint8_t count = 0;
+        GetMetricValue(&buffers, &inlets, &perfs, &count);
+        std::printf("[ZELO_DEBUG] Get %d MetricValues.\n The last one is:\n", count);
+        if (count != 0) {
+            PrintAllMetricValue(&buffers[count - 1], &inlets[count - 1],
+                                perfs != nullptr ? &perfs[count - 1] : nullptr);
+            FreeMetricValue(buffers, inlets, perfs, count);
+        }
+    }
+}
+
+int runDaemon(bool debug) {
+    makeDir("/tmp/zelo_trace/");
+    makeDir(ml::kLogDir);
+    if (CheckProcess() == 0) {
+        trace("ERROR", "Process ZELO is executing.");
+        return 0;
+    }
+    readLogLevel();
+
+    struct sigaction action {};
+    action.sa_handler = ZELOsignalHandler;
+    sigemptyset(&action.sa_mask);
+    (void)sigaction(SIGTERM, &action, nullptr); // no SA_RESTART: a signal cuts the sleep
+
+    (void)emptyLogDirectory();
+    for (const int instance : {0, 1}) {
+        char key[32];
+        std::snprintf(key, sizeof key, "zelo_supported_%d", instance);
+        uint8_t value = 0;
+        if (kiv_config_get_bool(key, &value) != 0)
+            (void)kiv_config_clear(key);
+    }
+    ml::u8LogFileIndex = 0;
+    ml::u8LogFileNum = 0;
+    ml::sLastHistogramData = HistogramData{};
+    trackPowerHistory(0, 0, 0);
+    trackPowerPerformance(0, 0, 0, 0, 0);
+
+    Daemon d;
+    d.debug = debug;
+    d.seedFirstSnapshot();
+    if (!terminating())
+        d.firstPerformance();
+    while (!terminating()) {
+        d.cycle();
+        if (!terminating())
+            pause(kCycleSeconds);
+    }
+    return d.saveAndEnd();
+}
+
+int readLogFile(const char *path) {
+    SnapshotBuffer snapshot{};
+    BladeInletSensorBuffer inlets{};
+    PerfMetricSet perf{};
+    const int rc = ReadMeticValueFromFile(path, &snapshot, &inlets, &perf);
+    if (rc != 0) {
+        std::printf("[ZELO ERR]: Read log file error. Error code: %d.\n", rc);
+        FreeSignalMetricValue(&snapshot, &inlets, &perf);
+        return 1;
+    }
+    PrintAllMetricValue(&snapshot, &inlets, &perf);
+    FreeSignalMetricValue(&snapshot, &inlets, &perf);
+    return 0;
+}
+
+} // namespace
+
+int CheckProcess() {
+    FILE *out = secure_popen("/bin/pidof zelo", "r");
+    if (out == nullptr)
+        return 1;
+    int pid = 0;
+    int count = 0;
+    while (std::fscanf(out, "%d", &pid) == 1)
+        ++count;
+    secure_pclose(out);
+    return count > 1 ? 0 : 1;
+}
+
+} // namespace zelo::daemon
+
+extern "C" int ZeloDaemonMain(int argc, char **argv) {
+    using namespace zelo::daemon;
+    if (argc == 1)
+        return runDaemon(false);
+    if (argc == 2 && std::strcmp(argv[1], "-d") == 0)
+        return runDaemon(true);
+    if (argc == 2 && std::strcmp(argv[1], "-P") == 0) {
+        printFullPowerHistory();
+        return 0;
+    }
+    if (argc == 3 && std::strcmp(argv[1], "-r") == 0)
+        return readLogFile(argv[2]);
+    std::puts(kUsage);
+    return 0;
+}

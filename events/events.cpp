@@ -1,0 +1,247 @@
+// Software events: changes of the watched status bits of each new snapshot,
+// and power-cap limits that moved in the firmware since last published.
+#include "events_internal.h"
+
+#include <zelo/events.h>
+#include <zelo/firmware.h>
+#include <zelo/platform.h>
+#include <zelo/registers.h>
+#include <zelo/tracelog.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+
+namespace zelo::events {
+
+uint8_t u8StatusBit4Reported = 0;
+uint8_t u8StatusBit5Reported = 0;
+uint8_t u8StatusBothReported = 0;
+uint8_t u8PowerEventBit3Reported = 0;
+uint8_t u8PowerEventBit2Reported = 0;
+
+namespace {
+
+// The event service takes the block as raw bytes; no padding may creep in.
+static_assert(sizeof(PowerCapsEventParams) == 192, "event parameter block is 192 bytes");
+static_assert(offsetof(PowerCapsEventParams, szNewValue) == 64, "new value at offset 64");
+static_assert(offsetof(PowerCapsEventParams, szReserved) == 128, "third text at offset 128");
+
+constexpr const char *kCheckBuf = "CheckBufForSendSWEvent";
+constexpr const char *kCheckCaps = "CheckPowercapRelatedSettingForSendSWEvent";
+constexpr const char *kSendCaps = "SendPowerCapsChangedEvent";
+
+constexpr uint8_t kStatusModeMask = 0x0E;
+constexpr uint8_t kStatusModeWatched = 0x02;
+constexpr uint8_t kStatusBit4 = 0x10;
+constexpr uint8_t kStatusBit5 = 0x20;
+constexpr uint16_t kEventBit3 = 0x0008;
+constexpr uint16_t kEventBit2 = 0x0004;
+
+// Settings values (low three bits) under which the power cap can be read.
+constexpr uint8_t kCappingSettingsMask = 0x07;
+
+[[gnu::format(printf, 3, 4)]] void traceFormat(const char *function, const char *level,
+                                               const char *format, ...) {
+    char message[ZELO_MSG_BUF_SIZE];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(message, sizeof message, format, args);
+    va_end(args);
+    WriteToLog(function, level, message);
+}
+
+// A failed hand-over is only logged: whatever led to it has already moved on.
+void raise(const char *function, uint16_t id, void *params) {
+    if (sw_msg_dispatcher(id, params) != 0)
+        traceFormat(function, "ERROR", "Generate sw message %d failed!!", id);
+}
+
+// One event-word bit: raise `setId` when it turns up, `clearId` when it goes.
+void eventWordBit(uint16_t word, uint16_t bit, uint8_t &reported, uint16_t setId,
+                  uint16_t clearId) {
+    if ((word & bit) != 0 && reported == 0) {
+        reported = 1;
+        raise(kCheckBuf, setId, nullptr);
+    } else if ((word & bit) == 0 && reported == 1) {
+        reported = 0;
+        raise(kCheckBuf, clearId, nullptr);
+    }
+}
+
+void statusBits(uint8_t status) {
+    const bool bit4 = (status & kStatusBit4) != 0;
+    const bool bit5 = (status & kStatusBit5) != 0;
+    if (bit4 && bit5) {
+        if (u8StatusBothReported == 1)
+            return;
+        // Only the bit not yet reported on its own gets its event; when
+        // neither was, the combined event alone tells both.
+        if (u8StatusBit4Reported == 0 && u8StatusBit5Reported == 0) {
+            u8StatusBit4Reported = 1;
+            u8StatusBit5Reported = 1;
+        } else if (u8StatusBit4Reported == 0) {
+            u8StatusBit4Reported = 1;
+            raise(kCheckBuf, ZELO_EVENT_STATUS_BIT4_SET, nullptr);
+        } else if (u8StatusBit5Reported == 0) {
+            u8StatusBit5Reported = 1;
+            raise(kCheckBuf, ZELO_EVENT_STATUS_BIT5_SET, nullptr);
+        }
+        u8StatusBothReported = 1;
+        raise(kCheckBuf, ZELO_EVENT_STATUS_BITS45_SET, nullptr);
+        return;
+    }
+    u8StatusBothReported = 0;
+    if (bit4 && u8StatusBit4Reported == 0) {
+        u8StatusBit4Reported = 1;
+        raise(kCheckBuf, ZELO_EVENT_STATUS_BIT4_SET, nullptr);
+    } else if (!bit4) {
+        u8StatusBit4Reported = 0;
+    }
+    if (bit5 && u8StatusBit5Reported == 0) {
+        u8StatusBit5Reported = 1;
+        raise(kCheckBuf, ZELO_EVENT_STATUS_BIT5_SET, nullptr);
+    } else if (!bit5) {
+        u8StatusBit5Reported = 0;
+    }
+}
+
+// Reads one published limit; its bit joins the mask when the key was there.
+void readStoredLimit(const char *key, uint8_t bit, uint8_t &mask, int &value) {
+    if (kiv_config_get_int(key, &value) != 0)
+        mask |= bit;
+    else
+        traceFormat(kCheckCaps, "ERROR", "[%s]:Failed to get kiv element %s.", kCheckCaps, key);
+}
+
+void readFirmwareLimit(uint8_t (*read)(uint8_t, uint16_t *), uint8_t handle, uint8_t bit,
+                       uint8_t &mask, uint16_t &value) {
+    if (read(handle, &value) == ZELO_RC_SUCCESS)
+        mask |= bit;
+    else
+        value = 0;
+}
+
+void publish(const char *key, uint16_t value) {
+    if (kiv_config_set_int(key, value, 1) == 0)
+        traceFormat(kSendCaps, "ERROR", "write pcaps [%d] to kiv failed!", value);
+}
+
+} // namespace
+} // namespace zelo::events
+
+using namespace zelo::events;
+
+extern "C" {
+
+void CheckBufForSendSWEvent(SnapshotBuffer *psBuffer) {
+    if (psBuffer == nullptr) {
+        WriteToLog(kCheckBuf, "ERROR", "Null parament.");
+        return;
+    }
+    // The bits mean something only in this power state.
+    if ((psBuffer->u8PowerStatus & kStatusModeMask) != kStatusModeWatched)
+        return;
+    statusBits(psBuffer->u8PowerStatus);
+    eventWordBit(psBuffer->u16PowerEvent, kEventBit3, u8PowerEventBit3Reported,
+                 ZELO_EVENT_POWER_EVENT_BIT3_SET, ZELO_EVENT_POWER_EVENT_BIT3_CLEAR);
+    eventWordBit(psBuffer->u16PowerEvent, kEventBit2, u8PowerEventBit2Reported,
+                 ZELO_EVENT_POWER_EVENT_BIT2_SET, ZELO_EVENT_POWER_EVENT_BIT2_CLEAR);
+}
+
+void CheckPowercapRelatedSettingForSendSWEvent(void) {
+    if (ZELO_IsSupportPowerUtilization() == 0)
+        return;
+
+    // The current cap takes part in no comparison; its read only seeds the
+    // mask (the store answers 1, which carries none of the limit bits).
+    int current = 0;
+    auto kivMask = static_cast<uint8_t>(kiv_config_get_int("pcap_kiv_element_zelo", &current));
+    int storedMax = 0;
+    int storedMin = 0;
+    int storedSoftMin = 0;
+    readStoredLimit("pcap_max_kiv_element_zelo", ZELO_PCAP_BIT_MAX, kivMask, storedMax);
+    readStoredLimit("pcap_min_kiv_element_zelo", ZELO_PCAP_BIT_MIN, kivMask, storedMin);
+    readStoredLimit("pcap_soft_min_kiv_element_zelo", ZELO_PCAP_BIT_SOFT_MIN, kivMask,
+                    storedSoftMin);
+
+    uint8_t zeloMask = 0;
+    uint16_t max = 0;
+    uint16_t min = 0;
+    uint16_t softMin = 0;
+    const uint8_t handle = ZELO_GetModuleHandle(0);
+    if (handle == 0) {
+        traceFormat(kCheckCaps, "ERROR", "[%s]:Failed to call ZELO_GetModuleHandle().", kCheckCaps);
+    } else {
+        uint8_t settings = 0;
+        if (ZELO_ReadServerPowerSettingsRegister(handle, &settings) == ZELO_RC_SUCCESS) {
+            const uint8_t capping = settings & kCappingSettingsMask;
+            if (capping != 2 && capping != 5) {
+                traceFormat(kCheckCaps, "WARN",
+                            "%s: Pcap can not be read as power capping is not enabled[%d]",
+                            kCheckCaps, capping);
+            } else {
+                uint16_t cap = 0;
+                if (ZELO_ReadPcapRegister(handle, &cap) == ZELO_RC_SUCCESS)
+                    zeloMask |= ZELO_PCAP_BIT_CAP;
+            }
+        }
+        readFirmwareLimit(ZELO_ReadPcapMaxRegister, handle, ZELO_PCAP_BIT_MAX, zeloMask, max);
+        readFirmwareLimit(ZELO_ReadPcapMinRegister, handle, ZELO_PCAP_BIT_MIN, zeloMask, min);
+        readFirmwareLimit(ZELO_ReadPcapSoftMinRegister, handle, ZELO_PCAP_BIT_SOFT_MIN, zeloMask,
+                          softMin);
+    }
+
+    // Only the low 16 bits of a stored value count: the registers are 16 bits.
+    SendPowerCapsChangedEvent(kivMask, zeloMask, static_cast<uint16_t>(storedMax), max,
+                              ZELO_PCAP_BIT_MAX, ZELO_EVENT_PCAP_MAX_CHANGED,
+                              "pcap_max_kiv_element_zelo");
+    SendPowerCapsChangedEvent(kivMask, zeloMask, static_cast<uint16_t>(storedMin), min,
+                              ZELO_PCAP_BIT_MIN, ZELO_EVENT_PCAP_MIN_CHANGED,
+                              "pcap_min_kiv_element_zelo");
+    SendPowerCapsChangedEvent(kivMask, zeloMask, static_cast<uint16_t>(storedSoftMin), softMin,
+                              ZELO_PCAP_BIT_SOFT_MIN, ZELO_EVENT_PCAP_SOFT_MIN_CHANGED,
+                              "pcap_soft_min_kiv_element_zelo");
+}
+
+void SendPowerCapsChangedEvent(uint8_t u8KivMask, uint8_t u8ZeloMask, uint16_t u16KivValue,
+                               uint16_t u16ZeloValue, uint8_t u8Bit, uint16_t u16EventId,
+                               const char *pszKey) {
+    const bool stored = (u8KivMask & u8Bit) != 0;
+    const bool read = (u8ZeloMask & u8Bit) != 0;
+    if (!stored) {
+        // Nothing to compare with: publish what the firmware said, even the 0
+        // of a failed read, so the next answer is compared with something.
+        traceFormat(kSendCaps, "ERROR", "%s: failed to get [%s] from kiv", kSendCaps, pszKey);
+        publish(pszKey, u16ZeloValue);
+        if (read)
+            traceFormat(kSendCaps, "DBG", "%s: succeeds to get [%s] from zelo and value:[%d]",
+                        kSendCaps, pszKey, u16ZeloValue);
+        else
+            traceFormat(kSendCaps, "ERROR", "%s: failed to get %s from zelo", kSendCaps, pszKey);
+        return;
+    }
+    if (!read) {
+        traceFormat(kSendCaps, "DBG", "%s: succeeds to get [%s] from kiv and value:[%d]", kSendCaps,
+                    pszKey, u16KivValue);
+        traceFormat(kSendCaps, "ERROR", "%s: failed to get %s from zelo", kSendCaps, pszKey);
+        return;
+    }
+    if (u16KivValue == u16ZeloValue)
+        return;
+
+    if (u16EventId != ZELO_EVENT_PCAP_MIN_CHANGED && u16EventId != ZELO_EVENT_PCAP_MAX_CHANGED &&
+        u16EventId != ZELO_EVENT_PCAP_SOFT_MIN_CHANGED) {
+        traceFormat(kSendCaps, "ERROR", "%d unexpected event id !!", u16EventId);
+    } else {
+        PowerCapsEventParams params{};
+        std::snprintf(params.szPreviousValue, sizeof params.szPreviousValue, "%u",
+                      static_cast<unsigned>(u16KivValue));
+        std::snprintf(params.szNewValue, sizeof params.szNewValue, "%u",
+                      static_cast<unsigned>(u16ZeloValue));
+        raise(kSendCaps, u16EventId, &params);
+    }
+    publish(pszKey, u16ZeloValue);
+}
+
+} // extern "C"

@@ -1,0 +1,243 @@
+// The real zelo daemon against the real simulator, its time accelerated
+// twentyfold by libfaketime, so that a ten-second cycle takes half a second.
+#include "sim_process.h"
+
+#include <zelo/platform.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace zelo::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+std::string readFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// A running daemon; its output goes to files under the root.
+class DaemonProcess {
+  public:
+    DaemonProcess(const std::string &root, const std::vector<std::string> &args = {})
+        : root_(root) {
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            const std::string out = root + "/daemon.out";
+            (void)std::freopen(out.c_str(), "w", stdout);
+            // The library preloaded into the daemon itself (the faketime
+            // wrapper would stand between the test and the daemon's signals).
+            ::setenv("LD_PRELOAD", ZELO_LIBFAKETIME, 1);
+            ::setenv("FAKETIME", "+0 x20", 1);
+            // A sanitizer runtime must not insist on coming first.
+            ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1", 1);
+            std::vector<std::string> argv = {ZELO_DAEMON_PATH};
+            argv.insert(argv.end(), args.begin(), args.end());
+            std::vector<char *> cargv;
+            for (auto &a : argv)
+                cargv.push_back(a.data());
+            cargv.push_back(nullptr);
+            ::execv(ZELO_DAEMON_PATH, cargv.data());
+            ::_exit(127);
+        }
+    }
+    ~DaemonProcess() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    // Sends SIGTERM to the daemon and waits for its status.
+    int terminate() {
+        ::kill(pid_, SIGTERM);
+        return wait();
+    }
+    int wait() {
+        int status = 0;
+        ::waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string trace() const { return readFile(root_ + "/tmp/zelo_trace/zelo_trace_log_0.txt"); }
+    std::string output() const { return readFile(root_ + "/daemon.out"); }
+    // Waits (real time, bounded) until the trace holds `text` `times` times.
+    bool awaitTrace(const std::string &text, int times = 1) const {
+        const auto deadline = Clock::now() + std::chrono::seconds(30);
+        while (Clock::now() < deadline) {
+            const std::string t = trace();
+            int found = 0;
+            for (auto at = t.find(text); at != std::string::npos; at = t.find(text, at + 1))
+                ++found;
+            if (found >= times)
+                return true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return false;
+    }
+
+  private:
+    std::string root_;
+    pid_t pid_ = -1;
+};
+
+class DaemonTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (std::string(ZELO_TEST_EMULATOR).size() > 0 || std::string(ZELO_LIBFAKETIME).empty())
+            GTEST_SKIP() << "libfaketime is a library of the build host";
+        // Traces the cycle's tag line, and the history's routine lines.
+        ASSERT_NE(kiv_config_set_int("ZELO_power_history_log_level", 1, 1), 0);
+        // The controller's persistent storage; the histories live below it.
+        fs::create_directories(root.path() + "/pstorage");
+        // The power-cap checks read the limits only while capping is enabled.
+        scenarioHead = "reg 0 0 9 2\n";
+    }
+    void control(const std::string &line) {
+        const auto r = runProgram(ZELO_FWSIM_PATH, {"--control", line});
+        ASSERT_EQ(r.status, 0) << line << ": " << r.err;
+    }
+    static std::string tagLine(int tag, int last) {
+        return "psBuffer->u16Tag is " + std::to_string(tag) + " & u16LastTag is " +
+               std::to_string(last);
+    }
+    std::string logFile(int n) const {
+        return root.path() + "/tmp/zelo_log/zelo_" + std::to_string(n) + ".log";
+    }
+    TempRoot root;
+    std::string scenarioHead;
+};
+
+TEST_F(DaemonTest, TagsFiveSixSixOneTwo) {
+    SimProcess sim(root.path(), scenarioHead + "snapshot-period 86400000\n");
+    control("tag 5");
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(5, 5))) << zelo.trace();
+    EXPECT_FALSE(fs::exists(logFile(0))) << "the first snapshot is the baseline, not logged";
+
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(6, 5))) << zelo.trace();
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(6, 6))) << "the same snapshot next cycle";
+    EXPECT_TRUE(fs::exists(logFile(0)));
+    EXPECT_FALSE(fs::exists(logFile(1))) << "the second 6 is not logged";
+
+    control("restart-now");
+    ASSERT_TRUE(zelo.awaitTrace("Reset the ZELO.")) << zelo.trace();
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(1, 1)));
+    EXPECT_FALSE(fs::exists(logFile(0))) << "the reset empties the metric log";
+
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 1))) << zelo.trace();
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 2)));
+    EXPECT_TRUE(fs::exists(logFile(0))) << "counting starts again at file 0";
+    EXPECT_EQ(readFile(root.path() + "/tmp/zelo_log/zelo_num.log"), std::string(1, '\x01'));
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
+TEST_F(DaemonTest, SecondInstanceExitsAndTermSavesBothHistories) {
+    SimProcess sim(root.path(), scenarioHead);
+    DaemonProcess first(root.path());
+    ASSERT_TRUE(first.awaitTrace("psBuffer->u16Tag is")) << first.trace();
+
+    DaemonProcess second(root.path());
+    EXPECT_EQ(second.wait(), 0);
+    EXPECT_TRUE(first.awaitTrace("[ERROR] \"main\": Process ZELO is executing."));
+
+    fs::remove(root.path() + "/pstorage/power/PowerHistoryFull");
+    fs::remove(root.path() + "/pstorage/power/PowerPerformanceFull");
+    EXPECT_EQ(first.terminate(), 15);
+    EXPECT_EQ(fs::file_size(root.path() + "/pstorage/power/PowerHistoryFull"), 9218u);
+    EXPECT_EQ(fs::file_size(root.path() + "/pstorage/power/PowerPerformanceFull"), 9218u);
+}
+
+TEST_F(DaemonTest, AbsentFirmwareIsRetriedEveryTenSeconds) {
+    SimProcess sim(root.path(), scenarioHead + "present no\n");
+    DaemonProcess zelo(root.path());
+    const std::string failed = "Get Snapshot buffer from ZELO is fail when get first data";
+    ASSERT_TRUE(zelo.awaitTrace(failed, 3)) << zelo.trace();
+    control("present yes");
+    ASSERT_TRUE(zelo.awaitTrace("psBuffer->u16Tag is")) << zelo.trace();
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
+TEST_F(DaemonTest, PowerCapChangesRaiseTheirEventsOnce) {
+    SimProcess sim(root.path(), scenarioHead + "snapshot-period 86400000\n");
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(1, 1))) << zelo.trace();
+    // The first new snapshot publishes the limits as they are: no event.
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 2))) << zelo.trace();
+    control("reg 0 7 2 700");
+    control("reg 0 7 4 150");
+    control("reg 0 7 6 260");
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(3, 3))) << zelo.trace();
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(4, 4))) << zelo.trace();
+    EXPECT_EQ(zelo.terminate(), 15);
+
+    const std::string journal = readFile(root.path() + "/var/log/zelo/events.log");
+    const auto count = [&journal](const std::string &text) {
+        int n = 0;
+        for (auto at = journal.find(text); at != std::string::npos; at = journal.find(text, at + 1))
+            ++n;
+        return n;
+    };
+    EXPECT_EQ(count(" 115 "), 1) << journal;
+    EXPECT_EQ(count(" 114 "), 1) << journal;
+    EXPECT_EQ(count(" 116 "), 1) << journal;
+    EXPECT_NE(journal.find("650"), std::string::npos) << "the old maximum";
+    EXPECT_NE(journal.find("700"), std::string::npos) << "the new maximum";
+}
+
+TEST_F(DaemonTest, OptionsDebugPrintAndRead) {
+    {
+        SimProcess sim(root.path(), scenarioHead + "snapshot-period 86400000\n");
+        DaemonProcess zelo(root.path(), {"-d"});
+        ASSERT_TRUE(zelo.awaitTrace(tagLine(1, 1))) << zelo.trace();
+        control("snapshot-now");
+        ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 2))) << zelo.trace();
+        EXPECT_EQ(zelo.terminate(), 15);
+        const std::string out = zelo.output();
+        EXPECT_NE(out.find("[ZELO_DEBUG] Get 1 MetricValues.\n The last one is:\n"),
+                  std::string::npos)
+            << out;
+        EXPECT_NE(out.find("SystemDC Avg:"), std::string::npos);
+    }
+    const auto read = runProgram(ZELO_DAEMON_PATH, {"-r", logFile(0)});
+    EXPECT_EQ(read.status, 0);
+    EXPECT_NE(read.out.find("SystemAC Avg:"), std::string::npos) << read.out;
+    const auto missing = runProgram(ZELO_DAEMON_PATH, {"-r", logFile(7)});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_NE(missing.out.find("[ZELO ERR]: Read log file error. Error code: 2.\n"),
+              std::string::npos);
+
+    const auto history = runProgram(ZELO_DAEMON_PATH, {"-P"});
+    EXPECT_EQ(history.status, 0);
+    EXPECT_FALSE(history.out.empty());
+
+    const std::string usage =
+        "usage:\n   zelo [-options] [log file]- Zelo.\noptions:\n   -d: debug "
+        "mode.\n   -r: read log file.\n   -P: print full power history.\n";
+    for (const auto &args : std::vector<std::vector<std::string>>{
+             {"-x"}, {"-d", "extra"}, {"-r"}, {"-P", "-d"}, {"x", "-d"}, {"-r", "a", "b"}}) {
+        const auto r = runProgram(ZELO_DAEMON_PATH, args);
+        EXPECT_EQ(r.status, 0) << testing::PrintToString(args);
+        EXPECT_EQ(r.out, usage) << testing::PrintToString(args);
+    }
+}
+
+} // namespace
+} // namespace zelo::test

@@ -1,0 +1,117 @@
+// The host event service: one journal line per event under the root, also
+// from several processes at once, and events raised by the library land there.
+#include "sim_process.h"
+
+#include <zelo.h>
+#include <zelo/platform.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace zelo::test {
+namespace {
+
+std::vector<std::string> lines(const std::string &path) {
+    std::ifstream in(path);
+    std::vector<std::string> out;
+    for (std::string line; std::getline(in, line);)
+        out.push_back(line);
+    return out;
+}
+
+const std::string kStamp = R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2})";
+
+class JournalTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ::unsetenv("ZELO_EVENT_JOURNAL"); }
+    void TearDown() override { ::unsetenv("ZELO_EVENT_JOURNAL"); }
+    std::string journal() const { return root.path() + "/var/log/zelo/events.log"; }
+    TempRoot root;
+};
+
+TEST_F(JournalTest, OneLinePerEventWithTheCapValues) {
+    PowerCapsEventParams caps{};
+    std::strcpy(caps.szPreviousValue, "3000");
+    std::strcpy(caps.szNewValue, "3500");
+    EXPECT_EQ(sw_msg_dispatcher(115, &caps), 0);
+    EXPECT_EQ(sw_msg_dispatcher(117, nullptr), 0);
+    // Texts that fill their field without a NUL, or hold a line end, stay
+    // within their field and on one line.
+    std::memset(caps.szPreviousValue, '9', sizeof caps.szPreviousValue);
+    std::strcpy(caps.szNewValue, "1\n2");
+    std::memset(caps.szReserved, 'x', sizeof caps.szReserved);
+    EXPECT_EQ(sw_msg_dispatcher(116, &caps), 0);
+
+    const auto got = lines(journal());
+    ASSERT_EQ(got.size(), 3u);
+    EXPECT_TRUE(std::regex_match(got[0], std::regex(kStamp + " event 115 old 3000 new 3500")))
+        << got[0];
+    EXPECT_TRUE(std::regex_match(got[1], std::regex(kStamp + " event 117"))) << got[1];
+    EXPECT_TRUE(std::regex_match(got[2], std::regex(kStamp + " event 116 old 9{64} new 1\\?2")))
+        << got[2];
+}
+
+TEST_F(JournalTest, PathFromTheEnvironmentAndUnwritableJournal) {
+    const std::string elsewhere = root.path() + "/a/b/journal.txt";
+    ::setenv("ZELO_EVENT_JOURNAL", elsewhere.c_str(), 1);
+    EXPECT_EQ(sw_msg_dispatcher(130, nullptr), 0);
+    EXPECT_EQ(lines(elsewhere).size(), 1u);
+    EXPECT_FALSE(std::filesystem::exists(journal()));
+
+    ::setenv("ZELO_EVENT_JOURNAL", root.path().c_str(), 1); // a directory
+    EXPECT_NE(sw_msg_dispatcher(130, nullptr), 0);
+}
+
+TEST_F(JournalTest, LinesOfSeveralProcessesStayWhole) {
+    constexpr int kWriters = 4;
+    constexpr int kEach = 200;
+    std::vector<pid_t> children;
+    for (int w = 0; w < kWriters; ++w) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            PowerCapsEventParams caps{};
+            std::snprintf(caps.szPreviousValue, sizeof caps.szPreviousValue, "%d", w);
+            std::snprintf(caps.szNewValue, sizeof caps.szNewValue, "%d", 1000 + w);
+            for (int i = 0; i < kEach; ++i)
+                if (sw_msg_dispatcher(114, &caps) != 0)
+                    ::_exit(1);
+            ::_exit(0);
+        }
+        children.push_back(pid);
+    }
+    for (const pid_t pid : children) {
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    const auto got = lines(journal());
+    ASSERT_EQ(got.size(), static_cast<std::size_t>(kWriters * kEach));
+    const std::regex whole(kStamp + " event 114 old ([0-3]) new 100\\1");
+    for (const auto &line : got)
+        ASSERT_TRUE(std::regex_match(line, whole)) << line;
+}
+
+TEST_F(JournalTest, EventsOfTheLibraryLandInTheJournal) {
+    SnapshotBuffer s{};
+    s.u8PowerStatus = 0x02; // forgets whatever this process reported before
+    CheckBufForSendSWEvent(&s);
+    const std::size_t before = lines(journal()).size();
+    s.u8PowerStatus = 0x12;
+    s.u16PowerEvent = 0x0008;
+    CheckBufForSendSWEvent(&s);
+    const auto got = lines(journal());
+    ASSERT_EQ(got.size(), before + 2);
+    EXPECT_TRUE(std::regex_match(got[before], std::regex(kStamp + " event 127")));
+    EXPECT_TRUE(std::regex_match(got[before + 1], std::regex(kStamp + " event 117")));
+}
+
+} // namespace
+} // namespace zelo::test

@@ -1,0 +1,316 @@
+// Software events: status bits of each snapshot, and power-cap limits of the
+// firmware against the store, through the fake platform and the in-process
+// simulated firmware.
+#include "fake_platform.h"
+
+#include "daemon/tracelog_internal.h"
+#include "events/events_internal.h"
+
+#include <zelo/events.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+namespace zelo::test {
+namespace {
+
+using Ids = std::vector<uint16_t>;
+
+class EventsTest : public PlatformTest {
+  protected:
+    void SetUp() override {
+        PlatformTest::SetUp();
+        events::u8StatusBit4Reported = 0;
+        events::u8StatusBit5Reported = 0;
+        events::u8StatusBothReported = 0;
+        events::u8PowerEventBit3Reported = 0;
+        events::u8PowerEventBit2Reported = 0;
+        trace::u32TraceLogIndex = 0;
+        std::filesystem::create_directories(root + "/tmp/zelo_trace");
+        ::unsetenv("RUX_FAMILY");
+    }
+    void TearDown() override {
+        ::unsetenv("RUX_FAMILY");
+        fake().firmware = nullptr;
+        PlatformTest::TearDown();
+    }
+    std::string trace() const {
+        std::ifstream in(root + "/tmp/zelo_trace/zelo_trace_log_0.txt");
+        std::stringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+    // Ids raised since the last call.
+    Ids raised() {
+        Ids ids;
+        for (const auto &e : fake().events)
+            ids.push_back(e.id);
+        fake().events.clear();
+        return ids;
+    }
+    Ids check(uint8_t status, uint16_t event = 0) {
+        SnapshotBuffer s{};
+        s.u8PowerStatus = status;
+        s.u16PowerEvent = event;
+        CheckBufForSendSWEvent(&s);
+        return raised();
+    }
+    std::array<uint8_t, 3> statusFlags() const {
+        return {events::u8StatusBit4Reported, events::u8StatusBit5Reported,
+                events::u8StatusBothReported};
+    }
+    // The firmware of the scenario answers; the store knows it as instance 0.
+    void firmware(const std::string &scenario) {
+        sim::Scenario s;
+        std::string error;
+        ASSERT_TRUE(sim::parseScenario(scenario, "t.scn", s, error)) << error;
+        fw = std::make_unique<sim::Firmware>(std::move(s));
+        fake().firmware = fw.get();
+        fake().store["zelo_supported_0"] = 1;
+        fake().store["zelo_module_handle_0"] = 5;
+    }
+    void publish(int64_t max, int64_t min, int64_t softMin) {
+        fake().store["pcap_kiv_element_zelo"] = 450;
+        fake().store["pcap_max_kiv_element_zelo"] = max;
+        fake().store["pcap_min_kiv_element_zelo"] = min;
+        fake().store["pcap_soft_min_kiv_element_zelo"] = softMin;
+    }
+    void checkCaps() {
+        testing::internal::CaptureStdout(); // failed register reads print
+        CheckPowercapRelatedSettingForSendSWEvent();
+        testing::internal::GetCapturedStdout();
+    }
+    // Store writes of the limit keys, in order.
+    std::vector<std::string> capWrites() const {
+        std::vector<std::string> out;
+        for (const auto &c : fake().storeCalls)
+            if (c.rfind("set_int pcap_", 0) == 0)
+                out.push_back(c);
+        return out;
+    }
+    // A fresh fixture for the next case of a table.
+    void restart() {
+        TearDown();
+        SetUp();
+    }
+    std::unique_ptr<sim::Firmware> fw;
+};
+
+// Built-in firmware limits: maximum 650, minimum 200, soft minimum 250.
+constexpr const char *kCapping = "reg 0 0 9 2\n";
+
+TEST_F(EventsTest, StatusBitsFourAndFive) {
+    struct Step {
+        uint8_t status;
+        Ids expected;
+        std::array<uint8_t, 3> flags; // bit 4, bit 5, both
+    };
+    const std::vector<std::vector<Step>> sequences = {
+        // Both at once: only the combined event, and once.
+        {{0x32, {125}, {1, 1, 1}}, {0x32, {}, {1, 1, 1}}},
+        // One after the other, then both gone without an event.
+        {{0x12, {127}, {1, 0, 0}}, {0x32, {126, 125}, {1, 1, 1}}, {0x02, {}, {0, 0, 0}}},
+        {{0x22, {126}, {0, 1, 0}}, {0x32, {127, 125}, {1, 1, 1}}, {0x12, {}, {1, 0, 0}}},
+        {{0x22, {126}, {0, 1, 0}}, {0x12, {127}, {1, 0, 0}}},
+        // Bit 0 does not take part in the state check.
+        {{0x13, {127}, {1, 0, 0}}},
+        // Other power states change nothing at all.
+        {{0x16, {}, {0, 0, 0}}, {0x00, {}, {0, 0, 0}}, {0x30, {}, {0, 0, 0}}},
+    };
+    for (std::size_t n = 0; n < sequences.size(); ++n) {
+        restart();
+        for (const Step &step : sequences[n]) {
+            SCOPED_TRACE(testing::Message() << "sequence " << n << " status " << int{step.status});
+            EXPECT_EQ(check(step.status), step.expected);
+            EXPECT_EQ(statusFlags(), step.flags);
+        }
+        for (const auto &e : fake().events)
+            EXPECT_FALSE(e.params.has_value());
+    }
+}
+
+TEST_F(EventsTest, EventWordBitsThreeAndTwo) {
+    EXPECT_EQ(check(0x02, 0x0008), Ids{117});
+    EXPECT_EQ(check(0x02, 0x0008), Ids{});
+    EXPECT_EQ(check(0x02, 0x0000), Ids{130});
+    EXPECT_EQ(check(0x02, 0x000C), (Ids{117, 118}));
+    EXPECT_EQ(check(0x02, 0x0004), Ids{130});
+    EXPECT_EQ(check(0x02, 0x0000), Ids{131});
+    // Status and event word together, status first.
+    EXPECT_EQ(check(0x12, 0x0008), (Ids{127, 117}));
+    // Outside the watched power state the event word is not looked at.
+    EXPECT_EQ(check(0x16, 0x0000), Ids{});
+    EXPECT_EQ(check(0x00, 0x0004), Ids{});
+    EXPECT_EQ(events::u8PowerEventBit3Reported, 1);
+    EXPECT_EQ(events::u8PowerEventBit2Reported, 0);
+}
+
+TEST_F(EventsTest, FailedHandOverIsLoggedAndNotRetried) {
+    fake().eventResult = 1;
+    EXPECT_EQ(check(0x12, 0x0008), (Ids{127, 117})); // the second runs despite the first
+    EXPECT_EQ(check(0x12, 0x0008), Ids{});
+    EXPECT_EQ(events::u8StatusBit4Reported, 1);
+    EXPECT_EQ(events::u8PowerEventBit3Reported, 1);
+    const std::string t = trace();
+    EXPECT_NE(t.find("[ERROR] \"CheckBufForSendSWEvent\": Generate sw message 127 failed!!"),
+              std::string::npos)
+        << t;
+    EXPECT_NE(t.find("Generate sw message 117 failed!!"), std::string::npos);
+
+    CheckBufForSendSWEvent(nullptr);
+    EXPECT_NE(trace().find("[ERROR] \"CheckBufForSendSWEvent\": Null parament."),
+              std::string::npos);
+}
+
+TEST_F(EventsTest, ChangedMaximumRaisesOnceWithBothTexts) {
+    firmware(std::string(kCapping) + "reg 0 7 2 3500\n");
+    publish(3000, 200, 250);
+    checkCaps();
+    ASSERT_EQ(fake().events.size(), 1u);
+    const auto &e = fake().events[0];
+    EXPECT_EQ(e.id, 115);
+    ASSERT_TRUE(e.params.has_value());
+    std::array<uint8_t, 192> expected{};
+    std::memcpy(expected.data(), "3000", 5);
+    std::memcpy(expected.data() + 64, "3500", 5);
+    EXPECT_EQ(*e.params, expected);
+    EXPECT_EQ(capWrites(),
+              std::vector<std::string>{"set_int pcap_max_kiv_element_zelo=3500 flag 1"});
+    EXPECT_EQ(fake().store["pcap_max_kiv_element_zelo"], 3500);
+
+    fake().events.clear();
+    checkCaps();
+    EXPECT_TRUE(fake().events.empty()) << "the store holds the new value";
+}
+
+TEST_F(EventsTest, OnlyTheLow16BitsOfTheStoreCount) {
+    firmware(std::string(kCapping) + "reg 0 7 2 3500\n");
+    publish(65536 + 3500, 200, 250);
+    checkCaps();
+    EXPECT_TRUE(fake().events.empty());
+    EXPECT_TRUE(capWrites().empty());
+}
+
+TEST_F(EventsTest, EveryChangedLimitInMaximumMinimumSoftMinimumOrder) {
+    firmware(kCapping);
+    publish(600, 100, 300);
+    fake().eventResult = 7;
+    checkCaps();
+    EXPECT_EQ(raised(), (Ids{115, 114, 116}));
+    EXPECT_EQ(capWrites(),
+              (std::vector<std::string>{"set_int pcap_max_kiv_element_zelo=650 flag 1",
+                                        "set_int pcap_min_kiv_element_zelo=200 flag 1",
+                                        "set_int pcap_soft_min_kiv_element_zelo=250 flag 1"}));
+    // Refused by the event service: logged, yet the store moved on.
+    EXPECT_NE(
+        trace().find("[ERROR] \"SendPowerCapsChangedEvent\": Generate sw message 114 failed!!"),
+        std::string::npos);
+    checkCaps();
+    EXPECT_EQ(raised(), Ids{});
+}
+
+TEST_F(EventsTest, FailedStoreWriteRaisesAgainNextCycle) {
+    firmware(kCapping);
+    publish(600, 200, 250);
+    fake().failingSets.insert("pcap_max_kiv_element_zelo");
+    checkCaps();
+    checkCaps();
+    EXPECT_EQ(raised(), (Ids{115, 115}));
+    EXPECT_NE(
+        trace().find("[ERROR] \"SendPowerCapsChangedEvent\": write pcaps [650] to kiv failed!"),
+        std::string::npos);
+}
+
+TEST_F(EventsTest, MissingStoreKeysAreWrittenWithTheFirmwareValue) {
+    firmware(kCapping);
+    fake().store["pcap_min_kiv_element_zelo"] = 200;
+    checkCaps();
+    EXPECT_EQ(raised(), Ids{});
+    EXPECT_EQ(capWrites(),
+              (std::vector<std::string>{"set_int pcap_max_kiv_element_zelo=650 flag 1",
+                                        "set_int pcap_soft_min_kiv_element_zelo=250 flag 1"}));
+    const std::string t = trace();
+    for (const char *line :
+         {"[ERROR] \"CheckPowercapRelatedSettingForSendSWEvent\": "
+          "[CheckPowercapRelatedSettingForSendSWEvent]:Failed to get kiv element "
+          "pcap_max_kiv_element_zelo.",
+          "[ERROR] \"SendPowerCapsChangedEvent\": SendPowerCapsChangedEvent: failed to get "
+          "[pcap_max_kiv_element_zelo] from kiv",
+          "[DBG] \"SendPowerCapsChangedEvent\": SendPowerCapsChangedEvent: succeeds to get "
+          "[pcap_soft_min_kiv_element_zelo] from zelo and value:[250]"})
+        EXPECT_NE(t.find(line), std::string::npos) << line << "\n" << t;
+}
+
+TEST_F(EventsTest, UnreachableLimitsAreWrittenZeroThenRaisedFromZero) {
+    // Every element-7 read fails; the status element still answers.
+    firmware(std::string(kCapping) + "fault 0 7 0x82 0xFF\n");
+    fake().store["pcap_max_kiv_element_zelo"] = 650;
+    checkCaps();
+    EXPECT_EQ(raised(), Ids{});
+    EXPECT_EQ(capWrites(),
+              (std::vector<std::string>{"set_int pcap_min_kiv_element_zelo=0 flag 1",
+                                        "set_int pcap_soft_min_kiv_element_zelo=0 flag 1"}));
+    const std::string t = trace();
+    EXPECT_NE(t.find("[DBG] \"SendPowerCapsChangedEvent\": SendPowerCapsChangedEvent: succeeds to "
+                     "get [pcap_max_kiv_element_zelo] from kiv and value:[650]"),
+              std::string::npos)
+        << t;
+    EXPECT_NE(t.find("[ERROR] \"SendPowerCapsChangedEvent\": SendPowerCapsChangedEvent: failed to "
+                     "get pcap_min_kiv_element_zelo from zelo"),
+              std::string::npos);
+
+    // The firmware answers again: the minima rise from 0.
+    const auto store = fake().store;
+    firmware(kCapping);
+    fake().store = store;
+    checkCaps();
+    EXPECT_EQ(raised(), (Ids{114, 116}));
+}
+
+TEST_F(EventsTest, CappingSettingOtherThanTwoOrFiveIsWarnedOnly) {
+    for (const int setting : {1, 2, 5, 0x0D}) {
+        restart();
+        firmware("reg 0 0 9 " + std::to_string(setting) + "\n");
+        publish(650, 200, 250);
+        checkCaps();
+        const bool warned =
+            trace().find("[WARN] \"CheckPowercapRelatedSettingForSendSWEvent\": "
+                         "CheckPowercapRelatedSettingForSendSWEvent: Pcap can not be read as power "
+                         "capping is not enabled[" +
+                         std::to_string(setting & 7) + "]") != std::string::npos;
+        EXPECT_EQ(warned, (setting & 7) != 2 && (setting & 7) != 5) << setting;
+        EXPECT_EQ(raised(), Ids{}) << "the limits are compared either way";
+    }
+}
+
+TEST_F(EventsTest, NothingWithoutPowerUtilisation) {
+    for (const char *why : {"blade", "capping off"}) {
+        restart();
+        if (std::string(why) == "blade") {
+            ::setenv("RUX_FAMILY", "blade", 1);
+            firmware(kCapping);
+        } else {
+            firmware("reg 0 0 5 0\n");
+        }
+        checkCaps();
+        EXPECT_EQ(raised(), Ids{}) << why;
+        for (const auto &c : fake().storeCalls)
+            EXPECT_EQ(c.find("pcap_"), std::string::npos) << why << ": " << c;
+    }
+}
+
+TEST_F(EventsTest, UnexpectedIdRaisesNothingButStillWrites) {
+    SendPowerCapsChangedEvent(0x02, 0x02, 3000, 3500, 0x02, 200, "pcap_max_kiv_element_zelo");
+    EXPECT_EQ(raised(), Ids{});
+    EXPECT_EQ(capWrites(),
+              std::vector<std::string>{"set_int pcap_max_kiv_element_zelo=3500 flag 1"});
+    EXPECT_NE(trace().find("[ERROR] \"SendPowerCapsChangedEvent\": 200 unexpected event id !!"),
+              std::string::npos);
+}
+
+} // namespace
+} // namespace zelo::test
