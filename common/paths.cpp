@@ -1,8 +1,11 @@
 #include "paths.h"
 
+#include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sys/stat.h>
 
 namespace zelo {
 
@@ -25,6 +28,30 @@ bool resolvePath(const char *absPath, char *out, std::size_t cap) {
         return false;
     }
     return true;
+}
+
+bool envOrRootPath(const char *env, const char *absDefault, char *out, std::size_t cap) {
+    const char *value = std::getenv(env);
+    if (value == nullptr || value[0] == '\0')
+        return resolvePath(absDefault, out, cap);
+    const int n = std::snprintf(out, cap, "%s", value);
+    return n > 0 && static_cast<std::size_t>(n) < cap;
+}
+
+bool makeDirectories(const char *path, bool self) {
+    char copy[PATH_MAX];
+    const int n = std::snprintf(copy, sizeof copy, "%s", path);
+    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof copy)
+        return false;
+    for (char *p = copy + 1; *p != '\0'; ++p) {
+        if (*p != '/')
+            continue;
+        *p = '\0';
+        if (::mkdir(copy, 0755) != 0 && errno != EEXIST)
+            return false;
+        *p = '/';
+    }
+    return !self || ::mkdir(copy, 0755) == 0 || errno == EEXIST;
 }
 
 } // namespace zelo

@@ -12,4 +12,12 @@ inline constexpr const char *kRootEnv = "ZELO_ROOT";
 // out set to "", when the result does not fit.
 bool resolvePath(const char *absPath, char *out, std::size_t cap);
 
+// The path in environment variable `env` when it is set and not empty,
+// else absDefault under the root.
+bool envOrRootPath(const char *env, const char *absDefault, char *out, std::size_t cap);
+
+// Creates the directories above `path` (mode 0755) that are missing; with
+// `self` also `path` itself. False when one cannot be made.
+bool makeDirectories(const char *path, bool self);
+
 } // namespace zelo

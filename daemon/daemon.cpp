@@ -61,16 +61,8 @@ void pause(unsigned seconds) {
 // root lacks (its /tmp) are made as ordinary directories first.
 void makeDir(const char *absPath) {
     char path[PATH_MAX];
-    if (!resolvePath(absPath, path, sizeof path))
-        return;
-    for (char *p = path + 1; *p != '\0'; ++p) {
-        if (*p != '/' || p[1] == '\0')
-            continue;
-        *p = '\0';
-        (void)::mkdir(path, 0755);
-        *p = '/';
-    }
-    (void)::mkdir(path, 070);
+    if (resolvePath(absPath, path, sizeof path) && makeDirectories(path, false))
+        (void)::mkdir(path, 070);
 }
 
 // Removes every entry of the metric log directory, the lock file included.

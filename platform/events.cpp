@@ -24,29 +24,7 @@ constexpr const char *kJournalEnv = "ZELO_EVENT_JOURNAL";
 constexpr const char *kDefaultJournal = "/var/log/zelo/events.log";
 
 bool journalPath(char *out, std::size_t cap) {
-    const char *env = std::getenv(kJournalEnv);
-    if (env != nullptr && env[0] != '\0') {
-        const int n = std::snprintf(out, cap, "%s", env);
-        return n > 0 && static_cast<std::size_t>(n) < cap;
-    }
-    return zelo::resolvePath(kDefaultJournal, out, cap);
-}
-
-// Creates every directory above the file.
-bool makeParents(const char *file) {
-    char path[PATH_MAX];
-    const int n = std::snprintf(path, sizeof path, "%s", file);
-    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof path)
-        return false;
-    for (char *p = path + 1; *p != '\0'; ++p) {
-        if (*p != '/')
-            continue;
-        *p = '\0';
-        if (::mkdir(path, 0755) != 0 && errno != EEXIST)
-            return false;
-        *p = '/';
-    }
-    return true;
+    return zelo::envOrRootPath(kJournalEnv, kDefaultJournal, out, cap);
 }
 
 // A parameter text as the line shows it: at most its field's length even
@@ -89,7 +67,7 @@ void formatLine(uint16_t eventId, const void *params, char *line, std::size_t ca
 // One write of the whole line to a file opened for appending, so lines of
 // several processes never interleave.
 bool appendLine(const char *path, const char *line) {
-    if (!makeParents(path))
+    if (!zelo::makeDirectories(path, false))
         return false;
     const int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd < 0)

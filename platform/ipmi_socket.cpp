@@ -61,16 +61,10 @@ int waitFor(int fd, short events, Clock::time_point deadline) {
 }
 
 bool socketPath(struct sockaddr_un &addr) {
-    const char *env = std::getenv(zelo::wire::kSocketEnv);
     char path[PATH_MAX];
-    if (env != nullptr && env[0] != '\0') {
-        if (std::strlen(env) >= sizeof path)
-            return false;
-        std::strcpy(path, env);
-    } else if (!zelo::resolvePath(zelo::wire::kDefaultSocket, path, sizeof path)) {
-        return false;
-    }
-    if (std::strlen(path) >= sizeof addr.sun_path)
+    if (!zelo::envOrRootPath(zelo::wire::kSocketEnv, zelo::wire::kDefaultSocket, path,
+                             sizeof path) ||
+        std::strlen(path) >= sizeof addr.sun_path)
         return false;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;

@@ -23,12 +23,7 @@ constexpr std::size_t kMaxKeyLen = 200;
 constexpr std::size_t kMaxValueText = 32; // an int64 and a line end fit easily
 
 bool storeDir(char *out, std::size_t cap) {
-    const char *env = std::getenv(kDirEnv);
-    if (env != nullptr && env[0] != '\0') {
-        const int n = std::snprintf(out, cap, "%s", env);
-        return n > 0 && static_cast<std::size_t>(n) < cap;
-    }
-    return zelo::resolvePath(kDefaultDir, out, cap);
+    return zelo::envOrRootPath(kDirEnv, kDefaultDir, out, cap);
 }
 
 // A key names a file in the store directory: nothing that could leave it,
@@ -46,22 +41,6 @@ bool keyPath(const char *key, char *out, std::size_t cap) {
         return false;
     const int n = std::snprintf(out, cap, "%s/%s", dir, key);
     return n > 0 && static_cast<std::size_t>(n) < cap;
-}
-
-bool makeDirs(const char *dir) {
-    char path[PATH_MAX];
-    const int n = std::snprintf(path, sizeof path, "%s", dir);
-    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof path)
-        return false;
-    for (char *p = path + 1; *p != '\0'; ++p) {
-        if (*p != '/')
-            continue;
-        *p = '\0';
-        if (::mkdir(path, 0755) != 0 && errno != EEXIST)
-            return false;
-        *p = '/';
-    }
-    return ::mkdir(path, 0755) == 0 || errno == EEXIST;
 }
 
 bool readValue(const char *key, int64_t *value) {
@@ -97,7 +76,8 @@ bool writeValue(const char *key, int64_t value) {
     char dir[PATH_MAX];
     char path[PATH_MAX];
     char temp[PATH_MAX];
-    if (!keyPath(key, path, sizeof path) || !storeDir(dir, sizeof dir) || !makeDirs(dir))
+    if (!keyPath(key, path, sizeof path) || !storeDir(dir, sizeof dir) ||
+        !zelo::makeDirectories(dir, true))
         return false;
     const int n = std::snprintf(temp, sizeof temp, "%s/.%s.XXXXXX", dir, key);
     if (n <= 0 || static_cast<std::size_t>(n) >= sizeof temp)
