@@ -61,7 +61,12 @@ void pause(unsigned seconds) {
 // root lacks (its /tmp) are made as ordinary directories first.
 void makeDir(const char *absPath) {
     char path[PATH_MAX];
-    if (resolvePath(absPath, path, sizeof path) && makeDirectories(path, false))
+    if (!resolvePath(absPath, path, sizeof path))
+        return;
+    const std::size_t len = std::strlen(path);
+    if (len > 1 && path[len - 1] == '/')
+        path[len - 1] = '\0'; // the directory itself gets the daemon's mode below
+    if (makeDirectories(path, false))
         (void)::mkdir(path, 070);
 }
 
@@ -116,6 +121,8 @@ int Daemon::saveAndEnd() {
 void Daemon::seedFirstSnapshot() {
     while (!terminating()) {
         WaitValueLock();
+        if (terminating())
+            return; // the lock wait gave up on SIGTERM
         SnapshotBuffer *psBuffer = nullptr;
         if (GetSnapshotBufferFromZELO(&psBuffer, &ml::sLastHistogramData) != ZELO_RC_SUCCESS) {
             trace("ERROR", "Get Snapshot buffer from ZELO is fail when get first data");
@@ -152,6 +159,8 @@ void Daemon::firstPerformance() {
 
 void Daemon::cycle() {
     WaitValueLock();
+    if (terminating())
+        return; // the lock wait gave up on SIGTERM
     readLogLevel();
     HistogramData sHistogramData{};
     bool newData = false;
@@ -198,7 +207,7 @@ void Daemon::cycle() {
     }
     UnlockValue();
 
-    if (debug && newData) {
+    if (debug && newData && !terminating()) {
         SnapshotBuffer *buffers = nullptr;
         BladeInletSensorBuffer *inlets = nullptr;
         PerfMetricSet *perfs = nullptr;
@@ -226,6 +235,7 @@ int runDaemon(bool debug) {
     action.sa_handler = ZELOsignalHandler;
     sigemptyset(&action.sa_mask);
     (void)sigaction(SIGTERM, &action, nullptr); // no SA_RESTART: a signal cuts the sleep
+    ml::gLockAbandon = terminating;             // and a wait for the metric log lock
 
     (void)emptyLogDirectory();
     for (const int instance : {0, 1}) {

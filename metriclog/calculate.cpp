@@ -119,11 +119,8 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
                                s.psCoolingPower, s.psEffectiveCPU})
         SetMaxMinValue(single, 1);
 
-    // A previous histogram without counters (never seeded) cannot be
-    // differenced either; it is treated like a changed shape.
     if (h.u8BucketNum != sLastHistogramData.u8BucketNum ||
-        h.u8BucketSize != sLastHistogramData.u8BucketSize ||
-        sLastHistogramData.pu8BucketData == nullptr) {
+        h.u8BucketSize != sLastHistogramData.u8BucketSize) {
         trace("ERROR", "Different histogram data.");
         std::free(h.pu8BucketData);
         return;

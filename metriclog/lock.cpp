@@ -15,6 +15,7 @@
 namespace zelo::metriclog {
 
 SleepFn gLockSleep = ::sleep;
+AbandonFn gLockAbandon = nullptr;
 
 bool logPath(const char *absPath, char *out, std::size_t cap) {
     return resolvePath(absPath, out, cap);
@@ -51,6 +52,8 @@ void WaitValueLock(void) {
         if (fd >= 0 || errno != EEXIST)
             break;
         gLockSleep(kLockPollSeconds);
+        if (gLockAbandon != nullptr && gLockAbandon())
+            return;
     }
     if (fd < 0) {
         WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");

@@ -35,20 +35,26 @@ void getField(FILE *file, T *field) {
     *field = static_cast<T>(value);
 }
 
-// Reads one inlet reading into a new node; null at the end of the file.
-InletSensorTemperature *getReading(FILE *file) {
+enum class Reading { Linked, Skipped, EndOfFile };
+
+// Reads one inlet reading and links a node for it at the front of the list.
+// Its bytes are consumed even when no node can be had, so the rest of the
+// file is read in step.
+Reading getReading(FILE *file, BladeInletSensorBuffer &list) {
     uint64_t index = 0;
     char text[ZELO_INLET_TEMPERATURE_TEXT];
     if (!getLE(file, &index, 4) || std::fread(text, 1, sizeof text, file) != sizeof text)
-        return nullptr;
+        return Reading::EndOfFile;
     auto *node =
         static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
     if (node == nullptr)
-        return nullptr;
+        return Reading::Skipped;
     node->u32SensorIndex = static_cast<uint32_t>(index);
     std::memcpy(node->szTemperature, text, sizeof text);
     node->szTemperature[sizeof text - 1] = '\0'; // a foreign file need not terminate it
-    return node;
+    node->psNext = list.psSensor;
+    list.psSensor = node;
+    return Reading::Linked;
 }
 
 bool readStoredFile(uint8_t index, SnapshotBuffer *s, BladeInletSensorBuffer *l, PerfMetricSet *f) {
@@ -121,12 +127,10 @@ int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
     // file order. A reading the file does not hold is not counted.
     uint8_t linked = 0;
     for (uint64_t i = 0; i < count; ++i) {
-        InletSensorTemperature *node = getReading(file);
-        if (node == nullptr)
+        const Reading r = getReading(file, *psInlet);
+        if (r == Reading::EndOfFile)
             break;
-        node->psNext = psInlet->psSensor;
-        psInlet->psSensor = node;
-        ++linked;
+        linked += r == Reading::Linked;
     }
     psInlet->u8SensorNum = linked;
 

@@ -29,6 +29,8 @@ inline constexpr std::size_t kInletReadingBytes = 4 + ZELO_INLET_TEMPERATURE_TEX
 static_assert(kInletReadingBytes == 68);
 // A rack snapshot with six single records, no supplies, no readings.
 static_assert(1 + 1 + 6 * kOptionalBytes + 1 + 1 + 8 + 1 + 1 == 164);
+// The same with the four performance records.
+static_assert(164 + 4 * kOptionalBytes == 264);
 
 // Resolves a system path under the root into a PATH_MAX buffer.
 bool logPath(const char *absPath, char *out, std::size_t cap);
@@ -36,5 +38,10 @@ bool logPath(const char *absPath, char *out, std::size_t cap);
 // Where the lock waits between polls; tests replace it.
 using SleepFn = unsigned (*)(unsigned seconds);
 extern SleepFn gLockSleep;
+
+// When set and true, a wait for the lock gives up without it: the daemon
+// sets it so that SIGTERM is not held up by a lock another process keeps.
+using AbandonFn = bool (*)();
+extern AbandonFn gLockAbandon;
 
 } // namespace zelo::metriclog

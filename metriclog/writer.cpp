@@ -14,7 +14,9 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <initializer_list>
+#include <unistd.h>
 
 namespace zelo::metriclog {
 
@@ -90,6 +92,17 @@ void publish(const char *avgKey, const char *minKey, const char *maxKey, const M
     (void)kiv_config_set_int64(maxKey, static_cast<int64_t>(s.u64Max), 0);
 }
 
+// Created or truncated, never through a symbolic link planted at the path.
+FILE *openLogFile(const char *path) {
+    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return nullptr;
+    FILE *file = ::fdopen(fd, "wb");
+    if (file == nullptr)
+        ::close(fd);
+    return file;
+}
+
 void writeCounter(const char *absPath, uint8_t value) {
     char path[PATH_MAX];
     if (logPath(absPath, path, sizeof path))
@@ -121,7 +134,7 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
     std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir,
                   static_cast<unsigned>(u8LogFileIndex));
     char path[PATH_MAX];
-    FILE *file = logPath(name, path, sizeof path) ? std::fopen(path, "wb") : nullptr;
+    FILE *file = logPath(name, path, sizeof path) ? openLogFile(path) : nullptr;
     if (file == nullptr) {
         char message[1024];
         std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);

@@ -162,6 +162,25 @@ TEST_F(DaemonTest, SecondInstanceExitsAndTermSavesBothHistories) {
     EXPECT_EQ(fs::file_size(root.path() + "/pstorage/power/PowerPerformanceFull"), 9218u);
 }
 
+TEST_F(DaemonTest, TermIsNotHeldUpByALockAnotherProcessKeeps) {
+    SimProcess sim(root.path(), scenarioHead);
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace("psBuffer->u16Tag is")) << zelo.trace();
+    const fs::path logDir = root.path() + "/tmp/zelo_log";
+    // Mode 070 less the umask: nothing for the owner or others.
+    const auto mode = fs::status(logDir).permissions();
+    EXPECT_EQ(mode & (fs::perms::owner_all | fs::perms::others_all), fs::perms::none);
+    EXPECT_NE(mode & fs::perms::group_read, fs::perms::none);
+    // Another reader takes the lock and never gives it back: the daemon's
+    // next cycle waits for it, polling every (accelerated) ten seconds.
+    std::ofstream(logDir / "zelo.lock") << '\x01';
+    const auto cycles = zelo.trace().size();
+    std::this_thread::sleep_for(std::chrono::seconds(2)); // four polls at time x20
+    EXPECT_EQ(zelo.terminate(), 15);
+    EXPECT_GE(zelo.trace().size(), cycles);
+    EXPECT_TRUE(fs::exists(logDir / "zelo.lock")) << "not the daemon's to remove";
+}
+
 TEST_F(DaemonTest, AbsentFirmwareIsRetriedEveryTenSeconds) {
     SimProcess sim(root.path(), scenarioHead + "present no\n");
     DaemonProcess zelo(root.path());
