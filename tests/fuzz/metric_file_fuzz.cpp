@@ -8,6 +8,8 @@
 #include <zelo.h>
 #include <zelo/platform.h>
 
+#include "fuzz_platform.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,31 +36,6 @@ int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *, uint32_t, uint8_t *respons
     *responseLen = copied;
     return 0;
 }
-int GetAllSensorInfoByType(uint32_t *, uint32_t, const uint8_t *, uint8_t *) {
-    return -1;
-}
-int kiv_config_get_bool(const char *, uint8_t *) {
-    return 0;
-}
-int kiv_config_set_bool(const char *, uint8_t, int) {
-    return 0;
-}
-int kiv_config_get_int(const char *, int *) {
-    return 0;
-}
-int kiv_config_set_int(const char *, int, int) {
-    return 0;
-}
-int kiv_config_set_int64(const char *, int64_t, int) {
-    return 0;
-}
-int kiv_config_clear(const char *) {
-    return 0;
-}
-int sw_msg_dispatcher(uint16_t, void *) {
-    return -1;
-}
-
 int LLVMFuzzerInitialize(int *, char ***) {
     (void)std::freopen("/dev/null", "w", stdout);
     // A firmware without performance figures answers busy-looking codes that

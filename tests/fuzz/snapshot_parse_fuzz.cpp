@@ -11,6 +11,8 @@
 #include <zelo.h>
 #include <zelo/platform.h>
 
+#include "fuzz_platform.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -77,34 +79,10 @@ int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *request, uint32_t requestLen
     *responseLen = n;
     return 0;
 }
-int GetAllSensorInfoByType(uint32_t *, uint32_t, const uint8_t *, uint8_t *) {
-    return -1;
-}
-int kiv_config_get_bool(const char *, uint8_t *) {
-    return 0;
-}
-int kiv_config_set_bool(const char *, uint8_t, int) {
-    return 0;
-}
-int kiv_config_get_int(const char *, int *) {
-    return 0;
-}
-int kiv_config_set_int(const char *, int, int) {
-    return 0;
-}
-int kiv_config_set_int64(const char *, int64_t, int) {
-    return 0;
-}
-int kiv_config_clear(const char *) {
-    return 0;
-}
-int sw_msg_dispatcher(uint16_t, void *) {
-    return -1;
-}
-
 int LLVMFuzzerInitialize(int *, char ***) {
     // The parser's diagnostics are not what is being tested.
     (void)std::freopen("/dev/null", "w", stdout);
+    gFuzzFirmwareKnown = true; // GetSnapshotBufferFromZELO asks the store for the handle
     return 0;
 }
 
