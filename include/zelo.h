@@ -13,6 +13,7 @@
 #include <zelo/history.h>
 #include <zelo/powersupply.h>
 #include <zelo/registers.h>
+#include <zelo/telemetry.h>
 #include <zelo/tracelog.h>
 
 #endif
