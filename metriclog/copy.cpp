@@ -76,9 +76,9 @@ void FreeSignalMetricValue(SnapshotBuffer *psBuffer, BladeInletSensorBuffer *psI
             node = next;
         }
     }
-    // Asked on every call, as callers rely on: a platform without performance
-    // figures never hands out performance records to release.
-    if (NM_Performance_IsSupported() == 1 && psPerf != nullptr) {
+    // The firmware is not asked: a non-null record was allocated here, so its
+    // answer could only leak it (when it stops answering) or cost an exchange.
+    if (psPerf != nullptr) {
         FreeIfNotNull(psPerf->psSystemPerf);
         FreeIfNotNull(psPerf->psCPUPerf);
         FreeIfNotNull(psPerf->psMemoryPerf);

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <string>
 
@@ -24,7 +25,7 @@ extern "C" void onStopSignal(int) {
 }
 
 void usage(std::FILE *to) {
-    std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH] [--time-scale N]\n"
+    std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH] [--time-scale N] [--epoch MS]\n"
                "       zelo-fwsim --control LINE [--socket PATH]\n"
                "Answers power-management firmware requests on a Unix-domain socket.\n"
                "  --scenario FILE  firmware setup (default: the built-in firmware)\n"
@@ -32,6 +33,9 @@ void usage(std::FILE *to) {
                "                   /run/zelo-fwsim.sock under $ZELO_ROOT)\n"
                "  --time-scale N   firmware time runs N times faster than real time\n"
                "                   (1-100000; default 1), so tests need not wait\n"
+               "  --epoch MS       the firmware clock at start, in milliseconds since the\n"
+               "                   Unix epoch (default: now); 0 stamps snapshots with the\n"
+               "                   time since the firmware's last restart\n"
                "  --control LINE   change the simulator listening at --socket while it\n"
                "                   runs: one scenario line, or restart-now, snapshot-now,\n"
                "                   tag <n>; exits 1 with the reason when refused\n"
@@ -39,14 +43,22 @@ void usage(std::FILE *to) {
                to);
 }
 
-bool parseScale(const char *text, std::uint64_t *scale) {
+bool parseNumber(const char *text, std::uint64_t lowest, std::uint64_t highest,
+                 std::uint64_t *value) {
     char *end = nullptr;
     errno = 0;
     const unsigned long long v = std::strtoull(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || v < 1 || v > 100000 || text[0] == '-')
+    if (errno != 0 || end == text || *end != '\0' || v < lowest || v > highest || text[0] == '-')
         return false;
-    *scale = v;
+    *value = v;
     return true;
+}
+
+std::uint64_t wallClockMs() {
+    timespec ts{};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<std::uint64_t>(ts.tv_sec) * 1000U +
+           static_cast<std::uint64_t>(ts.tv_nsec) / 1000000U;
 }
 
 bool installSignals() {
@@ -65,6 +77,8 @@ int run(int argc, char **argv) {
     std::string controlLine;
     bool control = false;
     std::uint64_t timeScale = 1;
+    std::uint64_t epochMs = wallClockMs();
+    bool epochGiven = false;
     for (int i = 1; i < argc; ++i) {
         const bool hasValue = i + 1 < argc;
         if (std::strcmp(argv[i], "--help") == 0) {
@@ -79,7 +93,11 @@ int run(int argc, char **argv) {
         } else if (std::strcmp(argv[i], "--socket") == 0 && hasValue) {
             socketPath = argv[++i];
         } else if (std::strcmp(argv[i], "--time-scale") == 0 && hasValue &&
-                   parseScale(argv[i + 1], &timeScale)) {
+                   parseNumber(argv[i + 1], 1, 100000, &timeScale)) {
+            ++i;
+        } else if (std::strcmp(argv[i], "--epoch") == 0 && hasValue &&
+                   parseNumber(argv[i + 1], 0, UINT64_MAX / 2, &epochMs)) {
+            epochGiven = true;
             ++i;
         } else {
             std::fprintf(stderr, "zelo-fwsim: bad argument '%s'\n", argv[i]);
@@ -89,7 +107,7 @@ int run(int argc, char **argv) {
     }
 
     std::string error;
-    if (control && (!scenarioPath.empty() || timeScale != 1)) {
+    if (control && (!scenarioPath.empty() || timeScale != 1 || epochGiven)) {
         std::fputs("zelo-fwsim: --control takes only --socket\n", stderr);
         usage(stderr);
         return 2;
@@ -120,8 +138,8 @@ int run(int argc, char **argv) {
         return 1;
     }
 
-    zelo::sim::Firmware firmware(std::move(scenario),
-                                 [timeScale] { return zelo::sim::monotonicMs() * timeScale; });
+    zelo::sim::Firmware firmware(
+        std::move(scenario), [timeScale] { return zelo::sim::monotonicMs() * timeScale; }, epochMs);
     zelo::sim::Server server(firmware, gStop);
     if (!server.listen(socketPath, error)) {
         std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());

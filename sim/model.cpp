@@ -176,9 +176,9 @@ std::uint64_t monotonicMs() {
            static_cast<std::uint64_t>(ts.tv_nsec) / 1000000U;
 }
 
-Firmware::Firmware(Scenario scenario, MsClock clock)
+Firmware::Firmware(Scenario scenario, MsClock clock, std::uint64_t wallOriginMs)
     : state_(std::move(scenario)), clock_(std::move(clock)), bootMs_(clock_()),
-      recorder_(state_.power, state_.snapshots, state_.perf.current[1]) {}
+      recorder_(state_.power, state_.snapshots, state_.perf.current[1], wallOriginMs) {}
 
 std::uint64_t Firmware::now() const {
     const std::uint64_t t = clock_();
@@ -427,7 +427,7 @@ Firmware::Bytes Firmware::xpm(std::span<const std::uint8_t> request) {
 
     const std::uint64_t t = now();
     recorder_.advanceTo(t);
-    const auto seconds = static_cast<std::uint32_t>(recorder_.firmwareMs(t) / 1000);
+    const auto seconds = static_cast<std::uint32_t>(recorder_.stampMs(t) / 1000);
     const std::uint8_t current =
         state_.perf.current[static_cast<std::size_t>(buffer - std::begin(kXpmBuffers))];
     Bytes out = reply(kCcOk, request);

@@ -88,8 +88,11 @@ std::uint64_t monotonicMs();
 
 class Firmware {
   public:
-    // The firmware boots now: firmware time 0, the first snapshot.
-    explicit Firmware(Scenario scenario, MsClock clock = monotonicMs);
+    // The firmware boots now: firmware time 0, the first snapshot. Its
+    // time stamps count from wallOriginMs (milliseconds since the Unix epoch
+    // at boot), or from its last restart when that is 0.
+    explicit Firmware(Scenario scenario, MsClock clock = monotonicMs,
+                      std::uint64_t wallOriginMs = 0);
 
     // One exchange; the answer starts with the completion code. Writes
     // change the state that later requests see.

@@ -143,7 +143,7 @@ std::vector<std::uint8_t> snapshotBuffer(const Snapshot &snap, const SnapshotSet
     if ((regs.extended & kExtInputPower) && !setup.blade)
         putInputPower(out, snap, setup.inputPower, regs.outputLabels);
     if (regs.extended & kExtTimestamp)
-        putBe(out, snap.ms, 8);
+        putBe(out, snap.stampMs, 8);
     if (regs.extended & kExtSubsystems) {
         out.push_back(static_cast<std::uint8_t>(setup.subsystems.size()));
         for (const Subsystem s : setup.subsystems) {
@@ -154,9 +154,10 @@ std::vector<std::uint8_t> snapshotBuffer(const Snapshot &snap, const SnapshotSet
     return out;
 }
 
-Recorder::Recorder(PowerModel power, SnapshotSetup setup, std::uint8_t cpuPct)
+Recorder::Recorder(PowerModel power, SnapshotSetup setup, std::uint8_t cpuPct,
+                   std::uint64_t wallOriginMs)
     : power_(std::move(power)), setup_(std::move(setup)), cpuPct_(cpuPct),
-      restartPending_(setup_.restartAtMs.has_value()) {
+      restartPending_(setup_.restartAtMs.has_value()), wallOriginMs_(wallOriginMs) {
     start(0);
 }
 
@@ -166,6 +167,7 @@ void Recorder::start(std::uint64_t now) {
     running_ = Snapshot{};
     running_.histogram.assign(setup_.histogram.buckets(), 0);
     running_.levels = levelsAt(power_, 0);
+    running_.stampMs = stampMs(now);
     running_.status = setup_.status;
     running_.event = setup_.event;
     snap_ = running_;
@@ -239,6 +241,7 @@ void Recorder::take(std::uint64_t to) {
     running_.status = setup_.status;
     running_.event = setup_.event;
     running_.tag = running_.tag == 0xFFFF ? 1 : static_cast<std::uint16_t>(running_.tag + 1);
+    running_.stampMs = stampMs(epoch_ + to);
     snap_ = running_;
 }
 

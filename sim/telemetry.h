@@ -135,6 +135,7 @@ std::size_t largestSnapshotLen(const SnapshotSetup &setup);
 struct Snapshot {
     std::uint16_t tag = 1;
     std::uint64_t ms = 0;                             // firmware time taken
+    std::uint64_t stampMs = 0;                        // the time stamp it carries
     std::array<std::uint64_t, kEnergyCount> energy{}; // W x ms
     std::vector<std::uint64_t> histogram;
     std::uint32_t effectiveCpu = 0; // % x s
@@ -153,10 +154,14 @@ struct LayoutRegisters {
 std::vector<std::uint8_t> snapshotBuffer(const Snapshot &snap, const SnapshotSetup &setup,
                                          const LayoutRegisters &regs);
 
-// Takes the snapshots; times given are since the simulator started.
+// Takes the snapshots; times given are since the simulator started. With a
+// wall origin (milliseconds since the Unix epoch at start) the snapshots are
+// stamped with the wall clock, which a restart does not reset; without one
+// (0), with the firmware time since the last restart.
 class Recorder {
   public:
-    Recorder(PowerModel power, SnapshotSetup setup, std::uint8_t cpuPct);
+    Recorder(PowerModel power, SnapshotSetup setup, std::uint8_t cpuPct,
+             std::uint64_t wallOriginMs = 0);
 
     // Takes every snapshot due by now, restart included.
     void advanceTo(std::uint64_t now);
@@ -173,6 +178,10 @@ class Recorder {
                 std::uint8_t cpuPct);
     const Snapshot &current() const { return snap_; }
     std::uint64_t firmwareMs(std::uint64_t now) const { return now - epoch_; }
+    // The firmware's clock as it stamps what it reports.
+    std::uint64_t stampMs(std::uint64_t now) const {
+        return wallOriginMs_ == 0 ? firmwareMs(now) : wallOriginMs_ + now;
+    }
 
   private:
     void start(std::uint64_t now);
@@ -184,6 +193,7 @@ class Recorder {
     SnapshotSetup setup_;
     std::uint8_t cpuPct_;
     bool restartPending_;
+    std::uint64_t wallOriginMs_;
     std::uint64_t epoch_ = 0;
     std::uint64_t nextBoundary_ = 0; // firmware time
     Snapshot running_;               // the counters as of running_.ms, ahead of the snapshot

@@ -77,9 +77,10 @@ ZELO_API uint8_t ReadMetricLog(SnapshotBuffer **ppsBuffers, BladeInletSensorBuff
  * record. Windows up to an hour come from the metric log (30-second
  * intervals); longer ones from the persisted power history (150-second
  * intervals), completed with the metric records newer than its newest
- * sample. The newest metric record is always included. *psStats is cleared
- * first. ZELO_RC_INVALID_PARAMETER for a window out of range,
- * ZELO_RC_NO_DATA when the metric log holds no record. */
+ * sample. The newest metric record is always included; without any, a long
+ * window ends at the newest history sample. *psStats is cleared first.
+ * ZELO_RC_INVALID_PARAMETER for a window out of range, ZELO_RC_NO_DATA when
+ * there is nothing to summarise, ZELO_RC_BAD_FILE as the readers above. */
 ZELO_API uint8_t GetPowerWindowStats(uint32_t u32WindowSeconds, PowerWindowStats *psStats);
 
 ZELO_END_DECLS

@@ -98,7 +98,7 @@ TEST_F(SnapshotTest, ChunksOfOneBufferComeFromOneSnapshot) {
     SimProcess sim(root.path(),
                    "power constant 250\nsnapshot-period 86400000\nsnapshot-every-reads 3\n"
                    "chunk-size 68\n",
-                   {"--time-scale", "1000"});
+                   {"--time-scale", "1000", "--epoch", "0"});
     uint16_t tag = 0;
     int checked = 0;
     for (int fetch = 0; fetch < 200 && checked < 3; ++fetch) {

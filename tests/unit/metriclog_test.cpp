@@ -451,13 +451,11 @@ TEST_F(MetricLogTest, CopyIsDeepAndReleaseHonoursTheCounts) {
     }
     FreeSignalMetricValue(nullptr, &list, nullptr);
 
-    // Without performance figures the set is left alone.
+    // Performance records are released without asking the firmware (with
+    // none to answer, a question fails the test; a record kept leaks).
+    fake().firmware = nullptr;
     PerfMetricSet perf{stat(1), nullptr, nullptr, nullptr};
     FreeSignalMetricValue(nullptr, nullptr, &perf);
-    useFirmware("perf 1 2 3 4\n");
-    testing::internal::CaptureStdout();
-    FreeSignalMetricValue(nullptr, nullptr, &perf); // now released
-    testing::internal::GetCapturedStdout();
 }
 
 } // namespace

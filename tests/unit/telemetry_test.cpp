@@ -1,0 +1,372 @@
+// The read-only telemetry: history items, metric log records and power over a
+// window, from files the tests write byte by byte. No script is set, so any
+// firmware exchange fails the test.
+#include "fake_platform.h"
+
+#include "history/history_internal.h"
+#include "metriclog/state.h"
+
+#include <zelo.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sys/stat.h>
+
+namespace zelo::test {
+namespace {
+
+namespace fs = std::filesystem;
+constexpr uint16_t U = ZELO_POWER_HISTORY_UNKNOWN;
+
+void putLe(Bytes &out, uint64_t value, int width) {
+    for (int i = 0; i < width; ++i)
+        out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+void writeFile(const std::string &path, const Bytes &bytes) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+}
+
+// A full history file: the next index, then the 576 slots.
+Bytes ringFile(uint16_t next, const std::map<uint16_t, PowerHistorySample> &slots) {
+    Bytes out;
+    putLe(out, next, 2);
+    for (uint16_t i = 0; i < ZELO_HISTORY_SLOTS; ++i) {
+        const auto it = slots.find(i);
+        const PowerHistorySample s = it != slots.end() ? it->second : PowerHistorySample{};
+        putLe(out, s.timestamp, 4);
+        for (uint16_t v : {s.minAC, s.avgAC, s.maxAC, s.minDC, s.avgDC, s.maxDC})
+            putLe(out, v, 2);
+    }
+    return out;
+}
+
+struct Record {
+    uint64_t ms;
+    uint32_t ac, dc; // average; minimum and maximum 10 below and above
+};
+
+// One metric log file as the writer lays it out: two supplies, system AC
+// and DC only, two inlet readings, optionally the performance block.
+Bytes recordFile(const Record &r, bool perf = false) {
+    Bytes out;
+    const auto stat = [&out](uint64_t avg, uint64_t max, uint64_t min) {
+        putLe(out, avg, 8);
+        putLe(out, max, 8);
+        putLe(out, min, 8);
+    };
+    putLe(out, 2, 1);
+    stat(200, 210, 190);
+    stat(201, 211, 191);
+    putLe(out, 0, 1); // no DC supplies
+    putLe(out, 1, 1);
+    stat(r.ac, r.ac + 10, r.ac - 10);
+    putLe(out, 1, 1);
+    stat(r.dc, r.dc + 10, r.dc - 10);
+    for (int i = 0; i < 4; ++i)
+        putLe(out, 0, 1);
+    putLe(out, 24, 1);
+    putLe(out, 31, 1);
+    putLe(out, r.ms, 8);
+    putLe(out, 0x21, 1);
+    putLe(out, 2, 1);
+    for (uint32_t index : {0u, 3u}) {
+        putLe(out, index, 4);
+        std::string text = "2" + std::to_string(index) + ".5";
+        text.resize(ZELO_INLET_TEMPERATURE_TEXT, '\0');
+        out.insert(out.end(), text.begin(), text.end());
+    }
+    if (perf)
+        for (uint64_t v : {40, 50, 60, 70}) {
+            putLe(out, 1, 1);
+            stat(v, v + 5, v - 5);
+        }
+    return out;
+}
+
+class TelemetryTest : public PlatformTest {
+  protected:
+    std::string log(const std::string &name) { return root + "/tmp/zelo_log/" + name; }
+    // The records as the daemon leaves them: files 0.. in order, counters.
+    void writeLog(const std::vector<Bytes> &files, uint8_t last) {
+        for (std::size_t i = 0; i < files.size(); ++i)
+            writeFile(log("zelo_" + std::to_string(i) + ".log"), files[i]);
+        writeFile(log("zelo_num.log"), {static_cast<uint8_t>(files.size())});
+        writeFile(log("zelo_last.log"), {last});
+    }
+    void writeRecords(const std::vector<Record> &records) {
+        std::vector<Bytes> files;
+        for (const Record &r : records)
+            files.push_back(recordFile(r));
+        writeLog(files, static_cast<uint8_t>(files.size() - 1));
+    }
+    void writeHistory(const Bytes &bytes) {
+        writeFile(root + "/pstorage/power/PowerHistoryFull", bytes);
+    }
+
+    PowerWindowStats window(uint32_t seconds, uint8_t expect = ZELO_RC_SUCCESS) {
+        PowerWindowStats st;
+        std::memset(&st, 0xA5, sizeof st);
+        EXPECT_EQ(GetPowerWindowStats(seconds, &st), expect) << seconds << " s";
+        return st;
+    }
+};
+
+// ---- history items ----
+
+TEST_F(TelemetryTest, HistoryItemsComeOldestFirstWithoutEmptySlotsAndUnknownsMarked) {
+    // Wrapped ring: next slot 2 holds the oldest (t=1000), slots 0 and 1 the newest.
+    writeHistory(ringFile(2, {{2, {1000, 1, 2, 3, 4, 5, 6}},
+                              {575, {2000, U, U, U, U, U, U}},
+                              {0, {2150, 7, 8, 9, 10, 11, 12}},
+                              {1, {2300, 1, 1, 1, 1, 1, 1}}}));
+    std::array<PowerHistoryItem, ZELO_HISTORY_SLOTS> items{};
+    uint16_t count = 99;
+    ASSERT_EQ(ReadPowerHistoryItems(items.data(), items.size(), &count), ZELO_RC_SUCCESS);
+    ASSERT_EQ(count, 4);
+    const uint32_t times[] = {1000, 2000, 2150, 2300};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(items[i].sSample.timestamp, times[i]);
+        EXPECT_EQ(items[i].u8Unknown, i == 1) << i;
+    }
+    EXPECT_EQ(items[2].sSample.avgDC, 11);
+
+    // Too little room keeps the newest.
+    ASSERT_EQ(ReadPowerHistoryItems(items.data(), 2, &count), ZELO_RC_SUCCESS);
+    ASSERT_EQ(count, 2);
+    EXPECT_EQ(items[0].sSample.timestamp, 2150u);
+
+    // The reader leaves this process's own tracker alone.
+    EXPECT_EQ(history::gPower.nextIndex, 0);
+    EXPECT_EQ(history::gPower.ring[0].timestamp, 0u);
+}
+
+TEST_F(TelemetryTest, PerformanceItemsAreUnknownWhenAllSixValuesAreZero) {
+    Bytes file = ringFile(2, {{0, {100, 0, 0, 0, 0, 0, 0}}, {1, {250, 0, 3, 0, 0, 0, 0}}});
+    writeFile(root + "/pstorage/power/PowerPerformanceFull", file);
+    std::array<PowerPerformanceItem, 4> items{};
+    uint16_t count = 0;
+    ASSERT_EQ(ReadPowerPerformanceItems(items.data(), items.size(), &count), ZELO_RC_SUCCESS);
+    ASSERT_EQ(count, 2);
+    EXPECT_EQ(items[0].u8Unknown, 1);
+    EXPECT_EQ(items[1].u8Unknown, 0);
+    EXPECT_EQ(items[1].sSample.avg, 3);
+}
+
+TEST_F(TelemetryTest, AHistoryFileThatIsNotExactlyOneRingIsRefused) {
+    const std::string path = root + "/pstorage/power/PowerHistoryFull";
+    std::array<PowerHistoryItem, 1> items{};
+    uint16_t count = 7;
+    EXPECT_EQ(ReadPowerHistoryItems(items.data(), 1, &count), ZELO_RC_NO_DATA) << "missing";
+    EXPECT_EQ(count, 0);
+
+    const Bytes whole = ringFile(0, {{0, {100, 1, 1, 1, 1, 1, 1}}});
+    Bytes badIndex = whole;
+    badIndex[0] = 0x40, badIndex[1] = 0x02; // 576
+    const std::vector<std::pair<const char *, Bytes>> cases = {
+        {"empty", {}},
+        {"one byte short", Bytes(whole.begin(), whole.end() - 1)},
+        {"one byte over", concat(whole, {0})},
+        {"index out of range", badIndex},
+    };
+    for (const auto &[what, bytes] : cases) {
+        writeFile(path, bytes);
+        EXPECT_EQ(ReadPowerHistoryItems(items.data(), 1, &count), ZELO_RC_BAD_FILE) << what;
+        EXPECT_EQ(count, 0) << what;
+    }
+    // Neither a FIFO nor a directory holds the caller up.
+    fs::remove(path);
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(ReadPowerHistoryItems(items.data(), 1, &count), ZELO_RC_BAD_FILE) << "FIFO";
+    fs::remove(path);
+    fs::create_directory(path);
+    EXPECT_EQ(ReadPowerHistoryItems(items.data(), 1, &count), ZELO_RC_BAD_FILE) << "directory";
+    EXPECT_EQ(ReadPowerHistoryItems(nullptr, 1, &count), ZELO_RC_INVALID_PARAMETER);
+}
+
+// ---- metric log ----
+
+TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
+    // A rotated log: file 2 was written last, so file 3 is the oldest.
+    constexpr unsigned kFiles = 5;
+    std::vector<Bytes> files;
+    for (unsigned i = 0; i < kFiles; ++i)
+        files.push_back(recordFile({(i < 3 ? i + kFiles : i) * 30000ull, 400, 350}, i == 2));
+    writeLog(files, 2);
+    // Whoever holds the lock is waited for, and the lock is released after.
+    writeFile(log("zelo.lock"), {1});
+    metriclog::gLockSleep = [](unsigned) -> unsigned {
+        fs::remove(std::string(std::getenv("ZELO_ROOT")) + "/tmp/zelo_log/zelo.lock");
+        return 0;
+    };
+    SnapshotBuffer *buffers = nullptr;
+    BladeInletSensorBuffer *inlets = nullptr;
+    PerfMetricSet *perfs = nullptr;
+    uint8_t count = 0, skipped = 9;
+    const uint8_t rc = ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped);
+    metriclog::gLockSleep = ::sleep;
+    ASSERT_EQ(rc, ZELO_RC_SUCCESS);
+    ASSERT_EQ(count, kFiles);
+    EXPECT_EQ(skipped, 0);
+    EXPECT_FALSE(fs::exists(log("zelo.lock")));
+    for (unsigned i = 0; i < count; ++i)
+        EXPECT_EQ(buffers[i].u64Timestamp, (i + 3) * 30000ull) << i;
+    const SnapshotBuffer &newest = buffers[count - 1]; // file 2, with performance figures
+    EXPECT_EQ(newest.u8PowerSupplyACNum, 2);
+    EXPECT_EQ(newest.psPowerSupplyAC[1].u64Min, 191u);
+    EXPECT_EQ(newest.psSystemDC->u64Max, 360u);
+    EXPECT_EQ(newest.psCPUPower, nullptr);
+    EXPECT_EQ(newest.u8OutletTemperature, 31);
+    EXPECT_EQ(newest.u8PowerStatus, 0x21);
+    ASSERT_EQ(inlets[count - 1].u8SensorNum, 2);
+    EXPECT_STREQ(inlets[count - 1].psSensor->szTemperature, "20.5") << "file order";
+    EXPECT_EQ(inlets[count - 1].psSensor->psNext->u32SensorIndex, 3u);
+    ASSERT_NE(perfs[count - 1].psIOPerf, nullptr);
+    EXPECT_EQ(perfs[count - 1].psIOPerf->u64Avg, 70u);
+    EXPECT_EQ(perfs[0].psSystemPerf, nullptr);
+    FreeMetricValue(buffers, inlets, perfs, count);
+}
+
+TEST_F(TelemetryTest, AMetricFileThatIsNotOneWholeRecordIsLeftOut) {
+    const Bytes good = recordFile({30000, 400, 350});
+    Bytes badPresence = good;
+    badPresence[1 + 2 * 24 + 1] = 2; // the system AC presence byte
+    const std::vector<std::pair<const char *, Bytes>> cases = {
+        {"cut in a record", Bytes(good.begin(), good.end() - 70)},
+        {"trailing bytes", concat(good, {0})},
+        {"presence byte 2", badPresence},
+        {"counts beyond the file", Bytes{255, 1, 2, 3}},
+        {"empty", {}},
+    };
+    for (const auto &[what, bytes] : cases) {
+        writeLog({good, bytes}, 1);
+        SnapshotBuffer *buffers = nullptr;
+        BladeInletSensorBuffer *inlets = nullptr;
+        PerfMetricSet *perfs = nullptr;
+        uint8_t count = 0, skipped = 0;
+        EXPECT_EQ(ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped), ZELO_RC_SUCCESS)
+            << what;
+        EXPECT_EQ(count, 1) << what;
+        EXPECT_EQ(skipped, 1) << what;
+        FreeMetricValue(buffers, inlets, perfs, count);
+
+        writeLog({bytes}, 0);
+        EXPECT_EQ(ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped), ZELO_RC_BAD_FILE)
+            << what;
+        EXPECT_EQ(buffers, nullptr);
+        EXPECT_EQ(count, 0);
+    }
+}
+
+// ---- power over a window ----
+
+TEST_F(TelemetryTest, NothingToSummariseAndWindowsOutOfRange) {
+    window(3600, ZELO_RC_NO_DATA);  // no log directory
+    window(86400, ZELO_RC_NO_DATA); // nor history
+    writeRecords({{30000, 400, 350}});
+    window(0, ZELO_RC_INVALID_PARAMETER);
+    window(86401, ZELO_RC_INVALID_PARAMETER);
+    EXPECT_EQ(GetPowerWindowStats(60, nullptr), ZELO_RC_INVALID_PARAMETER);
+    writeLog({}, 0);
+    window(60, ZELO_RC_NO_DATA);
+}
+
+TEST_F(TelemetryTest, AnHourOfRecordsCoversExactlyTheHour) {
+    std::vector<Record> records;
+    for (uint64_t i = 0; i < 120; ++i)
+        records.push_back({1'700'000'000'000 + i * 30000, 372, i == 60 ? 400u : 350u});
+    writeRecords(records);
+    const auto st = window(3600);
+    EXPECT_EQ(st.u64End, 1'700'000'000u + 119 * 30);
+    EXPECT_EQ(st.u64End - st.u64Start, 3600u);
+    EXPECT_EQ(st.u32Intervals, 120u);
+    EXPECT_EQ(st.u32UnknownIntervals, 0u);
+    EXPECT_EQ(st.sDC.u64EnergyJ, 350u * 3600 + 50 * 30);
+    EXPECT_EQ(st.sDC.u32Avg, 350u); // 350.4 rounded
+    EXPECT_EQ(st.sDC.u32Min, 340u);
+    EXPECT_EQ(st.sDC.u32Max, 410u);
+    EXPECT_EQ(st.sAC.u64EnergyJ, 372u * 3600);
+    EXPECT_EQ(st.sAC.u32Newest, 372u);
+
+    // The shortest window is the newest record alone.
+    const auto last = window(30);
+    EXPECT_EQ(last.u32Intervals, 1u);
+    EXPECT_EQ(last.sDC.u64EnergyJ, 350u * 30);
+    // A window cuts the oldest record it reaches.
+    const auto cut = window(45);
+    EXPECT_EQ(cut.u64End - cut.u64Start, 45u);
+    EXPECT_EQ(cut.sAC.u64EnergyJ, 372u * 45);
+}
+
+TEST_F(TelemetryTest, GapsInTheLogAreFoldedOrCountedUnknown) {
+    // A missed snapshot (60 s) is one interval of 60 s; a daemon stopped for
+    // five minutes leaves nine unknown 30-second intervals.
+    writeRecords({{30000, 400, 300}, {90000, 400, 300}, {390000, 400, 500}, {420000, 400, 500}});
+    const auto st = window(3600);
+    EXPECT_EQ(st.u32Intervals, 4u);
+    EXPECT_EQ(st.u32UnknownIntervals, 9u);
+    EXPECT_EQ(st.u64Start, 0u);
+    EXPECT_EQ(st.u64End, 420u);
+    EXPECT_EQ(st.sDC.u64EnergyJ, 300u * 90 + 500 * 60);
+    EXPECT_EQ(st.sDC.u32Avg, 380u); // 57000 J over 150 known seconds
+}
+
+TEST_F(TelemetryTest, LongWindowsUseTheHistoryAndTheRecordsNewerThanIt) {
+    // Samples on the 150-s grid ending at 1500 s, one of them unknown, then
+    // records up to 1590 s of which only those after 1500 s count.
+    const uint32_t t0 = 1200;
+    writeHistory(ringFile(3, {{0, {t0, 90, 100, 110, 80, 90, 100}},
+                              {1, {t0 + 150, U, U, U, U, U, U}},
+                              {2, {t0 + 300, 190, 200, 210, 180, 190, 200}}}));
+    writeRecords({{1470000, 1000, 1000},
+                  {1500000, 1000, 1000},
+                  {1530000, 300, 250},
+                  {1560000, 300, 250},
+                  {1590000, 310, 260}});
+    const auto st = window(86400);
+    EXPECT_EQ(st.u32Intervals, 2u + 3u);
+    EXPECT_EQ(st.u32UnknownIntervals, 1u);
+    EXPECT_EQ(st.u64Start, t0 - 150u);
+    EXPECT_EQ(st.u64End, 1590u);
+    EXPECT_EQ(st.sAC.u64EnergyJ, 100u * 150 + 200 * 150 + 300 * 60 + 310 * 30);
+    EXPECT_EQ(st.sAC.u32Min, 90u);
+    EXPECT_EQ(st.sAC.u32Max, 320u);
+    EXPECT_EQ(st.sDC.u32Newest, 260u);
+
+    // Without the log, the history alone ends the window; a short window needs the log.
+    fs::remove_all(root + "/tmp/zelo_log");
+    const auto historyOnly = window(86400);
+    EXPECT_EQ(historyOnly.u64End, t0 + 300u);
+    EXPECT_EQ(historyOnly.sDC.u32Newest, 190u);
+    window(3600, ZELO_RC_NO_DATA);
+}
+
+TEST_F(TelemetryTest, AClockStepBackEndsTheWindowAtTheNewestRecord) {
+    // The history ran ahead before the firmware clock was set back: the
+    // samples later than the newest record fall outside the window.
+    writeHistory(ringFile(
+        2, {{0, {5000, 100, 100, 100, 100, 100, 100}}, {1, {5150, 100, 100, 100, 100, 100, 100}}}));
+    writeRecords({{4000000, 200, 200}, {1000000, 300, 300}});
+    const auto st = window(86400);
+    EXPECT_EQ(st.u64End, 1000u);
+    EXPECT_EQ(st.u32Intervals, 1u);
+    EXPECT_EQ(st.sAC.u64EnergyJ, 300u * 30);
+    EXPECT_EQ(st.sAC.u32Avg, 300u);
+}
+
+TEST_F(TelemetryTest, OnABladeTheDCFiguresComeFromTheACRecord) {
+    ::setenv("RUX_FAMILY", "blade", 1);
+    writeRecords({{30000, 400, 350}});
+    const auto st = window(30);
+    ::unsetenv("RUX_FAMILY");
+    EXPECT_EQ(st.sDC.u32Newest, 400u);
+    EXPECT_EQ(st.sAC.u32Newest, 350u);
+}
+
+} // namespace
+} // namespace zelo::test
