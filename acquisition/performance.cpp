@@ -40,8 +40,15 @@ constexpr PerfSource kSources[4] = {
 };
 
 uint64_t timestampOf(const PerformanceBuffer &b) {
-    return MSBMultiBytesToValue(0, b.pu8Timestamp, sizeof b.pu8Timestamp);
+    return zelo::getBe(b.pu8Timestamp, sizeof b.pu8Timestamp);
 }
+
+// Busy answers are retried, so the completion code is reported after the last.
+constexpr zelo::firmware::ExchangeTexts kXpmTexts{
+    zelo::kPrinted, "[%s] Failed to allocate memory for response buffer.\n", ZELO_RC_FAILURE,
+    "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS) and the result "
+    "code is %d.\n",
+    nullptr};
 
 } // namespace
 
@@ -60,9 +67,9 @@ uint8_t GetXPMRequestBuffer(uint8_t u8Arg1, uint8_t u8Arg2, uint8_t u8Arg3, uint
     if (request == nullptr)
         return ZELO_RC_NO_MEMORY;
     const uint8_t bytes[kXpmRequestLen] = {
-        static_cast<uint8_t>(ZELO_IANA_ID & 0xFF),
-        static_cast<uint8_t>((ZELO_IANA_ID >> 8) & 0xFF),
-        static_cast<uint8_t>((ZELO_IANA_ID >> 16) & 0xFF),
+        zelo::kEnterpriseBytes[0],
+        zelo::kEnterpriseBytes[1],
+        zelo::kEnterpriseBytes[2],
         0x04,
         u8Arg1,
         u8Arg2,
@@ -88,40 +95,35 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
         std::printf("[%s] Failed to call GetXPMRequestBuffer().\n", kName);
         return ZELO_RC_FAILURE;
     }
-    if (!x.allocateResponse(kXpmResponseLen)) {
-        std::printf("[%s] Failed to allocate memory for response buffer.\n", kName);
-        return ZELO_RC_FAILURE;
-    }
     // A busy firmware gets three attempts, 1 ms apart.
+    uint8_t rc = ZELO_RC_SUCCESS;
     for (unsigned attempt = 0; attempt < kXpmAttempts; ++attempt) {
-        std::memset(x.response, 0, kXpmResponseLen);
-        if (const int rc = x.send(CMDID_ZELO_XPM_EXTENSIONS, kXpmRequestLen, kXpmResponseLen);
-            rc != 0) {
-            std::printf("[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS) "
-                        "and the result code is %d.\n",
-                        kName, rc);
-            return ZELO_RC_FAILURE;
-        }
-        if (x.response[0] == 0)
+        rc = x.run(kName, CMDID_ZELO_XPM_EXTENSIONS, kXpmRequestLen, kXpmResponseLen, kXpmTexts);
+        if (rc == ZELO_RC_SUCCESS || x.transportFailed() || x.completionCode() == 0)
             break;
         zelo::acquisition::gSleep(kXpmRetryWaitUs);
     }
-    if (x.response[0] != 0) {
-        std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS) and "
-                    "the result code is %d.\n",
-                    kName, x.response[0]);
-        return x.response[0];
+    if (rc != ZELO_RC_SUCCESS) {
+        if (x.completionCode() != 0 && !x.transportFailed())
+            std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS) "
+                        "and the result code is %d.\n",
+                        kName, rc);
+        return rc;
     }
-    if (x.response[9] != 0 || x.response[10] > kMaxUtilisation)
+    zelo::firmware::Reader answer = x.answer();
+    if (answer.byte(9) != 0 || answer.byte(10) > kMaxUtilisation)
         return ZELO_RC_FAILURE;
-    if (x.response[8] > u8ExpectedSize) {
+    if (answer.byte(8) > u8ExpectedSize) {
         std::printf("[%s] The returned buffer size (%d) is bigger than expected size (%d)!\n",
-                    kName, x.response[8], u8ExpectedSize);
+                    kName, answer.byte(8), u8ExpectedSize);
         return ZELO_RC_FAILURE;
     }
-    std::memcpy(psBuffer, x.response + 4, kPerfBufferLen);
+    uint8_t bytes[kPerfBufferLen] = {};
+    if (!answer.copy(4, bytes))
+        return ZELO_RC_FAILURE;
+    std::memcpy(psBuffer, bytes, kPerfBufferLen);
     for (int i = 0; i < kPerfBufferLen; ++i)
-        std::printf("%d: %d\n", i, x.response[4 + i]);
+        std::printf("%d: %d\n", i, bytes[i]);
     return ZELO_RC_SUCCESS;
 }
 

@@ -1,5 +1,7 @@
 // The snapshot record: fetch the raw buffer and parse its packed big-endian
 // layout, which depends on the platform family and two capability registers.
+#include "bytes.h"
+
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
 #include <zelo/registers.h>
@@ -29,10 +31,7 @@ class Cursor {
         const std::size_t at = offset_;
         if (!skip(width))
             return 0;
-        uint64_t value = 0;
-        for (std::size_t i = 0; i < width; ++i)
-            value = (value << 8) | data_[at + i];
-        return value;
+        return zelo::getBe(data_ + at, width);
     }
     bool skip(std::size_t count) {
         if (!ok_ || count > length_ - offset_)

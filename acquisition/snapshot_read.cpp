@@ -23,28 +23,6 @@ constexpr uint32_t kBufferResponseHead = 8;
 constexpr unsigned kMaxChunkReads = 7;
 constexpr std::size_t kConfigurationFirstByte = 6;
 
-// Sends the prepared request into a zeroed area of `capacity` bytes; prints
-// and returns what went wrong.
-uint8_t run(const char *name, Exchange &x, uint32_t requestLen, uint32_t capacity) {
-    if (!x.allocateResponse(capacity)) {
-        std::printf("[%s] Failed to allocate memory for response buffer.\n", name);
-        return ZELO_RC_NO_MEMORY;
-    }
-    if (const int rc = x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, requestLen, capacity); rc != 0) {
-        std::printf("[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, "
-                    "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is %d.\n",
-                    name, rc);
-        return ZELO_RC_FAILURE;
-    }
-    if (x.response[0] != 0) {
-        std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, "
-                    "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is %d.\n",
-                    name, x.response[0]);
-        return x.response[0];
-    }
-    return ZELO_RC_SUCCESS;
-}
-
 // Reads an element's configuration block; on success `block` holds the
 // blockLen response bytes from byte 6 on.
 uint8_t readConfiguration(const char *name, uint8_t handle, uint8_t element, uint8_t *block,
@@ -56,14 +34,16 @@ uint8_t readConfiguration(const char *name, uint8_t handle, uint8_t element, uin
         return ZELO_RC_NO_MEMORY;
     }
     const auto capacity = static_cast<uint32_t>(kConfigurationFirstByte + blockLen);
-    const uint8_t rc = run(name, x, ZELO_REQUEST_HEAD_LEN, capacity);
-    if (rc == ZELO_RC_SUCCESS)
-        std::memcpy(block, x.response + kConfigurationFirstByte, blockLen);
-    return rc;
+    const uint8_t rc = x.run(name, CMDID_ZELO_INVOKE_ELEMENT_METHOD, ZELO_REQUEST_HEAD_LEN,
+                             capacity, zelo::firmware::kElementMethodTexts);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    return x.answer().copy(kConfigurationFirstByte, {block, blockLen}) ? ZELO_RC_SUCCESS
+                                                                       : ZELO_RC_FAILURE;
 }
 
 uint16_t be16(const uint8_t *p) {
-    return static_cast<uint16_t>(MSBMultiBytesToValue(0, p, 2));
+    return static_cast<uint16_t>(zelo::getBe(p, 2));
 }
 
 } // namespace
@@ -150,19 +130,22 @@ uint8_t ZELO_ReadSnapshotBuffer(uint8_t u8ModuleHandle, uint16_t u16Offset, uint
     x.request[7] = static_cast<uint8_t>(u16Offset & 0xFF);
     x.request[8] = static_cast<uint8_t>(u16Length >> 8);
     x.request[9] = static_cast<uint8_t>(u16Length & 0xFF);
-    const uint8_t rc = run(kName, x, kBufferRequestLen, u16Length + kBufferResponseHead);
+    const uint8_t rc = x.run(kName, CMDID_ZELO_INVOKE_ELEMENT_METHOD, kBufferRequestLen,
+                             u16Length + kBufferResponseHead, zelo::firmware::kElementMethodTexts);
     if (rc != ZELO_RC_SUCCESS)
         return rc;
-    *pu16Tag = be16(x.response + 4);
-    *pu16ReturnedLength = be16(x.response + 6);
+    zelo::firmware::Reader answer = x.answer();
+    *pu16Tag = static_cast<uint16_t>(answer.be(4, 2));
+    *pu16ReturnedLength = static_cast<uint16_t>(answer.be(6, 2));
     if (*pu16ReturnedLength > u16Length) {
         std::printf("[%s] The returned buffer size (%d) is bigger than expected size (%d)!\n",
                     kName, *pu16ReturnedLength, u16Length);
         return ZELO_RC_FAILURE;
     }
     // The area holds u16Length data bytes; what the firmware did not send reads as zero.
-    std::memcpy(pu8Destination, x.response + kBufferResponseHead, *pu16ReturnedLength);
-    return ZELO_RC_SUCCESS;
+    return answer.copy(kBufferResponseHead, {pu8Destination, *pu16ReturnedLength})
+               ? ZELO_RC_SUCCESS
+               : ZELO_RC_FAILURE;
 }
 
 uint8_t ReadTotalSnapshotBuffer(uint8_t u8ModuleHandle, uint16_t u16ChunkSize,

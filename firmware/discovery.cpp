@@ -1,6 +1,7 @@
 // Firmware discovery and module handle, with the per-process support cache
 // that keeps the frequent "is the firmware there?" question off the IPMI bus.
 #include "discovery_internal.h"
+#include "exchange.h"
 
 #include "report.h"
 
@@ -22,6 +23,9 @@ constexpr uint32_t kDiscoveryResponseLen = 10;
 constexpr long kRecheckSeconds = 2;
 constexpr const char *kSupportedKey = "zelo_supported_%d";
 constexpr const char *kHandleKey = "zelo_module_handle_%d";
+// A completion code is the discovery's result, not reported.
+constexpr ExchangeTexts kDiscoveryTexts{kElementMethodTexts.notice, kElementMethodTexts.allocation,
+                                        ZELO_RC_NO_MEMORY, kElementMethodTexts.transport, nullptr};
 
 // Shared by every instance number: once any instance is found, the process
 // answers "supported" for all of them without asking again.
@@ -68,36 +72,30 @@ uint8_t ZELO_FindFirmwareInstance(uint8_t u8Instance, uint8_t *pu8Descriptor1,
     *pu8Descriptor2 = 0;
     *pu8ModuleHandle = 0;
 
-    const uint8_t request[zelo::firmware::kDiscoveryRequestLen] = {
-        static_cast<uint8_t>(ZELO_IANA_ID & 0xFF),
-        static_cast<uint8_t>((ZELO_IANA_ID >> 8) & 0xFF),
-        static_cast<uint8_t>((ZELO_IANA_ID >> 16) & 0xFF),
+    using namespace zelo::firmware;
+    const uint8_t request[kDiscoveryRequestLen] = {
+        zelo::kEnterpriseBytes[0],
+        zelo::kEnterpriseBytes[1],
+        zelo::kEnterpriseBytes[2],
         u8Instance,
         0,
         1,
     };
-    uint8_t response[zelo::firmware::kDiscoveryResponseLen] = {};
-    uint32_t responseLen = sizeof response;
-    const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE, request,
-                                  sizeof request, response, &responseLen);
-    if (rc != 0) {
-        std::printf(
-            "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
-            "and the result code is %d.\n",
-            "ZELO_FindFirmwareInstance", rc);
-        return ZELO_RC_FAILURE;
-    }
-    if (response[0] != 0)
-        return response[0];
-    *pu8ModuleHandle = response[7];
+    Exchange x;
+    const uint8_t rc = x.run("ZELO_FindFirmwareInstance", CMDID_ZELO_FIND_FIRMWARE_INSTANCE,
+                             request, kDiscoveryResponseLen, kDiscoveryTexts);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    Reader answer = x.answer();
+    *pu8ModuleHandle = answer.byte(7);
     if (*pu8ModuleHandle == 0) {
         std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
                     "and the result code is %d.\n",
-                    "ZELO_FindFirmwareInstance", response[0]);
+                    "ZELO_FindFirmwareInstance", rc);
         return ZELO_RC_NO_INSTANCE;
     }
-    *pu8Descriptor1 = response[5];
-    *pu8Descriptor2 = response[6];
+    *pu8Descriptor1 = answer.byte(5);
+    *pu8Descriptor2 = answer.byte(6);
     return ZELO_RC_SUCCESS;
 }
 

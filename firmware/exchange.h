@@ -1,36 +1,101 @@
-// One element-method exchange whose request and response are released
-// together on every path, and whose received length is known.
+// One firmware exchange: send the request, check the transport's result and
+// the completion code, report failures from the caller's message row, and
+// hand back a bounded big-endian reader over the answer.
 #pragma once
 
-#include <zelo/firmware.h>
-#include <zelo/platform.h>
+#include "bytes.h"
+#include "report.h"
 
+#include <zelo/firmware.h>
+
+#include <array>
 #include <cstdint>
-#include <cstdlib>
+#include <span>
 
 namespace zelo::firmware {
 
-struct Exchange {
-    uint8_t *request = nullptr;
-    uint8_t *response = nullptr;
-    uint32_t received = 0;
+// Big-endian reads over a response area. The area is zero-filled, so bytes a
+// short answer left out read as zero; a read past the area's end reads 0 and
+// fails the decode.
+class Reader {
+  public:
+    Reader(const uint8_t *area, uint32_t size) : area_(area), size_(size) {}
+    uint64_t be(uint32_t offset, uint32_t width) {
+        if (width > 8 || offset > size_ || width > size_ - offset) {
+            ok_ = false;
+            return 0;
+        }
+        return getBe(area_ + offset, width);
+    }
+    uint8_t byte(uint32_t offset) { return static_cast<uint8_t>(be(offset, 1)); }
+    // Copies out.size() bytes from offset; nothing when they are not all there.
+    bool copy(uint32_t offset, std::span<uint8_t> out);
+    bool ok() const { return ok_; }
 
+  private:
+    const uint8_t *area_;
+    uint32_t size_;
+    bool ok_ = true;
+};
+
+// What an exchange says when it fails; every text starts with the
+// operation's name ("[%s] ...").
+struct ExchangeTexts {
+    Notice notice;
+    const char *allocation;   // no memory for the response area
+    uint8_t allocationResult; // returned then
+    const char *transport;    // with the transport's result; 255 is returned
+    const char *completion;   // with the completion code; null: not reported
+};
+
+// Printed texts of an element-method exchange.
+inline constexpr ExchangeTexts kElementMethodTexts{
+    kPrinted, "[%s] Failed to allocate memory for response buffer.\n", ZELO_RC_NO_MEMORY,
+    "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the "
+    "result code is %d.\n",
+    "[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result "
+    "code is %d.\n"};
+
+inline constexpr uint32_t kReadRequestLen = 8;
+
+// A request and its response area, released together on every path.
+class Exchange {
+  public:
     Exchange() = default;
     Exchange(const Exchange &) = delete;
     Exchange &operator=(const Exchange &) = delete;
-    ~Exchange() { CleanReadBuffer(request, response); }
+    ~Exchange();
 
-    // A zero-filled response area; false when it cannot be had.
-    bool allocateResponse(uint32_t capacity) {
-        response = static_cast<uint8_t *>(std::calloc(capacity, 1));
-        return response != nullptr;
-    }
+    uint8_t *request = nullptr; // made by one of the request builders
 
-    // Sends requestLen bytes of the request; returns the transport's result.
-    int send(uint8_t command, uint32_t requestLen, uint32_t capacity) {
-        received = capacity;
-        return IPMI_DoIPMICmd(NETFN_DUV, command, request, requestLen, response, &received);
-    }
+    // Sends the request's first requestLen bytes (or `bytes`) with `command`
+    // into a zero-filled area of `capacity` bytes. 0 when the firmware
+    // answered with completion code 0; else the allocation result, 255 for
+    // a failed transport, or the completion code.
+    uint8_t run(const char *name, uint8_t command, uint32_t requestLen, uint32_t capacity,
+                const ExchangeTexts &texts);
+    uint8_t run(const char *name, uint8_t command, std::span<const uint8_t> bytes,
+                uint32_t capacity, const ExchangeTexts &texts);
+
+    bool transportFailed() const { return transportFailed_; }
+    uint8_t completionCode() const { return area_ != nullptr ? area_[0] : 0; }
+    uint32_t received() const { return received_; }
+    Reader answer() const { return Reader(area_, capacity_); }
+    // Hands the response area to the caller, who frees it.
+    uint8_t *releaseArea();
+
+  private:
+    bool allocate(uint32_t capacity);
+
+    std::array<uint8_t, 16> small_{}; // most answers fit here
+    uint8_t *area_ = nullptr;
+    uint32_t capacity_ = 0;
+    uint32_t received_ = 0;
+    bool transportFailed_ = false;
 };
+
+// The register read behind every accessor: register id and length go into
+// bytes 6 and 7 of the request, the answer is the head and length data bytes.
+uint8_t readRegister(Exchange &x, uint8_t *request, uint8_t reg, uint8_t length);
 
 } // namespace zelo::firmware

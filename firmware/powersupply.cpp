@@ -76,9 +76,9 @@ uint8_t bit(uint16_t word, unsigned n) {
     return static_cast<uint8_t>((word >> n) & 1u);
 }
 
-void decodeConfigEntry(const char *name, const uint8_t *r, RedundancyConfigEntry &e) {
-    e.u8ConfigByte0 = r[7];
-    const auto properties = static_cast<uint16_t>(MSBMultiBytesToValue(8, r, 2));
+void decodeConfigEntry(const char *name, Reader &r, RedundancyConfigEntry &e) {
+    e.u8ConfigByte0 = r.byte(7);
+    const auto properties = static_cast<uint16_t>(r.be(8, 2));
     e.u8PowerModeBit = bit(properties, 0);
     e.u8PowerModeBitClear = e.u8PowerModeBit ^ 1u;
     e.u8PowerMode = static_cast<uint8_t>(e.u8PowerModeBit + 1);
@@ -94,18 +94,30 @@ void decodeConfigEntry(const char *name, const uint8_t *r, RedundancyConfigEntry
     std::printf("%s : Config is valid for PSUs: %d\n", name, e.u8ValidForPSUs);
     std::printf("%s : Power Mode is %d\n", name, e.u8PowerMode);
     e.u16ConfigProperties = properties;
-    e.u8RedundancyN = r[10];
-    e.u8RedundancyM = r[11];
-    e.u64ConfigWord1 = MSBMultiBytesToValue(12, r, 2);
-    e.u64ConfigWord2 = MSBMultiBytesToValue(14, r, 2);
-    e.u64ConfigWord3 = MSBMultiBytesToValue(16, r, 2);
+    e.u8RedundancyN = r.byte(10);
+    e.u8RedundancyM = r.byte(11);
+    e.u64ConfigWord1 = r.be(12, 2);
+    e.u64ConfigWord2 = r.be(14, 2);
+    e.u64ConfigWord3 = r.be(16, 2);
 }
 
-void printBufferHead(const char *name, const uint8_t *response) {
-    std::printf("%s : Bufer ID is [%d]\n", name, response[4]);
-    std::printf("%s : Bufer Index is [%d]\n", name, response[5]);
-    std::printf("%s : Bufer Length is [%d]\n", name, response[6]);
+void printBufferHead(const char *name, Reader &answer) {
+    std::printf("%s : Bufer ID is [%d]\n", name, answer.byte(4));
+    std::printf("%s : Bufer Index is [%d]\n", name, answer.byte(5));
+    std::printf("%s : Bufer Length is [%d]\n", name, answer.byte(6));
 }
+
+constexpr ExchangeTexts kConfigurationTexts{
+    kReportedError, "[%s] Failed to allocate memory for response buffer.\n", ZELO_RC_NO_MEMORY,
+    "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the result code is %d.\n",
+    "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the respbuf[0] is %d.\n"};
+constexpr ExchangeTexts kPsuTypeTexts{kPrinted, kElementMethodTexts.allocation, ZELO_RC_FAILURE,
+                                      kElementMethodTexts.transport,
+                                      kElementMethodTexts.completion};
+constexpr ExchangeTexts kConfigTexts{
+    kReportedError, "[%s] Failed to allocate memory for response buffer.\n", ZELO_RC_FAILURE,
+    "[%s] Failed to call IPMICmd(0x2E,0x81) and the result code is %d.\n",
+    "[%s] Failed to call IPMICmd(0x2E,0x81) and the resp[0] is %d.\n"};
 
 } // namespace
 } // namespace zelo::firmware
@@ -131,9 +143,7 @@ uint8_t ZELO_ReadOutputLabelPowerRegister(uint8_t u8ModuleHandle, uint8_t u8Regi
                                           uint32_t u32Count, uint32_t *pu32Power) {
     return readPerSupply(
         kOutputLabelPower, u8ModuleHandle, u8RegisterId, u32Count, pu32Power,
-        [](const uint8_t *d, uint32_t i) {
-            return static_cast<uint32_t>(MSBMultiBytesToValue(2 * i, d, 2));
-        },
+        [](const uint8_t *d, uint32_t i) { return static_cast<uint32_t>(getBe(d + 2 * i, 2)); },
         nothingAfterRead);
 }
 
@@ -176,31 +186,18 @@ uint8_t ZELO_ReadPowerSupplyElementConfigurationRegister(uint8_t u8ModuleHandle,
                kName);
         return ZELO_RC_NO_MEMORY;
     }
-    if (!x.allocateResponse(kConfigurationResponseLen)) {
-        report(kReportedError, "[%s] Failed to allocate memory for response buffer.\n", kName);
-        return ZELO_RC_NO_MEMORY;
-    }
-    if (const int rc = x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, ZELO_REQUEST_HEAD_LEN,
-                              kConfigurationResponseLen);
-        rc != 0) {
-        report(kReportedError,
-               "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the result code is %d.\n",
-               kName, rc);
+    const uint8_t rc = x.run(kName, CMDID_ZELO_INVOKE_ELEMENT_METHOD, ZELO_REQUEST_HEAD_LEN,
+                             kConfigurationResponseLen, kConfigurationTexts);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    Reader answer = x.answer();
+    const uint8_t length = answer.byte(4);
+    report(kReportedDebug, "%s: configuration data length is %d\n", kName, length);
+    if (length != kConfigurationLen) {
+        report(kReportedError, "[%s] config len [%d] is unexpected.\n", kName, length);
         return ZELO_RC_FAILURE;
     }
-    if (x.response[0] != 0) {
-        report(kReportedError,
-               "[%s] Failed to call ipmi(NETFN_DUV,ELEMENT_METHOD) and the respbuf[0] is %d.\n",
-               kName, x.response[0]);
-        return x.response[0];
-    }
-    report(kReportedDebug, "%s: configuration data length is %d\n", kName, x.response[4]);
-    if (x.response[4] != kConfigurationLen) {
-        report(kReportedError, "[%s] config len [%d] is unexpected.\n", kName, x.response[4]);
-        return ZELO_RC_FAILURE;
-    }
-    std::memcpy(pu8Config, x.response + 6, 4);
-    return ZELO_RC_SUCCESS;
+    return answer.copy(6, {pu8Config, 4}) ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
 }
 
 int ZELO_IsPowerSupplyRedundancyExposeInfoSupported(void) {
@@ -236,30 +233,16 @@ uint8_t ZELO_ReadSupportedPSUTypesIndexedBuffer(uint8_t u8ModuleHandle, uint8_t 
     x.request[6] = kPsuTypesBuffer;
     x.request[7] = u8Index;
     x.request[8] = kPsuTypeEntryLen;
-    if (!x.allocateResponse(kPsuTypeResponseLen)) {
-        std::printf("[%s] Failed to allocate memory for response buffer.\n", kName);
-        return ZELO_RC_FAILURE;
-    }
-    if (const int rc =
-            x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, kIndexedRequestLen, kPsuTypeResponseLen);
-        rc != 0) {
-        std::printf(
-            "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
-            "and the result code is %d.\n",
-            kName, rc);
-        return ZELO_RC_FAILURE;
-    }
-    if (x.response[0] != 0) {
-        std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
-                    "and the result code is %d.\n",
-                    kName, x.response[0]);
-        return x.response[0];
-    }
-    printBufferHead(kName, x.response);
-    psEntry->u8PSUTypeByte0 = x.response[7];
-    psEntry->u8PSUTypeByte1 = x.response[8];
-    psEntry->u16PSUWattage = static_cast<uint16_t>(MSBMultiBytesToValue(9, x.response, 2));
-    return ZELO_RC_SUCCESS;
+    const uint8_t rc = x.run(kName, CMDID_ZELO_INVOKE_ELEMENT_METHOD, kIndexedRequestLen,
+                             kPsuTypeResponseLen, kPsuTypeTexts);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    Reader answer = x.answer();
+    printBufferHead(kName, answer);
+    psEntry->u8PSUTypeByte0 = answer.byte(7);
+    psEntry->u8PSUTypeByte1 = answer.byte(8);
+    psEntry->u16PSUWattage = static_cast<uint16_t>(answer.be(9, 2));
+    return answer.ok() ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
 }
 
 uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle, uint8_t u8Index,
@@ -287,25 +270,15 @@ uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle,
     x.request[6] = kRedundancyConfigsBuffer;
     x.request[7] = u8Index;
     x.request[8] = static_cast<uint8_t>(entryLen & 0xFF);
-    if (!x.allocateResponse(capacity)) {
-        report(kReportedError, "[%s] Failed to allocate memory for response buffer.\n", kName);
-        return ZELO_RC_FAILURE;
-    }
-    if (const int rc = x.send(CMDID_ZELO_INVOKE_ELEMENT_METHOD, kIndexedRequestLen, capacity);
-        rc != 0) {
-        report(kReportedError,
-               "[%s] Failed to call IPMICmd(0x2E,0x81) and the result code is %d.\n", kName, rc);
-        return ZELO_RC_FAILURE;
-    }
-    if (x.response[0] != 0) {
-        report(kReportedError, "[%s] Failed to call IPMICmd(0x2E,0x81) and the resp[0] is %d.\n",
-               kName, x.response[0]);
-        return x.response[0];
-    }
-    printBufferHead(kName, x.response);
-    decodeConfigEntry(kName, x.response, *psEntry);
+    const uint8_t rc =
+        x.run(kName, CMDID_ZELO_INVOKE_ELEMENT_METHOD, kIndexedRequestLen, capacity, kConfigTexts);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    Reader answer = x.answer();
+    printBufferHead(kName, answer);
+    decodeConfigEntry(kName, answer, *psEntry);
 
-    const int listLen = static_cast<int>(x.response[6]) - static_cast<int>(kConfigEntryHeadLen);
+    const int listLen = static_cast<int>(answer.byte(6)) - static_cast<int>(kConfigEntryHeadLen);
     std::printf("%s : PSU type index buf length is [%d]\n", kName, listLen);
     uint8_t *list = listLen > 0 ? static_cast<uint8_t *>(std::calloc(listLen, 1)) : nullptr;
     if (listLen < 0 || (listLen > 0 && list == nullptr)) {
@@ -314,10 +287,10 @@ uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle,
     }
     // Copy only what arrived and what the configuration block allows; the
     // rest of a longer announced list stays zero.
-    const uint32_t arrived = x.received > kIndexListOffset ? x.received - kIndexListOffset : 0;
+    const uint32_t arrived = x.received() > kIndexListOffset ? x.received() - kIndexListOffset : 0;
     const uint32_t copied = std::min({static_cast<uint32_t>(listLen), maxListLen, arrived});
     if (copied > 0)
-        std::memcpy(list, x.response + kIndexListOffset, copied);
+        (void)answer.copy(kIndexListOffset, {list, copied});
     psEntry->pu8PSUTypeIndex = list;
     psEntry->u8PSUTypeIndexLen = static_cast<uint8_t>(listLen);
     return ZELO_RC_SUCCESS;

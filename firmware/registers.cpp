@@ -1,5 +1,6 @@
 // Named register accessors and capability queries. Each accessor is one row
 // of the lists below; the engine does the rest.
+#include "exchange.h"
 #include "register_access.h"
 
 #include <zelo/firmware.h>
@@ -47,12 +48,6 @@ constexpr Element kMaximizer{GetReadPowerMaximizerRequestBuffer,
                              "[%s] Failed to call GetReadPowerMaximizerRegisterRequestBuffer().\n",
                              nullptr, nullptr, kPrinted};
 
-struct Buffers {
-    uint8_t *request = nullptr;
-    uint8_t *response = nullptr;
-    ~Buffers() { CleanReadBuffer(request, response); }
-};
-
 } // namespace
 
 // The redundancy target follows the plain register pattern (printed); the
@@ -73,39 +68,39 @@ const Element kPowerSupplyPerSupplyElement{
 
 namespace {
 
-// Builds the read request and runs the transaction; the buffers are released
-// by their owner on every path.
+// Builds the read request and runs the exchange.
 uint8_t transact(const char *name, const Element &element, uint8_t handle, uint8_t reg,
-                 uint8_t length, Buffers &buffers) {
-    const uint8_t built = element.read(handle, &buffers.request);
-    if (buffers.request == nullptr) {
+                 uint8_t length, Exchange &x) {
+    const uint8_t built = element.read(handle, &x.request);
+    if (x.request == nullptr) {
         report(element.builderNotice, element.readFailure, name);
         return built;
     }
-    return ReadRegister(buffers.request, reg, length, &buffers.response);
+    return readRegister(x, x.request, reg, length);
 }
 
 } // namespace
 
 uint8_t readFields(const char *name, const Element &element, uint8_t handle, uint8_t reg,
                    uint8_t length, std::span<const Field> fields, std::span<uint64_t> values) {
-    Buffers buffers;
-    const uint8_t rc = transact(name, element, handle, reg, length, buffers);
+    Exchange x;
+    const uint8_t rc = transact(name, element, handle, reg, length, x);
     if (rc != ZELO_RC_SUCCESS)
         return rc;
+    Reader answer = x.answer();
     for (std::size_t i = 0; i < fields.size() && i < values.size(); ++i)
-        values[i] = MSBMultiBytesToValue(fields[i].offset, buffers.response, fields[i].width);
-    return ZELO_RC_SUCCESS;
+        values[i] = answer.be(fields[i].offset, fields[i].width);
+    return answer.ok() ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
 }
 
 uint8_t readData(const char *name, const Element &element, uint8_t handle, uint8_t reg,
                  std::span<uint8_t> data) {
-    Buffers buffers;
+    Exchange x;
     const auto length = static_cast<uint8_t>(data.size());
-    const uint8_t rc = transact(name, element, handle, reg, length, buffers);
-    if (rc == ZELO_RC_SUCCESS)
-        std::copy_n(buffers.response + ZELO_RESPONSE_HEAD_LEN, length, data.begin());
-    return rc;
+    const uint8_t rc = transact(name, element, handle, reg, length, x);
+    if (rc != ZELO_RC_SUCCESS)
+        return rc;
+    return x.answer().copy(ZELO_RESPONSE_HEAD_LEN, data) ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
 }
 
 uint8_t writeValue(const char *name, const Element &element, uint8_t handle, uint8_t reg,
@@ -117,8 +112,7 @@ uint8_t writeValue(const char *name, const Element &element, uint8_t handle, uin
         report(element.builderNotice, element.writeFailure, name);
         return built;
     }
-    for (uint8_t i = 0; i < length; ++i)
-        request[8 + i] = static_cast<uint8_t>(value >> (8 * (length - 1 - i)));
+    putBe(request + kReadRequestLen, value, length);
     const uint8_t rc = WriteRegister(request, requestLen);
     std::free(request);
     return rc;

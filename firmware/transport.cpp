@@ -1,5 +1,7 @@
 // Element-method transport: request builders and the two register
 // transactions every firmware operation is written against.
+#include "exchange.h"
+
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 
@@ -7,25 +9,27 @@
 #include <cstdlib>
 #include <cstring>
 
+namespace zelo::firmware {
 namespace {
 
-constexpr uint8_t kIana[3] = {
-    static_cast<uint8_t>(ZELO_IANA_ID & 0xFF),
-    static_cast<uint8_t>((ZELO_IANA_ID >> 8) & 0xFF),
-    static_cast<uint8_t>((ZELO_IANA_ID >> 16) & 0xFF),
-};
-
-constexpr uint32_t kReadRequestLen = 8;
 constexpr uint32_t kWriteResponseLen = ZELO_RESPONSE_HEAD_LEN;
 
-void printTransportFailure(const char *function, int rc) {
-    std::printf(
-        "[%s] Failed to call IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) and "
-        "the result code is %d.\n",
-        function, rc);
-}
+// A completion code is the register operation's result, not reported.
+constexpr ExchangeTexts kRegisterTexts{kElementMethodTexts.notice, kElementMethodTexts.allocation,
+                                       ZELO_RC_NO_MEMORY, kElementMethodTexts.transport, nullptr};
 
 } // namespace
+
+uint8_t readRegister(Exchange &x, uint8_t *request, uint8_t reg, uint8_t length) {
+    request[6] = reg;
+    request[7] = length;
+    return x.run("ReadRegister", CMDID_ZELO_INVOKE_ELEMENT_METHOD, {request, kReadRequestLen},
+                 uint32_t{length} + ZELO_RESPONSE_HEAD_LEN, kRegisterTexts);
+}
+
+} // namespace zelo::firmware
+
+using namespace zelo::firmware;
 
 extern "C" {
 
@@ -41,7 +45,7 @@ uint8_t GetInvokeElementMethodRequestBuffer(uint8_t u8ModuleHandle, uint8_t u8El
     auto *request = static_cast<uint8_t *>(std::calloc(u32RequestLen, 1));
     if (request == nullptr)
         return ZELO_RC_NO_MEMORY;
-    std::memcpy(request, kIana, sizeof kIana);
+    std::memcpy(request, zelo::kEnterpriseBytes.data(), zelo::kEnterpriseBytes.size());
     request[3] = u8ModuleHandle;
     request[4] = u8Element;
     request[5] = u8Method;
@@ -104,49 +108,26 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
     *ppu8Response = nullptr;
     if (pu8Request == nullptr) // our own guard: nothing to send
         return ZELO_RC_FAILURE;
-    pu8Request[6] = u8RegisterId;
-    pu8Request[7] = u8DataLen;
-
-    uint32_t responseLen = static_cast<uint32_t>(u8DataLen) + ZELO_RESPONSE_HEAD_LEN;
-    // Zero-filled, so bytes a short answer leaves out read as zero.
-    auto *response = static_cast<uint8_t *>(std::calloc(responseLen, 1));
-    if (response == nullptr) {
-        std::printf("[%s] Failed to allocate memory for response buffer.\n", "ReadRegister");
-        return ZELO_RC_NO_MEMORY;
-    }
-    *ppu8Response = response;
-
-    const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, pu8Request,
-                                  kReadRequestLen, response, &responseLen);
-    if (rc != 0) {
-        printTransportFailure("ReadRegister", rc);
-        return ZELO_RC_FAILURE;
-    }
-    return response[0];
+    Exchange x;
+    const uint8_t rc = readRegister(x, pu8Request, u8RegisterId, u8DataLen);
+    // The caller releases the area whatever the answer, as before any exchange.
+    *ppu8Response = x.releaseArea();
+    return rc;
 }
 
 uint8_t WriteRegister(uint8_t *pu8Request, uint32_t u32RequestLen) {
     // Our own guard: a write request carries at least register id and length.
     if (pu8Request == nullptr || u32RequestLen < kReadRequestLen)
         return ZELO_RC_FAILURE;
-    uint8_t response[kWriteResponseLen] = {};
-    uint32_t responseLen = kWriteResponseLen;
-    const int rc = IPMI_DoIPMICmd(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, pu8Request,
-                                  u32RequestLen, response, &responseLen);
-    if (rc != 0) {
-        printTransportFailure("WriteRegister", rc);
-        return ZELO_RC_FAILURE;
-    }
-    return response[0];
+    Exchange x;
+    return x.run("WriteRegister", CMDID_ZELO_INVOKE_ELEMENT_METHOD, {pu8Request, u32RequestLen},
+                 kWriteResponseLen, kRegisterTexts);
 }
 
 uint64_t MSBMultiBytesToValue(uint32_t u32Offset, const uint8_t *pu8Buffer, uint8_t u8Len) {
     if (u8Len == 0 || pu8Buffer == nullptr)
         return 0;
-    uint64_t value = 0;
-    for (uint32_t i = 0; i < u8Len; ++i)
-        value = (value << 8) | pu8Buffer[u32Offset + i];
-    return value;
+    return zelo::getBe(pu8Buffer + u32Offset, u8Len);
 }
 
 void CleanReadBuffer(uint8_t *pu8Request, uint8_t *pu8Response) {

@@ -2,6 +2,8 @@
 // codec, and replacing a file whole.
 #pragma once
 
+#include "bytes.h"
+
 #include <climits>
 #include <cstddef>
 #include <cstdint>
@@ -15,18 +17,16 @@ void traceLine(int32_t level, const char *function, const char *tag, const char 
     __attribute__((format(printf, 4, 5)));
 
 inline void putLe16(uint8_t *at, uint16_t value) {
-    at[0] = static_cast<uint8_t>(value);
-    at[1] = static_cast<uint8_t>(value >> 8);
+    putLe(at, value, 2);
 }
 inline void putLe32(uint8_t *at, uint32_t value) {
-    putLe16(at, static_cast<uint16_t>(value));
-    putLe16(at + 2, static_cast<uint16_t>(value >> 16));
+    putLe(at, value, 4);
 }
 inline uint16_t getLe16(const uint8_t *at) {
-    return static_cast<uint16_t>(at[0] | at[1] << 8);
+    return static_cast<uint16_t>(getLe(at, 2));
 }
 inline uint32_t getLe32(const uint8_t *at) {
-    return getLe16(at) | static_cast<uint32_t>(getLe16(at + 2)) << 16;
+    return static_cast<uint32_t>(getLe(at, 4));
 }
 
 // A file written beside its final path (same name plus ".tmp") and moved over

@@ -1,6 +1,7 @@
 // The metric log reader and printer. A file may come from anywhere (the
 // daemon reads any path it is given), so every count from the file bounds
 // what is allocated and nothing is trusted to be terminated.
+#include "bytes.h"
 #include "inlet_internal.h"
 #include "state.h"
 
@@ -22,9 +23,7 @@ bool getLE(FILE *file, uint64_t *value, int width) {
     if (std::fread(bytes, 1, static_cast<std::size_t>(width), file) !=
         static_cast<std::size_t>(width))
         return false;
-    *value = 0;
-    for (int i = width - 1; i >= 0; --i)
-        *value = (*value << 8) | bytes[i];
+    *value = getLe(bytes, static_cast<std::size_t>(width));
     return true;
 }
 

@@ -1,6 +1,7 @@
 // The metric log read for other processes: every file decoded whole through
 // a bounded cursor, the performance statistics taken when the file holds
 // them, so that reading asks the firmware nothing.
+#include "bytes.h"
 #include "files.h"
 #include "state.h"
 
@@ -33,9 +34,7 @@ class Cursor {
             left_ = 0;
             return 0;
         }
-        uint64_t value = 0;
-        for (std::size_t i = width; i-- > 0;)
-            value = value << 8 | at_[i];
+        const uint64_t value = getLe(at_, width);
         at_ += width;
         left_ -= width;
         return value;

@@ -1,6 +1,7 @@
 // The metric log writer: one little-endian file per new snapshot in 120
 // rotating files, the counters, the published power figures and the power
 // history sample.
+#include "bytes.h"
 #include "inlet_internal.h"
 #include "state.h"
 
@@ -32,8 +33,7 @@ void trace(const char *level, const char *message) {
 // Little-endian, field by field: the file never depends on the host's layout.
 std::size_t putLE(FILE *file, uint64_t value, int width) {
     uint8_t bytes[8];
-    for (int i = 0; i < width; ++i)
-        bytes[i] = static_cast<uint8_t>(value >> (8 * i));
+    putLe(bytes, value, static_cast<std::size_t>(width));
     return std::fwrite(bytes, 1, static_cast<std::size_t>(width), file);
 }
 

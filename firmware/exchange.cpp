@@ -1,0 +1,76 @@
+#include "exchange.h"
+
+#include <zelo/platform.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace zelo::firmware {
+
+bool Reader::copy(uint32_t offset, std::span<uint8_t> out) {
+    if (offset > size_ || out.size() > size_ - offset) {
+        ok_ = false;
+        return false;
+    }
+    std::copy_n(area_ + offset, out.size(), out.begin());
+    return true;
+}
+
+Exchange::~Exchange() {
+    std::free(request);
+    if (area_ != small_.data())
+        std::free(area_);
+}
+
+bool Exchange::allocate(uint32_t capacity) {
+    if (area_ == nullptr || capacity != capacity_) {
+        if (area_ != small_.data())
+            std::free(area_);
+        area_ = capacity <= small_.size() ? small_.data()
+                                          : static_cast<uint8_t *>(std::malloc(capacity));
+        capacity_ = area_ != nullptr ? capacity : 0;
+    }
+    if (area_ != nullptr)
+        std::memset(area_, 0, capacity_);
+    return area_ != nullptr;
+}
+
+uint8_t *Exchange::releaseArea() {
+    uint8_t *area = area_;
+    if (area == small_.data()) {
+        area = static_cast<uint8_t *>(std::malloc(capacity_));
+        if (area != nullptr)
+            std::memcpy(area, small_.data(), capacity_);
+    }
+    area_ = nullptr;
+    capacity_ = 0;
+    return area;
+}
+
+uint8_t Exchange::run(const char *name, uint8_t command, uint32_t requestLen, uint32_t capacity,
+                      const ExchangeTexts &texts) {
+    return run(name, command, {request, request != nullptr ? requestLen : 0}, capacity, texts);
+}
+
+uint8_t Exchange::run(const char *name, uint8_t command, std::span<const uint8_t> bytes,
+                      uint32_t capacity, const ExchangeTexts &texts) {
+    transportFailed_ = false;
+    if (!allocate(capacity)) {
+        report(texts.notice, texts.allocation, name);
+        return texts.allocationResult;
+    }
+    received_ = capacity;
+    const int rc = IPMI_DoIPMICmd(NETFN_DUV, command, bytes.data(),
+                                  static_cast<uint32_t>(bytes.size()), area_, &received_);
+    if (rc != 0) {
+        transportFailed_ = true;
+        report(texts.notice, texts.transport, name, rc);
+        return ZELO_RC_FAILURE;
+    }
+    if (area_[0] != 0 && texts.completion != nullptr)
+        report(texts.notice, texts.completion, name, area_[0]);
+    return area_[0];
+}
+
+} // namespace zelo::firmware
