@@ -1,7 +1,7 @@
 // The daemon: start-up, the ten-second cycle under the metric log lock, the
 // reset after a firmware restart, and the command-line options.
 #include "daemon_internal.h"
-#include "tracelog_internal.h"
+#include "tracelog/state.h"
 
 #include "metriclog/inlet_internal.h"
 #include "metriclog/state.h"

@@ -1,6 +1,6 @@
 #include "support.h"
 
-#include "../daemon/tracelog_internal.h"
+#include "tracelog/state.h"
 #include "paths.h"
 
 #include <zelo/tracelog.h>

@@ -3,7 +3,7 @@
 // simulated firmware.
 #include "fake_platform.h"
 
-#include "daemon/tracelog_internal.h"
+#include "tracelog/state.h"
 #include "events/events_internal.h"
 
 #include <zelo/events.h>

@@ -2,7 +2,7 @@
 // the load refusals, the print, and a save killed half-way.
 #include "fake_platform.h"
 
-#include "daemon/tracelog_internal.h"
+#include "tracelog/state.h"
 #include "history/history_internal.h"
 
 #include <zelo/history.h>

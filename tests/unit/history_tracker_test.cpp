@@ -2,7 +2,7 @@
 // arithmetic, the save pacing, and what the performance twin does otherwise.
 #include "fake_platform.h"
 
-#include "daemon/tracelog_internal.h"
+#include "tracelog/state.h"
 #include "history/history_internal.h"
 
 #include <zelo/history.h>

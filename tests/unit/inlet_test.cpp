@@ -2,7 +2,7 @@
 // the copy and release of such lists.
 #include "fake_platform.h"
 
-#include "daemon/tracelog_internal.h"
+#include "tracelog/state.h"
 #include "metriclog/inlet_internal.h"
 
 #include <zelo/metriclog.h>

@@ -1,7 +1,7 @@
 // The trace log's line format and its two files taking turns.
 #include "fake_platform.h"
 
-#include "daemon/tracelog_internal.h"
+#include "tracelog/state.h"
 
 #include <zelo/tracelog.h>
 

@@ -1,4 +1,4 @@
-// Trace-log state shared inside the library; not exported.
+// Trace-log state shared with the subsystems that write to it; not exported.
 #pragma once
 
 #include <cstdint>

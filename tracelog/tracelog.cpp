@@ -1,6 +1,6 @@
 // Trace log: one line per event in two files that take turns, so the trace
 // never holds much more than two files of 512 KiB.
-#include "tracelog_internal.h"
+#include "state.h"
 
 #include "paths.h"
 
