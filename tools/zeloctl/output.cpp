@@ -1,0 +1,84 @@
+#include "zeloctl.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace zeloctl {
+
+Output gOutput;
+
+void emit(const Json &object) {
+    const std::string text = object.dump(-1, ' ', false, Json::error_handler_t::replace);
+    std::fprintf(gOutput.out, "%s\n", text.c_str());
+}
+
+std::string printable(std::string_view text) {
+    std::string s;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
+            s += escaped;
+        } else {
+            s += c;
+        }
+    }
+    return s;
+}
+
+std::string isoUtc(std::time_t seconds) {
+    struct tm utc {};
+    char text[32] = "";
+    if (gmtime_r(&seconds, &utc) != nullptr)
+        std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return text;
+}
+
+int fail(const std::string &what, unsigned rc) {
+    std::fprintf(stderr, "zeloctl: %s failed, result code %u\n", what.c_str(), rc);
+    return kExitFailure;
+}
+
+int usageError(const std::string &message) {
+    std::fprintf(stderr, "zeloctl: %s\nTry 'zeloctl --help'.\n", message.c_str());
+    return kExitUsage;
+}
+
+int telemetryFailure(const char *what, unsigned rc) {
+    if (rc == 211) // ZELO_RC_NO_DATA
+        std::fprintf(stderr, "zeloctl: no %s yet (has the zelo daemon run?)\n", what);
+    else if (rc == 212) // ZELO_RC_BAD_FILE
+        std::fprintf(stderr, "zeloctl: the %s files are damaged or not zelo's, result code %u\n",
+                     what, rc);
+    else
+        std::fprintf(stderr, "zeloctl: reading the %s failed, result code %u\n", what, rc);
+    return kExitFailure;
+}
+
+bool parseNumber(const std::string &text, uint64_t max, uint64_t *value) {
+    const bool hex = text.size() > 1 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+    const std::string digits = hex ? text.substr(2) : text;
+    const char *accepted = hex ? "0123456789abcdefABCDEF" : "0123456789";
+    if (digits.empty() || digits.find_first_not_of(accepted) != std::string::npos)
+        return false;
+    if (!hex && digits.size() > 1 && digits[0] == '0') // octal-looking: 012 is not 12
+        return false;
+    errno = 0;
+    const unsigned long long v = std::strtoull(digits.c_str(), nullptr, hex ? 16 : 10);
+    if (errno != 0 || v > max)
+        return false;
+    *value = v;
+    return true;
+}
+
+bool parseHours(const std::string &text, unsigned *hours) {
+    uint64_t n = 0;
+    if (!parseNumber(text, 24, &n) || n == 0)
+        return false;
+    *hours = static_cast<unsigned>(n);
+    return true;
+}
+
+} // namespace zeloctl

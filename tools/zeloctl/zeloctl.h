@@ -1,0 +1,65 @@
+// zeloctl's parts: the output every command writes through, the firmware
+// commands, the telemetry commands and the chart.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace zeloctl {
+
+inline constexpr int kExitFailure = 1; // the firmware or the library said no, or nothing yet
+inline constexpr int kExitUsage = 2;   // the command line was wrong
+
+using Json = nlohmann::ordered_json;
+
+// Where results go. Standard output carries only what zeloctl prints (the
+// library's own diagnostics are moved away), so --json output stays clean.
+struct Output {
+    FILE *out = stdout;
+    bool json = false;
+    int32_t instance = 0;
+};
+extern Output gOutput;
+
+// One JSON object on one line; text that is not UTF-8 is replaced, not fatal.
+void emit(const Json &object);
+// Text safe for a terminal: control bytes become \xNN.
+std::string printable(std::string_view text);
+// ISO 8601 in UTC, e.g. 2026-11-24T12:00:00Z.
+std::string isoUtc(std::time_t seconds);
+
+// "zeloctl: WHAT failed, result code RC" on stderr; returns kExitFailure.
+int fail(const std::string &what, unsigned rc);
+// "zeloctl: MESSAGE" and the hint on stderr; returns kExitUsage.
+int usageError(const std::string &message);
+// "zeloctl: MESSAGE" on stderr for what the library could not read.
+int telemetryFailure(const char *what, unsigned rc);
+
+// An unsigned decimal or 0x-prefixed hexadecimal number no larger than max;
+// signs, blanks and octal-looking leading zeros are refused.
+bool parseNumber(const std::string &text, uint64_t max, uint64_t *value);
+
+int cmdDiscover();
+int cmdRegisters();
+int cmdRead(const std::string &name);
+int cmdWrite(const std::string &name, const std::string &value);
+int cmdRaw(const std::string &element, const std::string &reg, const std::string &length);
+int cmdPsu();
+int cmdRedundancy();
+int cmdExpansion();
+
+int cmdPower(const std::string &window);
+enum class HistoryFormat { Text, Json, Csv };
+int cmdHistory(bool performance, const std::string &hours, HistoryFormat format);
+int cmdMetrics(const std::string &last);
+int cmdChart(const std::string &hours, const std::string &outPath);
+
+// Hours for history and chart: 1 to 24.
+bool parseHours(const std::string &text, unsigned *hours);
+
+} // namespace zeloctl
