@@ -2,6 +2,7 @@
 // window, from files the tests write byte by byte. No script is set, so any
 // firmware exchange fails the test.
 #include "fake_platform.h"
+#include "telemetry_files.h"
 
 #include "history/history_internal.h"
 #include "metriclog/state.h"
@@ -10,100 +11,26 @@
 
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <sys/stat.h>
 
 namespace zelo::test {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace files;
 constexpr uint16_t U = ZELO_POWER_HISTORY_UNKNOWN;
-
-void putLe(Bytes &out, uint64_t value, int width) {
-    for (int i = 0; i < width; ++i)
-        out.push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-
-void writeFile(const std::string &path, const Bytes &bytes) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char *>(bytes.data()),
-               static_cast<std::streamsize>(bytes.size()));
-}
-
-// A full history file: the next index, then the 576 slots.
-Bytes ringFile(uint16_t next, const std::map<uint16_t, PowerHistorySample> &slots) {
-    Bytes out;
-    putLe(out, next, 2);
-    for (uint16_t i = 0; i < ZELO_HISTORY_SLOTS; ++i) {
-        const auto it = slots.find(i);
-        const PowerHistorySample s = it != slots.end() ? it->second : PowerHistorySample{};
-        putLe(out, s.timestamp, 4);
-        for (uint16_t v : {s.minAC, s.avgAC, s.maxAC, s.minDC, s.avgDC, s.maxDC})
-            putLe(out, v, 2);
-    }
-    return out;
-}
-
-struct Record {
-    uint64_t ms;
-    uint32_t ac, dc; // average; minimum and maximum 10 below and above
-};
-
-// One metric log file as the writer lays it out: two supplies, system AC
-// and DC only, two inlet readings, optionally the performance block.
-Bytes recordFile(const Record &r, bool perf = false) {
-    Bytes out;
-    const auto stat = [&out](uint64_t avg, uint64_t max, uint64_t min) {
-        putLe(out, avg, 8);
-        putLe(out, max, 8);
-        putLe(out, min, 8);
-    };
-    putLe(out, 2, 1);
-    stat(200, 210, 190);
-    stat(201, 211, 191);
-    putLe(out, 0, 1); // no DC supplies
-    putLe(out, 1, 1);
-    stat(r.ac, r.ac + 10, r.ac - 10);
-    putLe(out, 1, 1);
-    stat(r.dc, r.dc + 10, r.dc - 10);
-    for (int i = 0; i < 4; ++i)
-        putLe(out, 0, 1);
-    putLe(out, 24, 1);
-    putLe(out, 31, 1);
-    putLe(out, r.ms, 8);
-    putLe(out, 0x21, 1);
-    putLe(out, 2, 1);
-    for (uint32_t index : {0u, 3u}) {
-        putLe(out, index, 4);
-        std::string text = "2" + std::to_string(index) + ".5";
-        text.resize(ZELO_INLET_TEMPERATURE_TEXT, '\0');
-        out.insert(out.end(), text.begin(), text.end());
-    }
-    if (perf)
-        for (uint64_t v : {40, 50, 60, 70}) {
-            putLe(out, 1, 1);
-            stat(v, v + 5, v - 5);
-        }
-    return out;
-}
 
 class TelemetryTest : public PlatformTest {
   protected:
     std::string log(const std::string &name) { return root + "/tmp/zelo_log/" + name; }
-    // The records as the daemon leaves them: files 0.. in order, counters.
-    void writeLog(const std::vector<Bytes> &files, uint8_t last) {
-        for (std::size_t i = 0; i < files.size(); ++i)
-            writeFile(log("zelo_" + std::to_string(i) + ".log"), files[i]);
-        writeFile(log("zelo_num.log"), {static_cast<uint8_t>(files.size())});
-        writeFile(log("zelo_last.log"), {last});
+    void writeLog(const std::vector<Bytes> &records, uint8_t last) {
+        files::writeLog(root, records, last);
     }
     void writeRecords(const std::vector<Record> &records) {
-        std::vector<Bytes> files;
+        std::vector<Bytes> all;
         for (const Record &r : records)
-            files.push_back(recordFile(r));
-        writeLog(files, static_cast<uint8_t>(files.size() - 1));
+            all.push_back(recordFile(r));
+        writeLog(all, static_cast<uint8_t>(all.size() - 1));
     }
     void writeHistory(const Bytes &bytes) {
         writeFile(root + "/pstorage/power/PowerHistoryFull", bytes);

@@ -77,24 +77,34 @@ std::string localTime(uint64_t t, const char *format) {
     return text;
 }
 
-// A round upper bound for the power axis: 1, 2 or 5 times a power of ten.
+// A round upper bound for the power axis, so that five ticks read easily.
 double niceCeiling(double v) {
     if (v <= 0)
         return 100;
     const double magnitude = std::pow(10.0, std::floor(std::log10(v)));
-    for (const double step : {1.0, 2.0, 5.0, 10.0})
+    for (const double step : {1.0, 1.5, 2.0, 2.5, 3.0, 4.0, 5.0, 6.0, 8.0, 10.0})
         if (step * magnitude >= v)
             return step * magnitude;
     return 10 * magnitude;
 }
 
-// Grey where no reading came: unknown samples and gaps in the history.
+// Grey where no reading came: unknown samples and gaps in the history, one
+// rectangle for each stretch so that no seams show between samples.
 void shadeGaps(Svg &svg, const std::vector<Point> &points, int top, int bottom) {
-    const auto shade = [&](uint64_t from, uint64_t to) {
+    uint64_t from = 0, to = 0;
+    const auto flush = [&] {
         if (to > from && to > svg.start())
             svg.add("<rect x=\"" + num(svg.x(from)) + "\" y=\"" + std::to_string(top) +
                     "\" width=\"" + num(svg.x(to) - svg.x(from)) + "\" height=\"" +
                     std::to_string(bottom - top) + "\" fill=\"" + kNoReading + "\"/>");
+        from = to = 0;
+    };
+    const auto shade = [&](uint64_t a, uint64_t b) {
+        if (to != 0 && a > to)
+            flush();
+        if (to == 0)
+            from = a;
+        to = b;
     };
     uint64_t previous = 0;
     for (const Point &p : points) {
@@ -104,6 +114,7 @@ void shadeGaps(Svg &svg, const std::vector<Point> &points, int top, int bottom) 
             shade(previous, p.t - kSampleSeconds);
         previous = p.t;
     }
+    flush();
 }
 
 // Runs of consecutive known samples, each drawn on its own.

@@ -1,0 +1,204 @@
+// zeloctl's telemetry commands on files laid out as the daemon leaves them,
+// and the chart drawn by a real SVG renderer.
+#include "sim_process.h"
+#include "telemetry_files.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace zelo::test {
+namespace {
+
+using namespace files;
+using Json = nlohmann::json;
+constexpr uint16_t U = ZELO_POWER_HISTORY_UNKNOWN;
+constexpr uint32_t kEnd = 1'700'000'100; // the newest sample; a multiple of 150
+
+RunResult zeloctl(const std::vector<std::string> &args) {
+    return runProgram(ZELO_ZELOCTL_PATH, args);
+}
+
+// Parses one JSON object per line, as scripts read it; a parse error fails.
+Json parsed(const RunResult &r) {
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 1) << "one line: " << r.out;
+    return Json::parse(r.out);
+}
+
+class TelemetryCliTest : public ::testing::Test {
+  protected:
+    // Four hours of samples ending at kEnd, slots 40-49 unknown: AC 380/400/420,
+    // DC 290/300/310, CPU 50 %, memory 30 %, I/O 10 %.
+    void writeHistories() {
+        std::map<uint16_t, PowerHistorySample> power, perf;
+        for (uint16_t i = 0; i < 96; ++i) {
+            const auto t = static_cast<uint32_t>(kEnd - (95 - i) * 150);
+            const bool unknown = i >= 40 && i < 50;
+            power[i] = unknown ? PowerHistorySample{t, U, U, U, U, U, U}
+                               : PowerHistorySample{t, 380, 400, 420, 290, 300, 310};
+            perf[i] = unknown ? PowerHistorySample{t, 0, 0, 0, 0, 0, 0}
+                              : PowerHistorySample{t, 20, 40, 60, 50, 30, 10};
+        }
+        writeFile(root.path() + "/pstorage/power/PowerHistoryFull", ringFile(96, power));
+        writeFile(root.path() + "/pstorage/power/PowerPerformanceFull", ringFile(96, perf));
+    }
+    TempRoot root;
+};
+
+TEST_F(TelemetryCliTest, NothingRecordedYetAndBadArguments) {
+    for (const auto &args : std::vector<std::vector<std::string>>{
+             {"power"}, {"history"}, {"history", "--performance"}, {"metrics"}, {"chart"}}) {
+        const auto r = zeloctl(args);
+        EXPECT_EQ(r.status, 1) << testing::PrintToString(args);
+        EXPECT_NE(r.err.find("yet (has the zelo daemon run?)"), std::string::npos) << r.err;
+        EXPECT_EQ(r.out, "");
+    }
+    for (const auto &args : std::vector<std::vector<std::string>>{{"power", "--window", "0"},
+                                                                  {"power", "--window", "86401"},
+                                                                  {"power", "--window", "2d"},
+                                                                  {"power", "--window", "-1h"},
+                                                                  {"history", "--hours", "25"},
+                                                                  {"metrics", "--last", "0"},
+                                                                  {"chart", "--hours", "x"},
+                                                                  {"history", "--json", "--csv"},
+                                                                  {"power", "extra"}}) {
+        const auto r = zeloctl(args);
+        EXPECT_EQ(r.status, 2) << testing::PrintToString(args) << r.err;
+    }
+    EXPECT_EQ(zeloctl({"power", "--help"}).out.rfind("usage: zeloctl", 0), 0u);
+}
+
+TEST_F(TelemetryCliTest, HistoryItemsAreDatedAndUnknownIsExplicitInEveryFormat) {
+    writeHistories();
+    const Json history = parsed(zeloctl({"--json", "history", "--hours", "4"}));
+    ASSERT_EQ(history["Items"].size(), 96u);
+    EXPECT_EQ(history["Items"][95]["Date"], "2023-11-14T22:15:00Z");
+    EXPECT_EQ(history["Items"][95]["AvgACWatts"], 400);
+    EXPECT_TRUE(history["Items"][40]["AvgDCWatts"].is_null());
+    EXPECT_EQ(parsed(zeloctl({"--json", "history", "--hours", "1"}))["Items"].size(), 24u);
+    const Json perf = parsed(zeloctl({"history", "--performance", "--json"}));
+    EXPECT_EQ(perf["Items"][0]["CPUPercent"], 50);
+    EXPECT_TRUE(perf["Items"][45]["CPUPercent"].is_null());
+
+    const auto csv = zeloctl({"history", "--csv", "--hours", "4"});
+    EXPECT_EQ(csv.out.rfind("Date,MinACWatts,AvgACWatts,MaxACWatts,MinDCWatts,", 0), 0u);
+    std::istringstream lines(csv.out);
+    std::vector<std::string> rows;
+    for (std::string line; std::getline(lines, line);)
+        rows.push_back(line);
+    ASSERT_EQ(rows.size(), 97u);
+    EXPECT_EQ(rows[41].substr(rows[41].find(',')), ",,,,,,");
+    EXPECT_EQ(rows[96], "2023-11-14T22:15:00Z,380,400,420,290,300,310");
+    const auto text = zeloctl({"history", "--hours", "4"});
+    EXPECT_NE(text.out.find("unknown"), std::string::npos);
+}
+
+TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
+    writeHistories();
+    // Readings as a foreign sensor may name them: quotes, backslashes,
+    // control bytes and bytes that are not UTF-8.
+    const std::string hostile = "\"24\\\" C\x01\x1b[31m\xff\xfe";
+    std::vector<Bytes> records;
+    for (uint64_t i = 0; i < 3; ++i)
+        records.push_back(recordFile({(kEnd + 30 * (i + 1)) * 1000ull, 410, 305}, i == 2, hostile));
+    writeLog(root.path(), records, 2);
+
+    const Json metrics = parsed(zeloctl({"--json", "metrics", "--last", "2"}));
+    ASSERT_EQ(metrics["Records"].size(), 2u);
+    const Json &newest = metrics["Records"][1];
+    EXPECT_EQ(newest["SystemDC"]["Avg"], 305);
+    EXPECT_EQ(newest["PowerSupplyAC"][1]["Min"], 191);
+    EXPECT_TRUE(newest["CPUPower"].is_null());
+    EXPECT_EQ(newest["Performance"]["IO"]["Avg"], 70);
+    EXPECT_TRUE(metrics["Records"][0]["Performance"].is_null());
+    EXPECT_EQ(newest["InletReadings"][0]["Temperature"].get<std::string>().substr(0, 7),
+              "\"24\\\" C");
+    const auto text = zeloctl({"metrics"});
+    EXPECT_EQ(text.out.find('\x1b'), std::string::npos) << "no raw control bytes on a terminal";
+    EXPECT_NE(text.out.find("InletReadings"), std::string::npos);
+
+    // A day: the history, then the three records newer than it.
+    const Json day = parsed(zeloctl({"--json", "power", "--window", "24h"}));
+    EXPECT_EQ(day["PowerConsumedWatts"], 410);
+    EXPECT_EQ(day["MinConsumedWatts"], 380);
+    EXPECT_EQ(day["MaxConsumedWatts"], 420);
+    EXPECT_EQ(day["Intervals"], 86 + 3);
+    EXPECT_EQ(day["UnknownIntervals"], 10);
+    EXPECT_EQ(day["End"], "2023-11-14T22:16:30Z");
+    EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 90 + 30) / 60);
+    EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
+    const double energyWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
+    EXPECT_NEAR(day["EnergykWh"].get<double>(), energyWh / 1000, 0.001);
+
+    const auto text30 = zeloctl({"power", "--window", "30s"});
+    EXPECT_NE(text30.out.find("AC input      410 W    400 W    410 W    420 W"), std::string::npos)
+        << text30.out;
+}
+
+// Decoded picture: rsvg-convert draws the SVG, pngtopnm makes it raw RGB.
+struct Picture {
+    int width = 0, height = 0;
+    std::vector<uint8_t> rgb;
+    const uint8_t *at(int x, int y) const { return &rgb[3 * (y * width + x)]; }
+};
+
+Picture render(const std::string &svg, const std::string &dir) {
+    const std::string png = dir + "/chart.png", ppm = dir + "/chart.ppm";
+    Picture p;
+    if (std::system(
+            ("rsvg-convert -o " + png + " " + svg + " && pngtopnm " + png + " > " + ppm).c_str()) !=
+        0)
+        return p;
+    std::ifstream in(ppm, std::ios::binary);
+    std::string magic;
+    int max = 0;
+    in >> magic >> p.width >> p.height >> max;
+    in.get();
+    p.rgb.resize(static_cast<std::size_t>(3 * p.width * p.height));
+    in.read(reinterpret_cast<char *>(p.rgb.data()), static_cast<std::streamsize>(p.rgb.size()));
+    return p;
+}
+
+// Whether a pixel near (x, y), within dy rows, matches the colour.
+bool near(const Picture &p, int x, int y, int dy, bool (*matches)(const uint8_t *)) {
+    for (int row = y - dy; row <= y + dy; ++row)
+        if (matches(p.at(x, row)))
+            return true;
+    return false;
+}
+
+TEST_F(TelemetryCliTest, TheChartDrawsLinesWhereTheDataIsAndShadesTheUnknown) {
+    writeHistories();
+    const std::string svg = root.path() + "/chart.svg";
+    const auto r = zeloctl({"chart", "--hours", "4", "--out", svg});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const Picture p = render(svg, root.path());
+    ASSERT_EQ(p.width, 1200) << "rsvg-convert and pngtopnm must be installed";
+    ASSERT_EQ(p.height, 600);
+    // Plot area x 80-1120 over kEnd - 4 h .. kEnd; power 0-500 W over y 330-60,
+    // utilisation 0-100 % over y 530-380.
+    const auto x = [](double secondsBeforeEnd) {
+        return static_cast<int>(80 + (14400 - secondsBeforeEnd) / 14400 * 1040);
+    };
+    const auto red = [](const uint8_t *c) { return c[0] > 150 && c[1] < 110 && c[2] < 110; };
+    const auto blue = [](const uint8_t *c) { return c[2] > 130 && c[0] < 90; };
+    const auto orange = [](const uint8_t *c) { return c[0] > 200 && c[1] > 90 && c[2] < 90; };
+    const auto grey = [](const uint8_t *c) {
+        return c[0] == c[1] && c[1] == c[2] && c[0] > 200 && c[0] < 230;
+    };
+    const int known = x(3600), unknown = x(55 * 150 - 700); // inside slots 40-49
+    EXPECT_TRUE(near(p, known, 114, 3, red)) << "AC at 400 W";
+    EXPECT_TRUE(near(p, known, 168, 3, blue)) << "DC at 300 W";
+    EXPECT_TRUE(near(p, known, 455, 3, orange)) << "CPU at 50 %";
+    EXPECT_TRUE(grey(p.at(unknown, 200))) << "power panel shaded where no reading came";
+    EXPECT_TRUE(grey(p.at(unknown, 500))) << "utilisation panel shaded too";
+    EXPECT_FALSE(near(p, unknown, 114, 3, red)) << "no line across the gap";
+    EXPECT_FALSE(grey(p.at(known, 200))) << "no shade where readings came";
+}
+
+} // namespace
+} // namespace zelo::test

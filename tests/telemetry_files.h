@@ -1,0 +1,99 @@
+// What the daemon leaves on disk, written byte by byte for the telemetry
+// tests: the persisted history ring and the metric log files.
+#pragma once
+
+#include <zelo/history.h>
+#include <zelo/metriclog.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace zelo::test::files {
+
+using Bytes = std::vector<uint8_t>;
+
+inline void putLe(Bytes &out, uint64_t value, int width) {
+    for (int i = 0; i < width; ++i)
+        out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+inline void writeFile(const std::string &path, const Bytes &bytes) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char *>(bytes.data()),
+               static_cast<std::streamsize>(bytes.size()));
+}
+
+// A full history file: the next index, then the 576 slots. The performance
+// ring has the same layout (min, avg, max, cpu, mem, io in the six values).
+inline Bytes ringFile(uint16_t next, const std::map<uint16_t, PowerHistorySample> &slots) {
+    Bytes out;
+    putLe(out, next, 2);
+    for (uint16_t i = 0; i < ZELO_HISTORY_SLOTS; ++i) {
+        const auto it = slots.find(i);
+        const PowerHistorySample s = it != slots.end() ? it->second : PowerHistorySample{};
+        putLe(out, s.timestamp, 4);
+        for (uint16_t v : {s.minAC, s.avgAC, s.maxAC, s.minDC, s.avgDC, s.maxDC})
+            putLe(out, v, 2);
+    }
+    return out;
+}
+
+struct Record {
+    uint64_t ms;
+    uint32_t ac, dc; // average; minimum and maximum 10 below and above
+};
+
+// One metric log file as the writer lays it out: two supplies, system AC and
+// DC only, two inlet readings, optionally the performance block.
+inline Bytes recordFile(const Record &r, bool perf = false, const std::string &reading = "") {
+    Bytes out;
+    const auto stat = [&out](uint64_t avg, uint64_t max, uint64_t min) {
+        putLe(out, avg, 8);
+        putLe(out, max, 8);
+        putLe(out, min, 8);
+    };
+    putLe(out, 2, 1);
+    stat(200, 210, 190);
+    stat(201, 211, 191);
+    putLe(out, 0, 1); // no DC supplies
+    putLe(out, 1, 1);
+    stat(r.ac, r.ac + 10, r.ac - 10);
+    putLe(out, 1, 1);
+    stat(r.dc, r.dc + 10, r.dc - 10);
+    for (int i = 0; i < 4; ++i)
+        putLe(out, 0, 1);
+    putLe(out, 24, 1);
+    putLe(out, 31, 1);
+    putLe(out, r.ms, 8);
+    putLe(out, 0x21, 1);
+    putLe(out, 2, 1);
+    for (uint32_t index : {0u, 3u}) {
+        putLe(out, index, 4);
+        std::string text = reading.empty() ? "2" + std::to_string(index) + ".5" : reading;
+        text.resize(ZELO_INLET_TEMPERATURE_TEXT, '\0');
+        out.insert(out.end(), text.begin(), text.end());
+    }
+    if (perf)
+        for (uint64_t v : {40, 50, 60, 70}) {
+            putLe(out, 1, 1);
+            stat(v, v + 5, v - 5);
+        }
+    return out;
+}
+
+// The metric log as the daemon leaves it under root: files 0.. and counters.
+inline void writeLog(const std::string &root, const std::vector<Bytes> &records, uint8_t last) {
+    const std::string dir = root + "/tmp/zelo_log/";
+    std::filesystem::create_directories(dir);
+    for (std::size_t i = 0; i < records.size(); ++i)
+        writeFile(dir + "zelo_" + std::to_string(i) + ".log", records[i]);
+    writeFile(dir + "zelo_num.log", {static_cast<uint8_t>(records.size())});
+    writeFile(dir + "zelo_last.log", {last});
+}
+
+} // namespace zelo::test::files
