@@ -48,10 +48,12 @@ uint32_t saturated(uint64_t value) {
     return static_cast<uint32_t>(std::min<uint64_t>(value, UINT32_MAX));
 }
 
+// A record's own minimum and maximum come from the histogram's coarse
+// buckets; the history keeps the extremes of the 30-second averages, and so
+// does every window, whichever source it reads.
 Watts wattsOf(const MetricStat *stat) {
-    if (stat == nullptr)
-        return {0, 0, 0};
-    return {saturated(stat->u64Min), saturated(stat->u64Avg), saturated(stat->u64Max)};
+    const uint32_t avg = stat != nullptr ? saturated(stat->u64Avg) : 0;
+    return {avg, avg, avg};
 }
 
 // The figures the writer publishes: on a blade the DC power is in the AC record.

@@ -31,7 +31,8 @@ typedef struct {
     uint8_t u8Unknown;
 } PowerPerformanceItem;
 
-/* One power quantity over a window, in watts. */
+/* One power quantity over a window, in watts. Minimum and maximum are the
+ * extremes of the 30-second averages, as the 24-hour history keeps them. */
 typedef struct {
     uint32_t u32Newest; /* average of the newest metric record */
     uint32_t u32Min;

@@ -5,10 +5,12 @@
 #include <zelo/platform.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -32,7 +34,8 @@ std::string readFile(const std::string &path) {
 // A running daemon; its output goes to files under the root.
 class DaemonProcess {
   public:
-    DaemonProcess(const std::string &root, const std::vector<std::string> &args = {})
+    DaemonProcess(const std::string &root, const std::vector<std::string> &args = {},
+                  const char *rate = "+0 x20")
         : root_(root) {
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -41,7 +44,7 @@ class DaemonProcess {
             // The library preloaded into the daemon itself (the faketime
             // wrapper would stand between the test and the daemon's signals).
             ::setenv("LD_PRELOAD", ZELO_LIBFAKETIME, 1);
-            ::setenv("FAKETIME", "+0 x20", 1);
+            ::setenv("FAKETIME", rate, 1);
             // A sanitizer runtime must not insist on coming first.
             ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1", 1);
             std::vector<std::string> argv = {ZELO_DAEMON_PATH};
@@ -256,6 +259,62 @@ TEST_F(DaemonTest, OptionsDebugPrintAndRead) {
         EXPECT_EQ(r.status, 0) << testing::PrintToString(args);
         EXPECT_EQ(r.out, usage) << testing::PrintToString(args);
     }
+}
+
+// Seconds since the epoch of an ISO 8601 UTC date as zeloctl writes it.
+std::time_t fromIso(const std::string &date) {
+    struct tm utc {};
+    return ::strptime(date.c_str(), "%Y-%m-%dT%H:%M:%SZ", &utc) != nullptr ? ::timegm(&utc) : 0;
+}
+
+TEST_F(DaemonTest, TwoHoursAtConstantPowerReadBackAsSuch) {
+    // Two hundred times real time: two simulated hours take 36 seconds.
+    const std::time_t started = std::time(nullptr);
+    const auto begun = Clock::now();
+    SimProcess sim(root.path(), scenarioHead + "power constant 350\nsnapshot-period 30000\n",
+                   {"--time-scale", "200"});
+    DaemonProcess zelo(root.path(), {}, "+0 x200");
+    const auto zeloctl = [](const std::vector<std::string> &args) {
+        const auto r = runProgram(ZELO_ZELOCTL_PATH, args);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return nlohmann::json::parse(r.status == 0 ? r.out : "{}");
+    };
+    // Until the persisted history spans two hours.
+    nlohmann::json items;
+    for (const auto deadline = Clock::now() + std::chrono::seconds(150); Clock::now() < deadline;
+         std::this_thread::sleep_for(std::chrono::seconds(1))) {
+        const auto r = runProgram(ZELO_ZELOCTL_PATH, {"--json", "history"});
+        if (r.status != 0)
+            continue;
+        items = nlohmann::json::parse(r.out)["Items"];
+        if (items.size() > 1 &&
+            fromIso(items.back()["Date"]) - fromIso(items[0]["Date"]) >= 2 * 3600 - 150)
+            break;
+    }
+    ASSERT_GT(items.size(), 1u) << zelo.trace();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begun);
+    EXPECT_GE(fromIso(items[0]["Date"]), started);
+    EXPECT_LE(fromIso(items.back()["Date"]), started + 200 * (elapsed.count() + 1));
+    EXPECT_GE(fromIso(items.back()["Date"]) - fromIso(items[0]["Date"]), 2 * 3600 - 150);
+
+    for (const char *window : {"1h", "24h"}) {
+        const auto power = zeloctl({"--json", "power", "--window", window});
+        SCOPED_TRACE(window + std::string(": ") + power.dump());
+        const auto &dc = power["DC"];
+        EXPECT_EQ(dc["MinConsumedWatts"], 350);
+        EXPECT_EQ(dc["AverageConsumedWatts"], 350);
+        EXPECT_EQ(dc["MaxConsumedWatts"], 350);
+        const auto ac = power["AverageConsumedWatts"].get<double>();
+        EXPECT_GT(ac, 350);
+        EXPECT_EQ(power["MinConsumedWatts"], ac);
+        EXPECT_EQ(power["MaxConsumedWatts"], ac);
+        EXPECT_EQ(power["PowerConsumedWatts"], ac);
+        EXPECT_EQ(power["UnknownIntervals"], 0);
+        const double hours = power["IntervalInMin"].get<double>() / 60;
+        EXPECT_NEAR(power["EnergykWh"].get<double>(), ac * hours / 1000, ac * hours / 1000 / 100);
+    }
+    EXPECT_EQ(zeloctl({"--json", "power", "--window", "1h"})["IntervalInMin"], 60);
+    EXPECT_EQ(zelo.terminate(), 15);
 }
 
 } // namespace
