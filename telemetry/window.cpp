@@ -56,11 +56,13 @@ Watts wattsOf(const MetricStat *stat) {
     return {avg, avg, avg};
 }
 
-// The figures the writer publishes: on a blade the DC power is in the AC record.
+// The figures the writer publishes: on a blade the DC power is in the AC
+// record. A record without DC power is a failed reading, as the history
+// takes it, not a reading of 0 W.
 Interval recordInterval(const SnapshotBuffer &s, bool blade) {
-    const MetricStat *ac = blade ? s.psSystemDC : s.psSystemAC;
-    const MetricStat *dc = blade ? s.psSystemAC : s.psSystemDC;
-    return {s.u64Timestamp, kRecordMs, 2 * kRecordMs, true, wattsOf(ac), wattsOf(dc)};
+    const Watts ac = wattsOf(blade ? s.psSystemDC : s.psSystemAC);
+    const Watts dc = wattsOf(blade ? s.psSystemAC : s.psSystemDC);
+    return {s.u64Timestamp, kRecordMs, 2 * kRecordMs, dc.avg != 0, ac, dc};
 }
 
 Interval sampleInterval(const PowerHistoryItem &item) {

@@ -48,7 +48,7 @@ typedef struct {
     uint64_t u64Start;      /* seconds since the epoch: start of the oldest interval used */
     uint64_t u64End;        /* seconds since the epoch: the newest metric record's time */
     uint32_t u32Intervals;  /* known intervals used (metric records and history samples) */
-    uint32_t u32UnknownIntervals; /* intervals of the window with no reading */
+    uint32_t u32UnknownIntervals; /* intervals with no reading, or none with DC power */
 } PowerWindowStats;
 
 ZELO_BEGIN_DECLS

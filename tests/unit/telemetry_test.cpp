@@ -232,13 +232,20 @@ TEST_F(TelemetryTest, AnHourOfRecordsCoversExactlyTheHour) {
 
 TEST_F(TelemetryTest, GapsInTheLogAreFoldedOrCountedUnknown) {
     // A missed snapshot (60 s) is one interval of 60 s; a daemon stopped for
-    // five minutes leaves nine unknown 30-second intervals.
-    writeRecords({{30000, 400, 300}, {90000, 400, 300}, {390000, 400, 500}, {420000, 400, 500}});
+    // five minutes leaves nine unknown 30-second intervals; a record without
+    // DC power is a failed reading, one more.
+    writeRecords({{30000, 400, 300},
+                  {90000, 400, 300},
+                  {390000, 400, 500},
+                  {420000, 400, 500},
+                  {450000, 0, 0}});
     const auto st = window(3600);
     EXPECT_EQ(st.u32Intervals, 4u);
-    EXPECT_EQ(st.u32UnknownIntervals, 9u);
+    EXPECT_EQ(st.u32UnknownIntervals, 10u);
     EXPECT_EQ(st.u64Start, 0u);
-    EXPECT_EQ(st.u64End, 420u);
+    EXPECT_EQ(st.u64End, 450u);
+    EXPECT_EQ(st.sDC.u32Newest, 500u) << "the newest reading";
+    EXPECT_EQ(st.sAC.u32Min, 400u);
     EXPECT_EQ(st.sDC.u64EnergyJ, 300u * 90 + 500 * 60);
     EXPECT_EQ(st.sDC.u32Avg, 380u); // 57000 J over 150 known seconds
 }
