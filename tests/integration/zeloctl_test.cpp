@@ -2,6 +2,7 @@
 #include "sim_process.h"
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <filesystem>
@@ -117,6 +118,24 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
         EXPECT_TRUE(contains(r.err, c.error)) << r.err;
     }
     EXPECT_EQ(zeloctl({"read", "power-cap"}).out, "power-cap: watts=300\n") << "nothing written";
+}
+
+TEST_F(ZeloctlTest, EveryFirmwareCommandPrintsOneParsableJsonObject) {
+    SimProcess sim(root.path(), scenarioFile("redundancy.scn"));
+    for (const auto &args : std::vector<std::vector<std::string>>{{"discover"},
+                                                                  {"registers"},
+                                                                  {"read", "standby-power"},
+                                                                  {"write", "power-cap", "400"},
+                                                                  {"raw", "7", "0", "2"},
+                                                                  {"psu"},
+                                                                  {"redundancy"},
+                                                                  {"expansion"}}) {
+        std::vector<std::string> line{"--json"};
+        line.insert(line.end(), args.begin(), args.end());
+        const auto r = zeloctl(line);
+        ASSERT_EQ(r.status, 0) << args[0] << ": " << r.err;
+        EXPECT_TRUE(nlohmann::json::parse(r.out).is_object()) << r.out;
+    }
 }
 
 TEST_F(ZeloctlTest, HelpForEveryCommand) {
