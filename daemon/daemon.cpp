@@ -66,8 +66,9 @@ void makeDir(const char *absPath) {
     const std::size_t len = std::strlen(path);
     if (len > 1 && path[len - 1] == '/')
         path[len - 1] = '\0'; // the directory itself gets the daemon's mode below
-    if (makeDirectories(path, false))
-        (void)::mkdir(path, 070);
+    // Exactly 070 whatever the umask: the group of the controller's services reads it.
+    if (makeDirectories(path, false) && ::mkdir(path, 070) == 0)
+        (void)::chmod(path, 070);
 }
 
 // Removes every entry of the metric log directory, the lock file included.

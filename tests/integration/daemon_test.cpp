@@ -101,6 +101,13 @@ class DaemonTest : public ::testing::Test {
     void SetUp() override {
         if (std::string(ZELO_TEST_EMULATOR).size() > 0 || std::string(ZELO_LIBFAKETIME).empty())
             GTEST_SKIP() << "libfaketime is a library of the build host";
+        // The daemon would refuse to start beside another process named zelo.
+        for (const auto &entry : fs::directory_iterator("/proc")) {
+            const std::string name = readFile(entry.path().string() + "/comm");
+            ASSERT_NE(name, "zelo\n")
+                << "another process named zelo runs (pid " << entry.path().filename().string()
+                << "); run the daemon tests in their own PID namespace, as scripts/test does";
+        }
         // Traces the cycle's tag line, and the history's routine lines.
         ASSERT_NE(kiv_config_set_int("ZELO_power_history_log_level", 1, 1), 0);
         // The controller's persistent storage; the histories live below it.
