@@ -102,16 +102,7 @@ void releaseBuckets(HistogramData &h) {
     h.pu8BucketData = nullptr;
 }
 
-struct Daemon {
-    bool debug = false;
-    uint16_t u16LastTag = 0;
-    PerformanceData sPerformanceData{};
-
-    void seedFirstSnapshot();
-    void firstPerformance();
-    void cycle();
-    int saveAndEnd();
-};
+} // namespace
 
 int Daemon::saveAndEnd() {
     savePowerHistory();
@@ -222,6 +213,8 @@ void Daemon::cycle() {
         }
     }
 }
+
+namespace {
 
 int runDaemon(bool debug) {
     makeDir("/tmp/zelo_trace/");

@@ -1,7 +1,10 @@
 // Daemon internals shared with tests; not exported.
 #pragma once
 
+#include <zelo/acquisition.h>
+
 #include <csignal>
+#include <cstdint>
 
 namespace zelo::daemon {
 
@@ -10,5 +13,19 @@ extern volatile std::sig_atomic_t gTerminateSignal;
 
 // 1 when this process may run, 0 when another zelo runs.
 int CheckProcess();
+
+// The daemon's own state across cycles.
+struct Daemon {
+    bool debug = false;
+    uint16_t u16LastTag = 0;
+    PerformanceData sPerformanceData{};
+
+    void seedFirstSnapshot();
+    void firstPerformance();
+    // One ten-second cycle under the metric log lock: the snapshot, and the
+    // performance figures.
+    void cycle();
+    int saveAndEnd();
+};
 
 } // namespace zelo::daemon

@@ -56,11 +56,12 @@ Reading getReading(FILE *file, BladeInletSensorBuffer &list) {
     return Reading::Linked;
 }
 
-bool readStoredFile(uint8_t index, SnapshotBuffer *s, BladeInletSensorBuffer *l, PerfMetricSet *f) {
+bool readStoredFile(uint8_t index, SnapshotBuffer *s, BladeInletSensorBuffer *l, PerfMetricSet *f,
+                    int perfSupported) {
     char name[32];
     std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir, static_cast<unsigned>(index));
     char path[PATH_MAX];
-    return logPath(name, path, sizeof path) && ReadMeticValueFromFile(path, s, l, f) == 0;
+    return logPath(name, path, sizeof path) && readMetricFile(path, s, l, f, perfSupported) == 0;
 }
 
 } // namespace
@@ -96,6 +97,15 @@ void ReadMetricData(FILE *psFile, uint8_t *pu8Count, MetricStat **ppsStats) {
 
 int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
                            BladeInletSensorBuffer *psInlet, PerfMetricSet *psPerf) {
+    return readMetricFile(pszPath, psBuffer, psInlet, psPerf, kAskWhenNeeded);
+}
+
+} // extern "C"
+
+namespace zelo::metriclog {
+
+int readMetricFile(const char *pszPath, SnapshotBuffer *psBuffer, BladeInletSensorBuffer *psInlet,
+                   PerfMetricSet *psPerf, int perfSupported) {
     if (pszPath == nullptr || psBuffer == nullptr || psInlet == nullptr)
         return 1;
     FILE *file = std::fopen(pszPath, "rb");
@@ -133,7 +143,9 @@ int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
     }
     psInlet->u8SensorNum = linked;
 
-    if (psPerf != nullptr && NM_Performance_IsSupported() == 1) {
+    if (psPerf != nullptr && perfSupported == kAskWhenNeeded)
+        perfSupported = NM_Performance_IsSupported();
+    if (psPerf != nullptr && perfSupported == 1) {
         for (MetricStat **perf :
              {&psPerf->psSystemPerf, &psPerf->psCPUPerf, &psPerf->psMemoryPerf, &psPerf->psIOPerf})
             ReadMetricData(file, &present, perf);
@@ -141,6 +153,10 @@ int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
     std::fclose(file);
     return 0;
 }
+
+} // namespace zelo::metriclog
+
+extern "C" {
 
 int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInlets,
                    PerfMetricSet **ppsPerfs, uint8_t *pu8Count) {
@@ -169,7 +185,9 @@ int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInle
         UnlockValue();
         return 0;
     }
-    const bool withPerf = NM_Performance_IsSupported() == 1;
+    // Asked once for the whole log, under the lock.
+    const int supported = NM_Performance_IsSupported();
+    const bool withPerf = supported == 1;
     auto *buffers = static_cast<SnapshotBuffer *>(std::calloc(count, sizeof(SnapshotBuffer)));
     auto *inlets =
         static_cast<BladeInletSensorBuffer *>(std::calloc(count, sizeof(BladeInletSensorBuffer)));
@@ -189,7 +207,8 @@ int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInle
     unsigned index = (last + 1u) % count;
     for (unsigned attempt = 0; attempt < attempts; ++attempt) {
         PerfMetricSet *perf = perfs != nullptr ? &perfs[filled] : nullptr;
-        if (readStoredFile(static_cast<uint8_t>(index), &buffers[filled], &inlets[filled], perf)) {
+        if (readStoredFile(static_cast<uint8_t>(index), &buffers[filled], &inlets[filled], perf,
+                           supported)) {
             ++filled;
         } else {
             WriteToLog("GetMetricValue", "ERROR", "File doesn't exist");

@@ -32,6 +32,12 @@ static_assert(1 + 1 + 6 * kOptionalBytes + 1 + 1 + 8 + 1 + 1 == 164);
 // The same with the four performance records.
 static_assert(164 + 4 * kOptionalBytes == 264);
 
+// ReadMeticValueFromFile with the performance-support answer already known
+// (kAskWhenNeeded: asked after the readings, as the exported reader does).
+inline constexpr int kAskWhenNeeded = -1;
+int readMetricFile(const char *path, SnapshotBuffer *buffer, BladeInletSensorBuffer *inlet,
+                   PerfMetricSet *perf, int perfSupported);
+
 // Resolves a system path under the root into a PATH_MAX buffer.
 bool logPath(const char *absPath, char *out, std::size_t cap);
 

@@ -85,6 +85,7 @@ extern "C" {
 
 int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t requestLen,
                    uint8_t *response, uint32_t *responseLen) {
+    ++gFake.exchanges;
     const zelo::test::Bytes sent(request, request + requestLen);
     if (gFake.firmware != nullptr) {
         const auto answer = gFake.firmware->handle(netFn, cmd, sent);
@@ -174,6 +175,15 @@ int kiv_config_clear(const char *key) {
     gFake.storeCalls.push_back(std::string("clear ") + key);
     gFake.store.erase(key);
     return 1;
+}
+
+// No child processes in unit tests: a command that cannot be started.
+FILE *secure_popen(const char *, const char *) {
+    return nullptr;
+}
+
+int secure_pclose(FILE *) {
+    return -1;
 }
 
 } // extern "C"

@@ -33,6 +33,7 @@ struct FakePlatform {
     sim::Firmware *firmware = nullptr;
     std::size_t next = 0;
     uint32_t lastCapacity = 0;
+    std::size_t exchanges = 0; // every IPMI_DoIPMICmd, scripted or answered by the firmware
 
     std::map<std::string, int64_t> store;
     std::vector<std::string> storeCalls; // "get_bool k", "set_int k=5 flag 1", "clear k"

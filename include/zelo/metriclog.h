@@ -46,8 +46,14 @@ ZELO_API size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psSta
 ZELO_API void ReadMetricData(FILE *psFile, uint8_t *pu8Count, MetricStat **ppsStats);
 ZELO_API int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
                                     BladeInletSensorBuffer *psInlet, PerfMetricSet *psPerf);
+/* Every stored record, oldest first. The firmware is asked once per call,
+ * under the lock, whether it offers performance figures; the answer serves
+ * every file. */
 ZELO_API int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInlets,
                             PerfMetricSet **ppsPerfs, uint8_t *pu8Count);
+/* Releases what GetMetricValue handed out. Like FreeSignalMetricValue it
+ * never asks the firmware: a non-null performance record was allocated by the
+ * library and is released whatever the firmware would answer now. */
 ZELO_API void FreeMetricValue(SnapshotBuffer *psBuffers, BladeInletSensorBuffer *psInlets,
                               PerfMetricSet *psPerfs, uint8_t u8Count);
 ZELO_API void PrintMetricValue(const MetricStat *psStats, int s32Count, const char *pszLabel);
