@@ -43,6 +43,13 @@ void collect(bool on) {
     }
 }
 
+// The platform's own work (store, events) is not the library's either.
+struct PlatformCall {
+    bool was = gCollecting;
+    PlatformCall() { collect(false); }
+    ~PlatformCall() { collect(was); }
+};
+
 struct Io {
     uint64_t wchar = 0, syscr = 0, syscw = 0;
 };
@@ -93,40 +100,44 @@ extern "C" {
 
 int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t requestLen,
                    uint8_t *response, uint32_t *responseLen) {
-    const bool was = gCollecting;
-    collect(false);
+    const PlatformCall call;
     ++gExchanges;
     const auto answer = gFirmware->handle(netFn, cmd, {request, requestLen});
     const auto n = std::min<std::size_t>(answer.size(), *responseLen);
     std::copy_n(answer.begin(), n, response);
     *responseLen = static_cast<uint32_t>(n);
-    collect(was);
     return 0;
 }
 int GetAllSensorInfoByType(uint32_t *, uint32_t, const uint8_t *, uint8_t *) {
     return -1;
 }
 int kiv_config_get_bool(const char *key, uint8_t *value) {
+    const PlatformCall call;
     const auto it = gStore.find(key);
     return it == gStore.end() ? 0 : (*value = static_cast<uint8_t>(it->second), 1);
 }
 int kiv_config_get_int(const char *key, int *value) {
+    const PlatformCall call;
     const auto it = gStore.find(key);
     return it == gStore.end() ? 0 : (*value = static_cast<int>(it->second), 1);
 }
 int kiv_config_set_bool(const char *key, uint8_t value, int) {
+    const PlatformCall call;
     gStore[key] = value;
     return 1;
 }
 int kiv_config_set_int(const char *key, int value, int) {
+    const PlatformCall call;
     gStore[key] = value;
     return 1;
 }
 int kiv_config_set_int64(const char *key, int64_t value, int) {
+    const PlatformCall call;
     gStore[key] = value;
     return 1;
 }
 int kiv_config_clear(const char *key) {
+    const PlatformCall call;
     gStore.erase(key);
     return 1;
 }

@@ -9,24 +9,53 @@
 
 namespace zelo {
 
+namespace {
+
+// The root as last read from the environment, and without its trailing
+// separators: taken apart when it changes, not for every path of every file
+// operation.
+struct Root {
+    char env[PATH_MAX] = "";
+    char text[PATH_MAX] = "";
+    std::size_t length = 0;
+    bool known = false;
+};
+thread_local Root gRoot;
+
+const Root *currentRoot() {
+    const char *env = std::getenv(kRootEnv);
+    if (env == nullptr || env[0] == '\0')
+        env = "/";
+    if (gRoot.known && std::strcmp(gRoot.env, env) == 0)
+        return &gRoot;
+    std::size_t length = std::strlen(env);
+    if (length >= sizeof gRoot.env)
+        return nullptr;
+    std::memcpy(gRoot.env, env, length + 1);
+    // Avoid a doubled separator: "/" + "/tmp" is "/tmp", "/r/" + "/tmp" is "/r/tmp".
+    while (length > 0 && env[length - 1] == '/')
+        --length;
+    std::memcpy(gRoot.text, env, length);
+    gRoot.text[length] = '\0';
+    gRoot.length = length;
+    gRoot.known = true;
+    return &gRoot;
+}
+
+} // namespace
+
 bool resolvePath(const char *absPath, char *out, std::size_t cap) {
     if (out == nullptr || cap == 0)
         return false;
     out[0] = '\0';
     if (absPath == nullptr)
         return false;
-    const char *root = std::getenv(kRootEnv);
-    if (root == nullptr || root[0] == '\0')
-        root = "/";
-    std::size_t rootLen = std::strlen(root);
-    // Avoid a doubled separator: "/" + "/tmp" is "/tmp", "/r/" + "/tmp" is "/r/tmp".
-    while (rootLen > 0 && root[rootLen - 1] == '/')
-        --rootLen;
-    const int n = std::snprintf(out, cap, "%.*s%s", static_cast<int>(rootLen), root, absPath);
-    if (n < 0 || static_cast<std::size_t>(n) >= cap) {
-        out[0] = '\0';
+    const Root *root = currentRoot();
+    const std::size_t pathLength = std::strlen(absPath);
+    if (root == nullptr || root->length + pathLength >= cap)
         return false;
-    }
+    std::memcpy(out, root->text, root->length);
+    std::memcpy(out + root->length, absPath, pathLength + 1);
     return true;
 }
 

@@ -8,6 +8,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <sys/stat.h>
 
@@ -17,6 +18,22 @@ int32_t s32PowerHistoryLogLevel = 0;
 uint32_t u32TraceLogIndex = 0;
 
 namespace {
+
+// The file written to stays open and its size is counted as lines go in, so
+// a line costs a write and no path lookup; it is reopened when it rotates,
+// when its path changes or when it was removed.
+struct OpenLog {
+    FILE *file = nullptr;
+    char path[PATH_MAX] = "";
+    uint64_t size = 0;
+};
+thread_local OpenLog gLog; // per thread, as each caller's own stream
+
+void closeLog() {
+    if (gLog.file != nullptr)
+        std::fclose(gLog.file);
+    gLog = OpenLog{};
+}
 
 bool currentLogPath(char *out, std::size_t cap) {
     char path[256];
@@ -52,29 +69,64 @@ FILE *OpenCurrentLog(int s32Truncate) {
 }
 
 int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMessage) {
-    char stamp[512];
+    // The local time stamp changes once a second; lines come far more often.
+    thread_local std::time_t stampedAt = -1;
+    thread_local char stamp[64];
     const std::time_t now = std::time(nullptr);
-    struct tm local {};
-    localtime_r(&now, &local);
-    std::snprintf(stamp, sizeof stamp, "%d%02d%02d-%02d%02d%02d", local.tm_year + 1900,
-                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-
-    FILE *file = nullptr;
-    if (GetCurrentLogSize() > kRotateAboveBytes) {
-        u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
-        file = OpenCurrentLog(1);
-    } else {
-        file = OpenCurrentLog(0);
+    if (now != stampedAt) {
+        struct tm local {};
+        localtime_r(&now, &local);
+        std::snprintf(stamp, sizeof stamp, "%d%02d%02d-%02d%02d%02d", local.tm_year + 1900,
+                      local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+        stampedAt = now;
     }
-    if (file == nullptr)
-        return 0;
 
-    const char *level = pszLevel != nullptr ? pszLevel : "";
-    if (pszFunction != nullptr && pszMessage != nullptr)
-        std::fprintf(file, "%s [%s] \"%s\": %s\n", stamp, level, pszFunction, pszMessage);
-    else
-        std::fprintf(file, "%s [%s] Empty msg\n", stamp, level);
-    return std::fclose(file);
+    char path[PATH_MAX];
+    if (!currentLogPath(path, sizeof path)) {
+        closeLog();
+        return 0;
+    }
+    // A file removed under the open stream (an administrator clearing the
+    // trace) would swallow every later line: the name is opened again.
+    struct stat open {};
+    if (gLog.file != nullptr && (std::strcmp(gLog.path, path) != 0 ||
+                                 ::fstat(::fileno(gLog.file), &open) != 0 || open.st_nlink == 0))
+        closeLog();
+    if (gLog.file == nullptr) {
+        gLog.file = std::fopen(path, "a+e");
+        struct stat st {};
+        if (gLog.file == nullptr || ::fstat(::fileno(gLog.file), &st) != 0) {
+            closeLog();
+            return 0;
+        }
+        std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
+        gLog.size = st.st_size < 0 ? 0 : static_cast<uint64_t>(st.st_size);
+    }
+    if (gLog.size > kRotateAboveBytes) {
+        closeLog();
+        u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
+        if (!currentLogPath(path, sizeof path) || (gLog.file = std::fopen(path, "w+e")) == nullptr)
+            return 0;
+        std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
+    }
+
+    // STAMP [LEVEL] "FUNCTION": MESSAGE, or STAMP [LEVEL] Empty msg: put
+    // together piece by piece, with no format to parse for every line.
+    const bool whole = pszFunction != nullptr && pszMessage != nullptr;
+    const char *pieces[] = {stamp,
+                            " [",
+                            pszLevel != nullptr ? pszLevel : "",
+                            whole ? "] \"" : "] Empty msg\n",
+                            whole ? pszFunction : "",
+                            whole ? "\": " : "",
+                            whole ? pszMessage : "",
+                            whole ? "\n" : ""};
+    for (const char *piece : pieces) {
+        const std::size_t length = std::strlen(piece);
+        gLog.size += std::fwrite(piece, 1, length, gLog.file);
+    }
+    // Readers see every line at once, as when the file was closed after each.
+    return std::fflush(gLog.file);
 }
 
 int WriteToPowerHistoryLog(int32_t s32Level, const char *pszFunction, const char *pszLevel,
