@@ -7,7 +7,6 @@
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -131,7 +130,12 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
         *at++ = static_cast<char>('0' + i);
         *at++ = ':';
         *at++ = ' ';
-        at = std::to_chars(at, at + 3, bytes[i]).ptr;
+        const unsigned value = bytes[i];
+        if (value >= 100)
+            *at++ = static_cast<char>('0' + value / 100);
+        if (value >= 10)
+            *at++ = static_cast<char>('0' + value / 10 % 10);
+        *at++ = static_cast<char>('0' + value % 10);
         *at++ = '\n';
     }
     std::fwrite(text, 1, static_cast<std::size_t>(at - text), stdout);
