@@ -19,8 +19,11 @@
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
+#include <fcntl.h>
 #include <initializer_list>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace zelo::daemon {
 
@@ -35,6 +38,7 @@ constexpr const char *kUsage =
     "mode.\n   -r: read log file.\n   -P: print full power history.";
 constexpr unsigned kCycleSeconds = 10;
 constexpr const char *kLogLevelKey = "ZELO_power_history_log_level";
+constexpr const char *kPidFile = "/run/zelo.pid";
 
 // Only records the signal: stdio and malloc are not safe in a handler, so
 // the cycle notices the signal and saves the histories itself.
@@ -276,15 +280,29 @@ int readLogFile(const char *path) {
 } // namespace
 
 int CheckProcess() {
-    FILE *out = secure_popen("/bin/pidof zelo", "r");
-    if (out == nullptr)
+    // One daemon per root: the first holds an exclusive lock on the pid file
+    // for as long as it runs (the descriptor stays open). A `zelo -P` or any
+    // other process of that name does not count, and a daemon that dies
+    // leaves no lock behind.
+    static int held = -1;
+    if (held >= 0)
         return 1;
-    int pid = 0;
-    int count = 0;
-    while (std::fscanf(out, "%d", &pid) == 1)
-        ++count;
-    secure_pclose(out);
-    return count > 1 ? 0 : 1;
+    char path[PATH_MAX];
+    if (!resolvePath(kPidFile, path, sizeof path) || !makeDirectories(path, false))
+        return 1; // no place for the lock: run rather than stay down
+    const int fd = ::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0644);
+    if (fd < 0)
+        return 1;
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        ::close(fd);
+        return errno == EWOULDBLOCK ? 0 : 1;
+    }
+    char pid[32];
+    const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
+    if (::ftruncate(fd, 0) != 0 || ::write(fd, pid, static_cast<std::size_t>(n)) != n)
+        WriteToLog("main", "ERROR", "Can't write the pid file.");
+    held = fd;
+    return 1;
 }
 
 } // namespace zelo::daemon

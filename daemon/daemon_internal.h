@@ -11,7 +11,7 @@ namespace zelo::daemon {
 // The signal that ends the daemon, 0 while it runs.
 extern volatile std::sig_atomic_t gTerminateSignal;
 
-// 1 when this process may run, 0 when another zelo runs.
+// 1 when this process may run, 0 when another daemon holds the pid file's lock.
 int CheckProcess();
 
 // The daemon's own state across cycles.
