@@ -183,8 +183,14 @@ void axes(Svg &svg, int top, int bottom, double max, int ticks, const char *unit
 }
 
 void timeAxis(Svg &svg, unsigned hours) {
-    const uint64_t step = hours <= 3 ? 1800 : hours <= 8 ? 3600 : hours <= 16 ? 7200 : 10800;
-    // Ticks on whole local hours: the offset from UTC comes from the start.
+    // Four to eight ticks whatever the window, on whole local hours or
+    // minutes: the offset from UTC comes from the start.
+    const uint64_t step = hours <= 1    ? 600
+                          : hours <= 2  ? 900
+                          : hours <= 3  ? 1800
+                          : hours <= 8  ? 3600
+                          : hours <= 16 ? 7200
+                                        : 10800;
     const auto startSeconds = static_cast<std::time_t>(svg.start());
     struct tm local {};
     localtime_r(&startSeconds, &local);

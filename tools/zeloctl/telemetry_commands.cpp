@@ -152,25 +152,48 @@ Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet,
                                      : Json(nullptr)}};
 }
 
-// Text output: every field of the JSON record, one per line.
+// Text output: every field of the JSON record, one per line, nested parts
+// indented under their name.
+void printField(const std::string &label, const Json &value, int indent) {
+    std::string text;
+    if (value.is_null())
+        text = "-";
+    else if (value.is_object() && value.contains("Avg"))
+        text = "avg " + value["Avg"].dump() + ", max " + value["Max"].dump() + ", min " +
+               value["Min"].dump();
+    else if (value.is_object() && value.contains("SensorIndex"))
+        text = value["Temperature"].get<std::string>();
+    else if (value.is_string())
+        text = value.get<std::string>();
+    else if (value.is_array() && value.empty())
+        text = "none";
+    else if (!value.is_structured())
+        text = value.dump();
+    if (text.empty()) // a heading: its parts follow, indented
+        std::fprintf(gOutput.out, "%*s%s\n", indent, "", label.c_str());
+    else
+        std::fprintf(gOutput.out, "%*s%-*s %s\n", indent, "", 20 - indent, label.c_str(),
+                     printable(text).c_str());
+    if (!text.empty())
+        return;
+    unsigned n = 0;
+    for (const auto &[key, part] : value.items()) {
+        ++n;
+        if (!value.is_array())
+            printField(key, part, indent + 2);
+        else if (part.is_object() && part.contains("SensorIndex"))
+            printField("sensor " + part["SensorIndex"].dump(), part, indent + 2);
+        else
+            printField("#" + std::to_string(n), part, indent + 2);
+    }
+}
+
 void printRecord(const Json &r, unsigned number, unsigned count) {
     std::fprintf(gOutput.out, "%srecord %u of %u, %s\n", number > 1 ? "\n" : "", number, count,
                  r["Date"].get<std::string>().c_str());
-    for (const auto &[key, value] : r.items()) {
-        if (key == "Date")
-            continue;
-        std::string text;
-        if (value.is_null())
-            text = "-";
-        else if (value.is_object() && value.contains("Avg"))
-            text = "avg " + value["Avg"].dump() + ", max " + value["Max"].dump() + ", min " +
-                   value["Min"].dump();
-        else if (value.is_string())
-            text = value.get<std::string>();
-        else
-            text = value.dump(-1, ' ', false, Json::error_handler_t::replace);
-        std::fprintf(gOutput.out, "  %-18s %s\n", key.c_str(), printable(text).c_str());
-    }
+    for (const auto &[key, value] : r.items())
+        if (key != "Date")
+            printField(key, value, 2);
 }
 
 } // namespace
