@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -147,6 +148,61 @@ TEST_F(DaemonTest, TagsFiveSixSixOneTwo) {
     ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 2)));
     EXPECT_TRUE(fs::exists(logFile(0))) << "counting starts again at file 0";
     EXPECT_EQ(readFile(root.path() + "/tmp/zelo_log/zelo_num.log"), std::string(1, '\x01'));
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
+// The metric log lock taken as another reader takes it, held until the end
+// of the scope: the daemon's cycles wait meanwhile.
+class LockHeld {
+  public:
+    explicit LockHeld(const std::string &root) : path_(root + "/tmp/zelo_log/zelo.lock") {
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        int fd = -1;
+        while ((fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644)) < 0 &&
+               Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_GE(fd, 0) << "the daemon kept the lock";
+        const std::string pid = std::to_string(::getpid()) + "\n";
+        EXPECT_EQ(::write(fd, pid.data(), pid.size()), static_cast<ssize_t>(pid.size()));
+        ::close(fd);
+    }
+    ~LockHeld() { ::unlink(path_.c_str()); }
+
+  private:
+    std::string path_;
+};
+
+// A restart no cycle saw (its tag 1 renamed 7 while the daemon waited) is
+// still a new baseline: the firmware's new counters, stamped with its time
+// since the restart, are never differenced against the old ones and
+// published as power.
+TEST_F(DaemonTest, AMissedRestartIsANewBaselineNotPower) {
+    SimProcess sim(root.path(), scenarioHead + "power constant 350\nsnapshot-period 86400000\n",
+                   {"--epoch", "0"});
+    control("snapshot-now");
+    control("tag 5");
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(5, 5))) << zelo.trace();
+    const auto published = [] {
+        int watts = -1;
+        EXPECT_NE(kiv_config_get_int("ZELO_total_dc_power_in_use_Avg", &watts), 0);
+        return watts;
+    };
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(6, 6))) << zelo.trace();
+    EXPECT_EQ(published(), 350);
+    {
+        LockHeld lock(root.path());
+        control("restart-now");
+        control("snapshot-now");
+        control("tag 7");
+    }
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(7, 7))) << zelo.trace();
+    EXPECT_EQ(published(), 350) << "nothing published for the new baseline";
+    EXPECT_TRUE(zelo.awaitTrace("Reset the ZELO."));
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(8, 8))) << zelo.trace();
+    EXPECT_EQ(published(), 350);
     EXPECT_EQ(zelo.terminate(), 15);
 }
 
