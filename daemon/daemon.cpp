@@ -122,6 +122,20 @@ bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, ui
            totalFell(now.psEffectiveCPU, base.psEffectiveCPU);
 }
 
+// A lock left behind would stall every reader and the next cycle: a failed
+// removal is retried.
+void unlock() {
+    for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT; ++attempt) {
+        char message[160];
+        std::snprintf(message, sizeof message, "Failed to remove the metric log lock (%s), %s",
+                      std::strerror(errno), attempt < 5 ? "retrying" : "giving up");
+        trace("ERROR", message);
+        if (attempt == 5 || terminating())
+            return;
+        pause(1);
+    }
+}
+
 void releaseBuckets(HistogramData &h) {
     std::free(h.pu8BucketData);
     h.pu8BucketData = nullptr;
@@ -145,14 +159,14 @@ void Daemon::seedFirstSnapshot() {
             trace("ERROR", "Get Snapshot buffer from ZELO is fail when get first data");
             FreeSnapshotBuffer(psBuffer);
             releaseBuckets(ml::sLastHistogramData);
-            UnlockValue();
+            unlock();
             pause(kCycleSeconds);
             continue;
         }
         CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
         u16LastTag = psBuffer->u16Tag;
         FreeSnapshotBuffer(psBuffer);
-        UnlockValue();
+        unlock();
         pause(kCycleSeconds);
         return;
     }
@@ -166,7 +180,7 @@ void Daemon::firstPerformance() {
             trace("INFO", "Get Performance buffer from ZELO is successful when get first data");
         else
             trace("ERROR", "Get Performance buffer from ZELO is fail when get first data");
-        UnlockValue();
+        unlock();
         return;
     }
     std::snprintf(msgBuf, sizeof msgBuf, "%s --NM_Performance_IsSupported() returns %d\n", "main",
@@ -222,7 +236,7 @@ void Daemon::cycle() {
                               sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
                               sPerformanceData.u64IOPerf);
     }
-    UnlockValue();
+    unlock();
 
     if (debug && newData && !terminating()) {
         SnapshotBuffer *buffers = nullptr;

@@ -2,6 +2,7 @@
 // twentyfold by libfaketime, so that a ten-second cycle takes half a second.
 #include "sim_process.h"
 
+#include <zelo/metriclog.h>
 #include <zelo/platform.h>
 
 #include <gtest/gtest.h>
@@ -257,6 +258,46 @@ TEST_F(DaemonTest, TermIsNotHeldUpByALockAnotherProcessKeeps) {
     EXPECT_EQ(zelo.terminate(), 15);
     EXPECT_GE(zelo.trace().size(), cycles);
     EXPECT_TRUE(fs::exists(logDir / "zelo.lock")) << "not the daemon's to remove";
+}
+
+// A reader killed while it holds the metric log lock stalls the daemon only
+// until its next poll: the pid in the lock names no process any more.
+TEST_F(DaemonTest, AReaderKilledHoldingTheLockHoldsTheDaemonUpBriefly) {
+    SimProcess sim(root.path(), scenarioHead);
+    DaemonProcess zelo(root.path());
+    const std::string cycle = "psBuffer->u16Tag is";
+    ASSERT_TRUE(zelo.awaitTrace(cycle)) << zelo.trace();
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t reader = ::fork();
+    if (reader == 0) {
+        WaitValueLock();
+        (void)::write(ready[1], "1", 1);
+        for (;;)
+            ::pause();
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    const auto cycles = [&zelo, &cycle] {
+        const std::string t = zelo.trace();
+        int n = 0;
+        for (auto at = t.find(cycle); at != std::string::npos; at = t.find(cycle, at + 1))
+            ++n;
+        return n;
+    };
+    const int held = cycles();
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // two polls at time x20
+    EXPECT_EQ(cycles(), held) << "held up while the reader lives";
+    ::kill(reader, SIGKILL);
+    ASSERT_EQ(::waitpid(reader, nullptr, 0), reader);
+    const auto killed = Clock::now();
+    ASSERT_TRUE(zelo.awaitTrace(cycle, held + 1)) << zelo.trace();
+    EXPECT_LT(Clock::now() - killed, std::chrono::seconds(20));
+    EXPECT_TRUE(zelo.awaitTrace("Lock file '/tmp/zelo_log/zelo.lock' of process " +
+                                std::to_string(reader) + ", which is gone, removed"));
+    EXPECT_EQ(zelo.terminate(), 15);
 }
 
 TEST_F(DaemonTest, AbsentFirmwareIsRetriedEveryTenSeconds) {
