@@ -50,17 +50,17 @@ pid_t ownerOf(int fd) {
     const ssize_t n = ::read(fd, text, sizeof text - 1);
     if (n <= 0)
         return 0;
-    long pid = 0;
+    uint64_t pid = 0;
     ssize_t i = 0;
-    for (; i < n && text[i] >= '0' && text[i] <= '9' && pid <= INT_MAX / 10; ++i)
-        pid = pid * 10 + (text[i] - '0');
+    for (; i < n && text[i] >= '0' && text[i] <= '9' && pid <= INT_MAX; ++i)
+        pid = pid * 10 + static_cast<unsigned>(text[i] - '0');
     const bool whole = i > 0 && (i == n || (i + 1 == n && text[i] == '\n'));
     return whole && pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
 // Removes a lock whose holder is gone: its pid is no process, or it names
-// none and is older than any holder keeps it. Only the file inspected is removed, not one a faster
-// waiter has put in its place since.
+// none and is older than any holder keeps it. Only the file inspected is
+// removed, not one a faster waiter has put in its place since.
 bool removeStaleLock(const char *path) {
     const int fd = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     struct stat seen {};
