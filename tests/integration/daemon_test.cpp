@@ -250,9 +250,10 @@ TEST_F(DaemonTest, TermIsNotHeldUpByALockAnotherProcessKeeps) {
     const auto mode = fs::status(logDir).permissions();
     EXPECT_EQ(mode & (fs::perms::owner_all | fs::perms::others_all), fs::perms::none);
     EXPECT_NE(mode & fs::perms::group_read, fs::perms::none);
-    // Another reader takes the lock and never gives it back: the daemon's
-    // next cycle waits for it, polling every (accelerated) ten seconds.
-    std::ofstream(logDir / "zelo.lock") << '\x01';
+    // Another reader, alive, takes the lock (never over the daemon's own) and
+    // does not give it back before the end: the daemon's next cycle waits
+    // for it, polling every (accelerated) ten seconds.
+    LockHeld lock(root.path());
     const auto cycles = zelo.trace().size();
     std::this_thread::sleep_for(std::chrono::seconds(2)); // four polls at time x20
     EXPECT_EQ(zelo.terminate(), 15);
