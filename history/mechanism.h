@@ -144,8 +144,8 @@ int save(const Tracker<P> &h) {
 
 // Reads the full file into the ring; false when it is missing, not exactly
 // one ring long, names a slot outside the ring, ends in the future or holds
-// a time stamp before 1970: a step back once shifted slots, written or not,
-// there, and such a ring never closes an interval again.
+// a time stamp before 1970 (left by an older step back on written and
+// unwritten slots alike: such a ring would never close an interval again).
 template <class P>
 bool readFull(Tracker<P> &h, FILE *in, const char *path) {
     uint8_t image[kFullFileBytes + 1];

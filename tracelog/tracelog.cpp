@@ -147,9 +147,10 @@ uint32_t EscapeControlBytes(const char *pszText, uint32_t u32Length, char *pszOu
         const bool control = byte < 0x20 || byte == 0x7F;
         const char escaped[4] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
         const uint32_t n = control ? 4 : 1;
-        needed += n;
-        // Once a piece does not fit, nothing after it is written either.
-        room = room && pszOut != nullptr && written + n < u32Capacity;
+        needed = needed > UINT32_MAX - n ? UINT32_MAX : needed + n;
+        // Once a piece does not fit, nothing after it is written either;
+        // written stays below the capacity, which keeps room for the NUL.
+        room = room && pszOut != nullptr && n < u32Capacity - written;
         for (uint32_t k = 0; room && k < n; ++k)
             pszOut[written++] = control ? escaped[k] : static_cast<char>(byte);
     }

@@ -24,8 +24,8 @@ ZELO_API int WriteToPowerHistoryLog(int32_t s32Level, const char *pszFunction, c
  * byte (below 0x20, and 0x7F) of the u32Length bytes at pszText becomes \xNN,
  * every other byte stays. Writes at most u32Capacity bytes, never half an
  * escape, NUL-terminated when u32Capacity is not 0; returns the length of the
- * whole result without the NUL, so a first call with no room sizes the
- * buffer. Every program of zelo prints outside text through it. */
+ * whole result without the NUL (at most UINT32_MAX), so a first call with no
+ * room sizes the buffer. Every program of zelo prints outside text through it. */
 ZELO_API uint32_t EscapeControlBytes(const char *pszText, uint32_t u32Length, char *pszOut,
                                      uint32_t u32Capacity);
 
