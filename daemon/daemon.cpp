@@ -101,6 +101,41 @@ void readLogLevel() {
         trace::s32PowerHistoryLogLevel = level;
 }
 
+// A running total below the baseline's: it only grows until a restart zeroes it.
+bool totalFell(const MetricStat *now, const MetricStat *base) {
+    return now != nullptr && base != nullptr && now->u64Avg < base->u64Avg;
+}
+
+// The firmware restarted, whether or not a cycle saw its tag 1: the tag, the
+// snapshot's time or a running total went back. Differenced against the old
+// baseline, such a snapshot would publish raw counters as power.
+bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, uint16_t lastTag) {
+    if (now.u16Tag == lastTag)
+        return false;
+    if (now.u16Tag < lastTag || now.u64Timestamp < base.u64Timestamp)
+        return true;
+    return totalFell(now.psSystemAC, base.psSystemAC) ||
+           totalFell(now.psSystemDC, base.psSystemDC) ||
+           totalFell(now.psCPUPower, base.psCPUPower) ||
+           totalFell(now.psMemoryPower, base.psMemoryPower) ||
+           totalFell(now.psCoolingPower, base.psCoolingPower) ||
+           totalFell(now.psEffectiveCPU, base.psEffectiveCPU);
+}
+
+// A lock left behind would stall every reader and the next cycle: a failed
+// removal is retried.
+void unlock() {
+    for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT; ++attempt) {
+        char message[160];
+        std::snprintf(message, sizeof message, "Failed to remove the metric log lock (%s), %s",
+                      std::strerror(errno), attempt < 5 ? "retrying" : "giving up");
+        trace("ERROR", message);
+        if (attempt == 5 || terminating())
+            return;
+        pause(1);
+    }
+}
+
 void releaseBuckets(HistogramData &h) {
     std::free(h.pu8BucketData);
     h.pu8BucketData = nullptr;
@@ -124,14 +159,14 @@ void Daemon::seedFirstSnapshot() {
             trace("ERROR", "Get Snapshot buffer from ZELO is fail when get first data");
             FreeSnapshotBuffer(psBuffer);
             releaseBuckets(ml::sLastHistogramData);
-            UnlockValue();
+            unlock();
             pause(kCycleSeconds);
             continue;
         }
         CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
         u16LastTag = psBuffer->u16Tag;
         FreeSnapshotBuffer(psBuffer);
-        UnlockValue();
+        unlock();
         pause(kCycleSeconds);
         return;
     }
@@ -145,7 +180,7 @@ void Daemon::firstPerformance() {
             trace("INFO", "Get Performance buffer from ZELO is successful when get first data");
         else
             trace("ERROR", "Get Performance buffer from ZELO is fail when get first data");
-        UnlockValue();
+        unlock();
         return;
     }
     std::snprintf(msgBuf, sizeof msgBuf, "%s --NM_Performance_IsSupported() returns %d\n", "main",
@@ -169,8 +204,8 @@ void Daemon::cycle() {
         std::snprintf(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
                       "main", psBuffer->u16Tag, u16LastTag);
         WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
-        if (u16LastTag > 1 && psBuffer->u16Tag == 1) {
-            // The firmware restarted its tag count: this snapshot is the new baseline.
+        if (firmwareRestarted(*psBuffer, ml::sLastSnapshotBuffer, u16LastTag)) {
+            // This snapshot is the new baseline; nothing is published for it.
             trace("Log", "Reset the ZELO.");
             FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
             CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
@@ -201,7 +236,7 @@ void Daemon::cycle() {
                               sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
                               sPerformanceData.u64IOPerf);
     }
-    UnlockValue();
+    unlock();
 
     if (debug && newData && !terminating()) {
         SnapshotBuffer *buffers = nullptr;

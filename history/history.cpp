@@ -5,6 +5,8 @@
 
 #include <zelo/history.h>
 
+#include <unistd.h>
+
 namespace zelo::history {
 
 Tracker<PowerPolicy> gPower;
@@ -20,12 +22,14 @@ int64_t monotonicSeconds() {
 
 MonotonicFn gMonotonicSeconds = monotonicSeconds;
 WallClockFn gTime = std::time;
+SyncFn gSync = ::fsync;
 
 void resetHistories() {
     gPower = {};
     gPerformance = {};
     gMonotonicSeconds = monotonicSeconds;
     gTime = std::time;
+    gSync = ::fsync;
 }
 
 } // namespace zelo::history

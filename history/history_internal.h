@@ -38,7 +38,12 @@ extern MonotonicFn gMonotonicSeconds;
 using WallClockFn = std::time_t (*)(std::time_t *);
 extern WallClockFn gTime;
 
-// Both trackers as at process start, and the real clocks.
+// Puts a replaced file on stable storage (fsync); the fuzz target, which
+// writes thousands of files, skips it.
+using SyncFn = int (*)(int fd);
+extern SyncFn gSync;
+
+// Both trackers as at process start, and the real clocks and sync.
 void resetHistories();
 
 } // namespace zelo::history

@@ -11,6 +11,7 @@
 #include <zelo/tracelog.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <sys/stat.h>
 
@@ -141,17 +142,25 @@ int save(const Tracker<P> &h) {
     return 1;
 }
 
-// Reads the full file into the ring; false when it is missing, short, names
-// a slot outside the ring or ends in the future.
+// Reads the full file into the ring; false when it is missing, not exactly
+// one ring long, names a slot outside the ring, ends in the future or holds
+// a time stamp before 1970 (left by an older step back on written and
+// unwritten slots alike: such a ring would never close an interval again).
 template <class P>
 bool readFull(Tracker<P> &h, FILE *in, const char *path) {
-    uint8_t image[kFullFileBytes];
+    uint8_t image[kFullFileBytes + 1];
     if (std::fread(image, 1, 2, in) != 2) {
         traceLine(0, P::kNames.load, "Error", P::kTexts.readHeaderError, path, std::ferror(in));
         return false;
     }
-    if (std::fread(image + 2, 1, kFullFileBytes - 2, in) != kFullFileBytes - 2) {
+    const std::size_t got = std::fread(image + 2, 1, kFullFileBytes - 1, in);
+    if (got < kFullFileBytes - 2) {
         traceLine(0, P::kNames.load, "Error", P::kTexts.readDataError, path, std::ferror(in));
+        return false;
+    }
+    if (got != kFullFileBytes - 2) {
+        traceLine(0, P::kNames.load, "Error", "File '%s' is longer than %u bytes", path,
+                  static_cast<unsigned>(kFullFileBytes));
         return false;
     }
     const uint16_t next = getLe16(image);
@@ -161,8 +170,15 @@ bool readFull(Tracker<P> &h, FILE *in, const char *path) {
         return false;
     }
     h.nextIndex = next;
-    for (uint16_t i = 0; i < kSlots; ++i)
+    for (uint16_t i = 0; i < kSlots; ++i) {
         h.ring[i] = decode<P>(image + 2 + i * kSampleBytes);
+        if (static_cast<int32_t>(h.ring[i].timestamp) < 0) {
+            traceLine(0, P::kNames.load, "Error",
+                      "Sample %i in file '%s' has the negative time stamp %i", i, path,
+                      static_cast<int>(static_cast<int32_t>(h.ring[i].timestamp)));
+            return false;
+        }
+    }
     const auto last = static_cast<int32_t>(newest(h).timestamp);
     const std::time_t now = gTime(nullptr);
     if (now < last) {
@@ -368,18 +384,36 @@ void appendUnknown(Tracker<P> &h, uint64_t first, uint64_t count) {
     checkSave(h);
 }
 
-// The clock went back (or stood still): move the history and the open
-// interval back by the step plus one snapshot period, in 16 bits.
+// The clock went back (or stood still). A step within the ring's span moves
+// the written samples and the open interval back by the step plus one
+// snapshot period, in 16 bits, as long as all of them stay after 1970. A
+// larger step, or one to near zero (a firmware clock restarted), drops the
+// open interval and starts a new grid after the newest sample: stamps never
+// wrap and unwritten slots stay unstamped.
 template <class P>
-void shiftBack(Tracker<P> &h, uint64_t t) {
-    const auto adj = static_cast<uint16_t>(static_cast<uint32_t>(h.lastTimestamp) +
-                                           kSnapshotSeconds - static_cast<uint32_t>(t));
+void stepBack(Tracker<P> &h, uint64_t t) {
+    const uint64_t step = h.lastTimestamp + kSnapshotSeconds - t;
+    const auto adj = static_cast<uint16_t>(step);
+    uint64_t oldest = h.endtime;
+    for (const auto &s : h.ring)
+        if (s.timestamp != 0 && s.timestamp < oldest)
+            oldest = s.timestamp;
+    if (step <= kSlots * kSampleSeconds && adj < oldest) {
+        traceLine(0, P::kNames.track, "Info",
+                  "System clock was set backwards, adjusting powerHistory by %u seconds",
+                  static_cast<unsigned>(adj));
+        for (auto &s : h.ring)
+            if (s.timestamp != 0)
+                s.timestamp -= adj;
+        h.endtime -= adj;
+        return;
+    }
     traceLine(0, P::kNames.track, "Info",
-              "System clock was set backwards, adjusting powerHistory by %u seconds",
-              static_cast<unsigned>(adj));
-    for (auto &s : h.ring)
-        s.timestamp = static_cast<uint32_t>(s.timestamp - adj);
-    h.endtime -= adj;
+              "System clock was set backwards by %llu seconds, starting powerHistory anew at %llu",
+              static_cast<unsigned long long>(step - kSnapshotSeconds),
+              static_cast<unsigned long long>(t));
+    h.acc = {};
+    h.endtime = t + kFirstIntervalSeconds;
 }
 
 // t is at or past endtime: close the interval, fill a gap with unknown
@@ -432,10 +466,17 @@ void track(Tracker<P> &h, uint64_t stamp, const typename P::Reading &reading) {
         traceLine(0, P::kNames.track, "Error", "Invalid power sample");
         return;
     }
+    // Stamps are stored in 32 bits and read back signed: a time whose
+    // interval would end past that is refused rather than wrapped.
+    if (t > static_cast<uint64_t>(INT32_MAX) - kSampleSeconds) {
+        traceLine(0, P::kNames.track, "Error", "Time stamp %llu is out of range",
+                  static_cast<unsigned long long>(t));
+        return;
+    }
     if (h.endtime == 0)
         h.endtime = t + kFirstIntervalSeconds;
     if (h.lastTimestamp >= t)
-        shiftBack(h, t);
+        stepBack(h, t);
     // A reading at endtime still belongs to the interval that ends there.
     if (t <= h.endtime)
         accumulate<P>(h.acc, reading);

@@ -1,5 +1,5 @@
-// The metric log lock (a file holding one byte 0x01) and the two one-byte
-// counter files beside the metric log.
+// The metric log lock (a file holding its owner's pid in decimal) and the
+// two one-byte counter files beside the metric log.
 #include "paths.h"
 #include "state.h"
 
@@ -8,8 +8,11 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zelo::metriclog {
@@ -24,12 +27,65 @@ bool logPath(const char *absPath, char *out, std::size_t cap) {
 namespace {
 
 constexpr unsigned kLockPollSeconds = 10;
-constexpr uint8_t kLockByte = 0x01;
+// Longer than any holder keeps the lock: the daemon's cycle with every
+// firmware request timing out, or a reader going through the whole log.
+constexpr std::time_t kStaleLockSeconds = 300;
 
 // Opens for writing, truncating, without following a symbolic link planted
 // at the path.
 int openForWrite(const char *path, int extraFlags) {
     return ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | extraFlags, 0644);
+}
+
+void traceLock(const char *level, const char *format, long value) {
+    char message[256];
+    std::snprintf(message, sizeof message, format, kLockFile, value);
+    WriteToLog("WaitValueLock", level, message);
+}
+
+// The pid a lock file names; 0 when it names none (empty, being written, the
+// one byte of an older holder, or not a plain file).
+pid_t ownerOf(int fd) {
+    char text[24];
+    const ssize_t n = ::read(fd, text, sizeof text - 1);
+    if (n <= 0)
+        return 0;
+    uint64_t pid = 0;
+    ssize_t i = 0;
+    for (; i < n && text[i] >= '0' && text[i] <= '9' && pid <= INT_MAX; ++i)
+        pid = pid * 10 + static_cast<unsigned>(text[i] - '0');
+    const bool whole = i > 0 && (i == n || (i + 1 == n && text[i] == '\n'));
+    return whole && pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
+}
+
+// Removes a lock whose holder is gone: its pid is no process, or it names
+// none and is older than any holder keeps it. Only the file inspected is
+// removed, not one a faster waiter has put in its place since.
+bool removeStaleLock(const char *path) {
+    const int fd = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat seen {};
+    const bool opened = fd >= 0 && ::fstat(fd, &seen) == 0;
+    const pid_t owner = opened ? ownerOf(fd) : 0;
+    if (fd >= 0)
+        ::close(fd);
+    if (!opened && ::lstat(path, &seen) != 0)
+        return errno == ENOENT; // released meanwhile: try again at once
+    if (owner != 0) {
+        if (::kill(owner, 0) == 0 || errno != ESRCH)
+            return false;
+    } else if (std::time(nullptr) - seen.st_mtime <= kStaleLockSeconds) {
+        return false;
+    }
+    struct stat now {};
+    if (::lstat(path, &now) != 0 || now.st_dev != seen.st_dev || now.st_ino != seen.st_ino ||
+        ::unlink(path) != 0)
+        return false;
+    if (owner != 0)
+        traceLock("WARNING", "Lock file '%s' of process %ld, which is gone, removed", owner);
+    else
+        traceLock("WARNING", "Lock file '%s' naming no owner and older than %ld s removed",
+                  static_cast<long>(kStaleLockSeconds));
+    return true;
 }
 
 } // namespace
@@ -51,6 +107,8 @@ void WaitValueLock(void) {
         fd = openForWrite(path, O_EXCL);
         if (fd >= 0 || errno != EEXIST)
             break;
+        if (removeStaleLock(path))
+            continue;
         gLockSleep(kLockPollSeconds);
         if (gLockAbandon != nullptr && gLockAbandon())
             return;
@@ -59,8 +117,9 @@ void WaitValueLock(void) {
         WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
         return;
     }
-    const uint8_t byte = kLockByte;
-    (void)::write(fd, &byte, 1);
+    char pid[16];
+    const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
+    (void)::write(fd, pid, static_cast<std::size_t>(n));
     ::close(fd);
 }
 

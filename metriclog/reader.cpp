@@ -284,9 +284,16 @@ void PrintAllMetricValue(const SnapshotBuffer *psBuffer, const BladeInletSensorB
         constexpr unsigned kMaxPrinted = 5;
         const InletSensorTemperature *node = psInlet->psSensor;
         for (unsigned i = 0; i < psInlet->u8SensorNum && i < kMaxPrinted && node != nullptr;
-             ++i, node = node->psNext)
+             ++i, node = node->psNext) {
+            // The reading is the sensor's text as it came: no raw control bytes on a terminal.
+            char temperature[4 * sizeof node->szTemperature + 1];
+            EscapeControlBytes(
+                node->szTemperature,
+                static_cast<uint32_t>(strnlen(node->szTemperature, sizeof node->szTemperature)),
+                temperature, sizeof temperature);
             std::printf("InletSensorName:%s  Temperature:%s\n",
-                        inletSensorName(node->u32SensorIndex), node->szTemperature);
+                        inletSensorName(node->u32SensorIndex), temperature);
+        }
     }
     if (psPerf != nullptr && NM_Performance_IsSupported() == 1) {
         PrintMetricValue(psPerf->psSystemPerf, 1, "SystemPerf");

@@ -136,4 +136,27 @@ int WriteToPowerHistoryLog(int32_t s32Level, const char *pszFunction, const char
     return WriteToLog(pszFunction, pszLevel, pszMessage);
 }
 
+uint32_t EscapeControlBytes(const char *pszText, uint32_t u32Length, char *pszOut,
+                            uint32_t u32Capacity) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    uint32_t needed = 0;
+    uint32_t written = 0;
+    bool room = u32Capacity != 0;
+    for (uint32_t i = 0; pszText != nullptr && i < u32Length; ++i) {
+        const auto byte = static_cast<unsigned char>(pszText[i]);
+        const bool control = byte < 0x20 || byte == 0x7F;
+        const char escaped[4] = {'\\', 'x', kHex[byte >> 4], kHex[byte & 0xF]};
+        const uint32_t n = control ? 4 : 1;
+        needed = needed > UINT32_MAX - n ? UINT32_MAX : needed + n;
+        // Once a piece does not fit, nothing after it is written either;
+        // written stays below the capacity, which keeps room for the NUL.
+        room = room && pszOut != nullptr && n < u32Capacity - written;
+        for (uint32_t k = 0; room && k < n; ++k)
+            pszOut[written++] = control ? escaped[k] : static_cast<char>(byte);
+    }
+    if (pszOut != nullptr && u32Capacity != 0)
+        pszOut[written] = '\0';
+    return needed;
+}
+
 } // extern "C"

@@ -20,6 +20,15 @@ ZELO_API int WriteToLog(const char *pszFunction, const char *pszLevel, const cha
 ZELO_API int WriteToPowerHistoryLog(int32_t s32Level, const char *pszFunction, const char *pszLevel,
                                     const char *pszMessage);
 
+/* Text from the firmware or a file made safe for a terminal: each control
+ * byte (below 0x20, and 0x7F) of the u32Length bytes at pszText becomes \xNN,
+ * every other byte stays. Writes at most u32Capacity bytes, never half an
+ * escape, NUL-terminated when u32Capacity is not 0; returns the length of the
+ * whole result without the NUL (at most UINT32_MAX), so a first call with no
+ * room sizes the buffer. Every program of zelo prints outside text through it. */
+ZELO_API uint32_t EscapeControlBytes(const char *pszText, uint32_t u32Length, char *pszOut,
+                                     uint32_t u32Capacity);
+
 ZELO_END_DECLS
 
 #endif

@@ -2,6 +2,7 @@
 // twentyfold by libfaketime, so that a ten-second cycle takes half a second.
 #include "sim_process.h"
 
+#include <zelo/metriclog.h>
 #include <zelo/platform.h>
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -150,6 +152,61 @@ TEST_F(DaemonTest, TagsFiveSixSixOneTwo) {
     EXPECT_EQ(zelo.terminate(), 15);
 }
 
+// The metric log lock taken as another reader takes it, held until the end
+// of the scope: the daemon's cycles wait meanwhile.
+class LockHeld {
+  public:
+    explicit LockHeld(const std::string &root) : path_(root + "/tmp/zelo_log/zelo.lock") {
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        int fd = -1;
+        while ((fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644)) < 0 &&
+               Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_GE(fd, 0) << "the daemon kept the lock";
+        const std::string pid = std::to_string(::getpid()) + "\n";
+        EXPECT_EQ(::write(fd, pid.data(), pid.size()), static_cast<ssize_t>(pid.size()));
+        ::close(fd);
+    }
+    ~LockHeld() { ::unlink(path_.c_str()); }
+
+  private:
+    std::string path_;
+};
+
+// A restart no cycle saw (its tag 1 renamed 7 while the daemon waited) is
+// still a new baseline: the firmware's new counters, stamped with its time
+// since the restart, are never differenced against the old ones and
+// published as power.
+TEST_F(DaemonTest, AMissedRestartIsANewBaselineNotPower) {
+    SimProcess sim(root.path(), scenarioHead + "power constant 350\nsnapshot-period 86400000\n",
+                   {"--epoch", "0"});
+    control("snapshot-now");
+    control("tag 5");
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(5, 5))) << zelo.trace();
+    const auto published = [] {
+        int watts = -1;
+        EXPECT_NE(kiv_config_get_int("ZELO_total_dc_power_in_use_Avg", &watts), 0);
+        return watts;
+    };
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(6, 6))) << zelo.trace();
+    EXPECT_EQ(published(), 350);
+    {
+        LockHeld lock(root.path());
+        control("restart-now");
+        control("snapshot-now");
+        control("tag 7");
+    }
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(7, 7))) << zelo.trace();
+    EXPECT_EQ(published(), 350) << "nothing published for the new baseline";
+    EXPECT_TRUE(zelo.awaitTrace("Reset the ZELO."));
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(8, 8))) << zelo.trace();
+    EXPECT_EQ(published(), 350);
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
 TEST_F(DaemonTest, SecondInstanceExitsAndTermSavesBothHistories) {
     SimProcess sim(root.path(), scenarioHead);
     DaemonProcess first(root.path());
@@ -193,14 +250,55 @@ TEST_F(DaemonTest, TermIsNotHeldUpByALockAnotherProcessKeeps) {
     const auto mode = fs::status(logDir).permissions();
     EXPECT_EQ(mode & (fs::perms::owner_all | fs::perms::others_all), fs::perms::none);
     EXPECT_NE(mode & fs::perms::group_read, fs::perms::none);
-    // Another reader takes the lock and never gives it back: the daemon's
-    // next cycle waits for it, polling every (accelerated) ten seconds.
-    std::ofstream(logDir / "zelo.lock") << '\x01';
+    // Another reader, alive, takes the lock (never over the daemon's own) and
+    // does not give it back before the end: the daemon's next cycle waits
+    // for it, polling every (accelerated) ten seconds.
+    LockHeld lock(root.path());
     const auto cycles = zelo.trace().size();
     std::this_thread::sleep_for(std::chrono::seconds(2)); // four polls at time x20
     EXPECT_EQ(zelo.terminate(), 15);
     EXPECT_GE(zelo.trace().size(), cycles);
     EXPECT_TRUE(fs::exists(logDir / "zelo.lock")) << "not the daemon's to remove";
+}
+
+// A reader killed while it holds the metric log lock stalls the daemon only
+// until its next poll: the pid in the lock names no process any more.
+TEST_F(DaemonTest, AReaderKilledHoldingTheLockHoldsTheDaemonUpBriefly) {
+    SimProcess sim(root.path(), scenarioHead);
+    DaemonProcess zelo(root.path());
+    const std::string cycle = "psBuffer->u16Tag is";
+    ASSERT_TRUE(zelo.awaitTrace(cycle)) << zelo.trace();
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t reader = ::fork();
+    if (reader == 0) {
+        WaitValueLock();
+        (void)::write(ready[1], "1", 1);
+        for (;;)
+            ::pause();
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    const auto cycles = [&zelo, &cycle] {
+        const std::string t = zelo.trace();
+        int n = 0;
+        for (auto at = t.find(cycle); at != std::string::npos; at = t.find(cycle, at + 1))
+            ++n;
+        return n;
+    };
+    const int held = cycles();
+    std::this_thread::sleep_for(std::chrono::seconds(1)); // two polls at time x20
+    EXPECT_EQ(cycles(), held) << "held up while the reader lives";
+    ::kill(reader, SIGKILL);
+    ASSERT_EQ(::waitpid(reader, nullptr, 0), reader);
+    const auto killed = Clock::now();
+    ASSERT_TRUE(zelo.awaitTrace(cycle, held + 1)) << zelo.trace();
+    EXPECT_LT(Clock::now() - killed, std::chrono::seconds(20));
+    EXPECT_TRUE(zelo.awaitTrace("Lock file '/tmp/zelo_log/zelo.lock' of process " +
+                                std::to_string(reader) + ", which is gone, removed"));
+    EXPECT_EQ(zelo.terminate(), 15);
 }
 
 TEST_F(DaemonTest, AbsentFirmwareIsRetriedEveryTenSeconds) {

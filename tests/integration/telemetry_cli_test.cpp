@@ -123,6 +123,12 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
                   "\n    #2               avg 201, max 211, min 191\n  PowerSupplyDC      none\n"),
               std::string::npos)
         << text.out;
+    // The daemon's printout of a file escapes them the same way.
+    const auto read =
+        runProgram(ZELO_DAEMON_PATH, {"-r", root.path() + "/tmp/zelo_log/zelo_0.log"});
+    EXPECT_EQ(read.status, 0);
+    EXPECT_NE(read.out.find("Temperature:\"24\\\" C\\x01\\x1B[31m"), std::string::npos) << read.out;
+    EXPECT_EQ(read.out.find('\x1b'), std::string::npos);
 
     // A day: the history, then the three records newer than it.
     const Json day = parsed(zeloctl({"--json", "power", "--window", "24h"}));

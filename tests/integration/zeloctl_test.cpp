@@ -110,7 +110,9 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
         {{"frobnicate"}, "unknown command 'frobnicate'"},
         {{"read"}, "wrong number of arguments for 'read'"},
         {{"raw", "7", "0", "9"}, "bad raw read"},
-        {{"--instance", "2", "discover"}, "bad option '--instance'"},
+        {{"write", "power-cap", "00012"}, "bad value '00012'"},
+        {{"--instance", "2", "discover"}, "--instance 2 is out of range"},
+        {{"--instance", "\x1b[2J", "discover"}, "bad value '\\x1B[2J' for --instance"},
     };
     for (const auto &c : refused) {
         const auto r = zeloctl(c.args);

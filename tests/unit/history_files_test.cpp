@@ -2,8 +2,8 @@
 // the load refusals, the print, and a save killed half-way.
 #include "fake_platform.h"
 
-#include "tracelog/state.h"
 #include "history/history_internal.h"
+#include "tracelog/state.h"
 
 #include <zelo/history.h>
 
@@ -246,6 +246,12 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
             {"missing", {}, ""},
             {"header short", {1}, "Reading " + noun + " data header for file '" + path},
             {"one byte short", Bytes(9217, 0), "Reading " + noun + " data for file '" + path},
+            {"one byte long", Bytes(9219, 0), "File '" + path + "' is longer than 9218 bytes"},
+            {"newest sample before 1970", fullFile(1, {{0, 0xFFFFFC22u}}),
+             "Sample 0 in file '" + path + "' has the negative time stamp -990"},
+            {"an unwritten slot stamped by an old shift",
+             fullFile(1, {{0, 1000}, {9, 0xFFFFFC22u}}),
+             "Sample 9 in file '" + path + "' has the negative time stamp -990"},
             {"index out of range", fullFile(576, {}),
              "Next sample index 576 in file '" + path + "' is out of range"},
             {"newest sample in the future (slot 575 when the index is 0)",
@@ -268,7 +274,7 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
             EXPECT_TRUE(traced("[Info] \"" + std::string(f.loadName) + "\": Could not open " +
                                noun + " file '" + path + "', starting from scratch\n"));
         }
-        // Only the newest slot is checked.
+        // Only the newest slot is checked against the clock.
         write(path, fullFile(0, {{574, kNow + 1}, {575, kNow}}));
         EXPECT_EQ(f.load(), 1);
         EXPECT_EQ(f.stampAt(574), static_cast<uint32_t>(kNow + 1));

@@ -2,10 +2,11 @@
 // arithmetic, the save pacing, and what the performance twin does otherwise.
 #include "fake_platform.h"
 
-#include "tracelog/state.h"
 #include "history/history_internal.h"
+#include "tracelog/state.h"
 
 #include <zelo/history.h>
+#include <zelo/telemetry.h>
 
 #include <filesystem>
 #include <fstream>
@@ -178,12 +179,42 @@ TEST_F(HistoryTrackerTest, ClockGoingBackShiftsEverySlotBy16BitsOfTheStep) {
     EXPECT_EQ(gPower.endtime, kT0 + 270 - 30);
 
     // 70 000 s back plus the 30: only 70 030 - 65 536 = 4494 are applied,
-    // to empty slots too.
+    // to written slots only.
     snap(kT0 + 150 - 70'000);
     EXPECT_TRUE(traced("adjusting powerHistory by 4494 seconds"));
     EXPECT_EQ(gPower.ring[0].timestamp, kT0 + 120 - 30 - 4494);
-    EXPECT_EQ(gPower.ring[575].timestamp, static_cast<uint32_t>(-30 - 4494));
+    EXPECT_EQ(gPower.ring[575].timestamp, 0u);
     EXPECT_EQ(gPower.endtime, kT0 + 270 - 30 - 4494);
+}
+
+// A firmware clock restarted near zero: the step cannot be shifted away
+// without stamps going below zero, so a new grid follows the newest sample,
+// and the history goes on advancing, reloaded or not.
+TEST_F(HistoryTrackerTest, AStepBackToNearZeroStartsANewGridAndNeverStampsEmptySlots) {
+    for (uint64_t t = 100; t <= 850; t += 30)
+        snap(t);
+    snap(965);
+    snap(5);
+    EXPECT_TRUE(traced("set backwards by 960 seconds, starting powerHistory anew at 5"));
+    for (uint64_t t = 35; t <= 485; t += 30)
+        snap(t);
+    ASSERT_EQ(savePowerHistory(), 1);
+    gWall = 1000;
+    restart();
+    for (uint64_t t = 515; t <= 1055; t += 30)
+        snap(t);
+    ASSERT_EQ(savePowerHistory(), 1);
+
+    std::array<PowerHistoryItem, ZELO_HISTORY_SLOTS> items{};
+    uint16_t count = 0;
+    ASSERT_EQ(ReadPowerHistoryItems(items.data(), ZELO_HISTORY_SLOTS, &count), ZELO_RC_SUCCESS);
+    std::vector<uint32_t> stamps;
+    for (uint16_t i = 0; i < count; ++i)
+        stamps.push_back(items[i].sSample.timestamp);
+    // 220 to 820 of the old grid; 125 to 1025 of the new one, its open
+    // interval at the reload lost.
+    EXPECT_EQ(stamps,
+              (std::vector<uint32_t>{220, 370, 520, 670, 820, 125, 275, 425, 575, 725, 875, 1025}));
 }
 
 TEST_F(HistoryTrackerTest, SumsWrapAt16BitsAndExtremesCompareTheWholeValue) {
@@ -231,11 +262,17 @@ TEST_F(HistoryTrackerTest, RestartContinuesOnTheGridOfTheStoredSamples) {
     EXPECT_TRUE(isUnknown(gPower.ring[2]));
     EXPECT_EQ(gPower.ring[5].timestamp, kT0 + 870);
 
-    // A stored time stamp past 2^31 reads as negative.
+    // A stored time stamp past 2^31 reads as negative: the ring is refused.
     gPower.ring[gPower.nextIndex - 1].timestamp = 0x80000000u;
     ASSERT_EQ(savePowerHistory(), 1);
     restart();
-    EXPECT_EQ(gPower.endtime, 0xFFFFFFFF80000000u);
+    EXPECT_EQ(gPower.endtime, 0u);
+    EXPECT_EQ(gPower.nextIndex, 0);
+
+    // Nor does a time past that limit get in.
+    snap(0x7FFFFFFFu - 149);
+    EXPECT_TRUE(traced("\"trackPowerHistory\": Time stamp 2147483498 is out of range\n"));
+    EXPECT_EQ(gPower.endtime, 0u);
 }
 
 TEST_F(HistoryTrackerTest, PerformanceCountsZeroReadingsAndFillsGapsWithZeros) {

@@ -9,10 +9,12 @@
 #include <zelo.h>
 
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 namespace zelo::test {
 namespace {
@@ -93,9 +95,14 @@ class MetricLogTest : public PlatformTest {
     std::unique_ptr<sim::Firmware> firmware;
 };
 
-TEST_F(MetricLogTest, LockIsOneByteAndWaitsUntilReleased) {
+Bytes pidText(pid_t pid) {
+    const std::string text = std::to_string(pid) + "\n";
+    return Bytes(text.begin(), text.end());
+}
+
+TEST_F(MetricLogTest, LockHoldsItsOwnersPidAndWaitsUntilReleased) {
     WaitValueLock();
-    EXPECT_EQ(fileBytes(dir + "zelo.lock"), Bytes{0x01});
+    EXPECT_EQ(fileBytes(dir + "zelo.lock"), pidText(::getpid()));
 
     // Held: the waiter polls every 10 s; here the holder lets go during the first pause.
     static std::string lock;
@@ -111,7 +118,7 @@ TEST_F(MetricLogTest, LockIsOneByteAndWaitsUntilReleased) {
     WaitValueLock();
     ml::gLockSleep = ::sleep;
     EXPECT_EQ(pauses, 1);
-    EXPECT_EQ(fileBytes(lock), Bytes{0x01});
+    EXPECT_EQ(fileBytes(lock), pidText(::getpid()));
     EXPECT_EQ(UnlockValue(), 0);
     EXPECT_FALSE(std::filesystem::exists(lock));
 }
@@ -135,7 +142,60 @@ TEST_F(MetricLogTest, LockRefusesASymbolicLinkAtItsPath) {
     EXPECT_EQ(pauses, 1);
     EXPECT_FALSE(std::filesystem::exists(target));
     EXPECT_FALSE(std::filesystem::is_symlink(lock));
-    EXPECT_EQ(fileBytes(lock), Bytes{0x01});
+    EXPECT_EQ(fileBytes(lock), pidText(::getpid()));
+}
+
+// A holder killed with the lock leaves it behind: a pid that is no process,
+// or no pid and an age no holder reaches, is taken over without a pause and
+// traced; a running owner, or a recent file naming none, is waited for.
+TEST_F(MetricLogTest, ALockWhoseHolderIsGoneIsTakenOverAtOnce) {
+    const pid_t gone = ::fork();
+    if (gone == 0)
+        ::_exit(0);
+    ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
+    const std::string path = "/tmp/zelo_log/zelo.lock";
+    struct Case {
+        std::string content;
+        std::time_t age;
+        int pauses;
+        std::string traced;
+    };
+    const Case cases[] = {
+        {std::to_string(gone) + "\n", 0, 0,
+         "Lock file '" + path + "' of process " + std::to_string(gone) +
+             ", which is gone, removed"},
+        {"\x01", 301, 0, "Lock file '" + path + "' naming no owner and older than 300 s removed"},
+        {"\x01", 299, 1, ""},
+        {std::to_string(::getpid()) + "\n", 3600, 1, ""},
+    };
+    static std::string lock;
+    static int pauses;
+    lock = root + path;
+    ml::gLockSleep = [](unsigned) -> unsigned {
+        ++pauses;
+        std::filesystem::remove(lock);
+        return 0;
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.content + " aged " + std::to_string(c.age));
+        const std::string traceFile = root + "/tmp/zelo_trace/zelo_trace_log_0.txt";
+        std::filesystem::remove(traceFile);
+        std::ofstream(lock, std::ios::binary) << c.content;
+        const struct timespec then[2] = {{std::time(nullptr) - c.age, 0},
+                                         {std::time(nullptr) - c.age, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, lock.c_str(), then, 0), 0);
+        pauses = 0;
+        WaitValueLock();
+        EXPECT_EQ(pauses, c.pauses);
+        EXPECT_EQ(fileBytes(lock), pidText(::getpid()));
+        std::ifstream in(traceFile);
+        const std::string text{std::istreambuf_iterator<char>(in), {}};
+        const auto at =
+            text.find(c.traced.empty() ? "Lock file" : "\"WaitValueLock\": " + c.traced);
+        EXPECT_EQ(at == std::string::npos, c.traced.empty()) << text;
+        EXPECT_EQ(UnlockValue(), 0);
+    }
+    ml::gLockSleep = ::sleep;
 }
 
 TEST_F(MetricLogTest, CounterFilesHoldOneRawByte) {

@@ -5,6 +5,7 @@
 
 #include <zelo/tracelog.h>
 
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -113,6 +114,26 @@ TEST_F(TraceLogTest, WithoutTheDirectoryNothingIsWritten) {
     EXPECT_EQ(WriteToLog("f", "Log", "lost"), 0);
     EXPECT_EQ(GetCurrentLogSize(), 0u);
     EXPECT_EQ(OpenCurrentLog(0), nullptr);
+}
+
+// Escapes whole or not at all when room runs out; the result's length comes
+// back whatever the room.
+TEST_F(TraceLogTest, ControlBytesAreEscapedWholeWithinTheRoomGiven) {
+    const std::string text("a\x1b[1\x7f\xff\0z", 8);
+    const struct {
+        uint32_t capacity;
+        const char *written;
+    } cases[] = {{0, ""},  {1, ""},       {2, "a"},
+                 {5, "a"}, {6, "a\\x1B"}, {32, "a\\x1B[1\\x7F\xff\\x00z"}};
+    for (const auto &c : cases) {
+        char out[32];
+        std::memset(out, '#', sizeof out);
+        EXPECT_EQ(EscapeControlBytes(text.data(), 8, out, c.capacity), 17u) << c.capacity;
+        if (c.capacity == 0)
+            EXPECT_EQ(out[0], '#') << "no room, nothing written";
+        else
+            EXPECT_STREQ(out, c.written) << c.capacity;
+    }
 }
 
 } // namespace

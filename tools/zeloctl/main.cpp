@@ -203,9 +203,12 @@ int run(int argc, char **argv) {
     }
     const Command &c = *findCommand(selected.front()->get_name());
     uint64_t instance = 0;
-    if (!parseNumber(o.instance, 1, &instance))
-        return usageError("bad option '--instance': '" + printable(o.instance) +
-                          "' is no firmware instance (0 the server, 1 the expansion unit)");
+    if (!parseNumber(o.instance, 1, &instance)) {
+        const bool number = parseNumber(o.instance, UINT64_MAX, &instance);
+        return usageError((number ? "--instance " + o.instance + " is out of range"
+                                  : "bad value '" + printable(o.instance) + "' for --instance") +
+                          " (0 the server, 1 the expansion unit)");
+    }
     gOutput.instance = static_cast<int32_t>(instance);
     if (c.argc >= 0 ? o.args.size() != static_cast<std::size_t>(c.argc) : !o.args.empty())
         return usageError(std::string("wrong number of arguments for '") + c.name + "'");

@@ -1,5 +1,8 @@
 #include "zeloctl.h"
 
+#include <zelo/tracelog.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -14,17 +17,10 @@ void emit(const Json &object) {
 }
 
 std::string printable(std::string_view text) {
-    std::string s;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\x%02X", byte);
-            s += escaped;
-        } else {
-            s += c;
-        }
-    }
+    // The library's escaping, so zeloctl and the daemon's printouts agree.
+    const auto length = static_cast<uint32_t>(std::min<std::size_t>(text.size(), UINT32_MAX / 4));
+    std::string s(EscapeControlBytes(text.data(), length, nullptr, 0), '\0');
+    EscapeControlBytes(text.data(), length, s.data(), static_cast<uint32_t>(s.size() + 1));
     return s;
 }
 
