@@ -1,0 +1,604 @@
+// The firmware simulator, driven in-process on a clock the test steps: the
+// registers, tables, faults, snapshots and control lines the library's and
+// the daemon's tests build on, and the scenario files. Its socket server
+// serves every integration test.
+#include "model.h"
+#include "scenario.h"
+
+#include <zelo/firmware.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace zelo::sim;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint8_t kId0 = ZELO_IANA_ID & 0xFF;
+constexpr std::uint8_t kId1 = (ZELO_IANA_ID >> 8) & 0xFF;
+constexpr std::uint8_t kId2 = (ZELO_IANA_ID >> 16) & 0xFF;
+constexpr std::uint8_t kServer = 5; // built-in handles
+constexpr std::uint8_t kExpansion = 9;
+const auto kScenarios = std::filesystem::path(ZELO_SCENARIO_DIR);
+
+// Reserving first keeps GCC 12's -Warray-bounds quiet about the insert.
+Bytes cat(Bytes head, const Bytes &tail) {
+    head.reserve(head.size() + tail.size());
+    head.insert(head.end(), tail.begin(), tail.end());
+    return head;
+}
+Bytes ok(const Bytes &data = {}) {
+    return cat({0, kId0, kId1, kId2}, data);
+}
+Bytes failed(std::uint8_t cc) {
+    return {cc, kId0, kId1, kId2};
+}
+std::uint64_t be(const Bytes &b, std::size_t at, std::size_t width) {
+    std::uint64_t v = 0;
+    for (std::size_t i = 0; i < width; ++i)
+        v = (v << 8) | b.at(at + i);
+    return v;
+}
+
+// Element-method requests.
+Bytes method(std::uint8_t handle, std::uint8_t element, int m, const Bytes &tail = {}) {
+    return cat({kId0, kId1, kId2, handle, element, static_cast<std::uint8_t>(m)}, tail);
+}
+Bytes readReg(std::uint8_t handle, std::uint8_t element, std::uint8_t reg, std::uint8_t n) {
+    return method(handle, element, ZELO_METHOD_READ_REGISTER, {reg, n});
+}
+Bytes writeReg(std::uint8_t handle, std::uint8_t element, std::uint8_t reg, const Bytes &value) {
+    return method(handle, element, ZELO_METHOD_WRITE_REGISTER,
+                  cat({reg, static_cast<std::uint8_t>(value.size())}, value));
+}
+Bytes entry(std::uint8_t handle, std::uint8_t buffer, std::uint8_t index,
+            std::uint8_t wanted = 0xFF) {
+    return method(handle, kPowerSupplyElement, ZELO_METHOD_READ_INDEXED_BUFFER,
+                  {buffer, index, wanted});
+}
+
+Scenario parsed(const std::string &text) {
+    Scenario s;
+    std::string error;
+    EXPECT_TRUE(parseScenario(text, "t.scn", s, error)) << error;
+    return s;
+}
+Scenario loaded(const char *file) {
+    Scenario s;
+    std::string error;
+    EXPECT_TRUE(loadScenarioFile((kScenarios / file).string(), s, error)) << error;
+    return s;
+}
+
+// A firmware whose clock the test steps; it boots at a non-zero reading.
+class Sim {
+  public:
+    explicit Sim(const std::string &scenario = "") : fw(parsed(scenario), [this] { return ms_; }) {}
+    Sim(const Sim &) = delete; // the clock points back here
+    Sim &operator=(const Sim &) = delete;
+
+    void at(std::uint64_t firmwareMs) { ms_ = kBoot + firmwareMs; }
+    Bytes invoke(const Bytes &req) {
+        return fw.handle(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, req);
+    }
+    Bytes find(std::uint8_t instance) {
+        return fw.handle(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE,
+                         Bytes{kId0, kId1, kId2, instance, 0, 1});
+    }
+    Bytes config(std::uint8_t element) {
+        return invoke(method(kServer, element, ZELO_METHOD_READ_CONFIGURATION));
+    }
+    Bytes read(std::uint16_t offset, std::uint16_t wanted) {
+        return invoke(
+            method(kServer, kSnapshotElement, ZELO_METHOD_READ_BUFFER,
+                   {static_cast<std::uint8_t>(offset >> 8), static_cast<std::uint8_t>(offset),
+                    static_cast<std::uint8_t>(wanted >> 8), static_cast<std::uint8_t>(wanted)}));
+    }
+    // The whole buffer in one read: tag, length, data.
+    Bytes buffer() {
+        const Bytes rsp = read(0, 0xFFFF);
+        EXPECT_EQ(rsp.at(0), 0);
+        return Bytes(rsp.begin() + 4, rsp.end());
+    }
+    std::uint16_t tag() { return static_cast<std::uint16_t>(be(buffer(), 0, 2)); }
+    Bytes xpm(std::uint8_t buffer, std::uint8_t selector) {
+        return fw.handle(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS,
+                         Bytes{kId0, kId1, kId2, 4, buffer, 0, 0, selector, 1, 0, 1});
+    }
+    void apply(const std::string &line) {
+        std::string error;
+        ASSERT_TRUE(fw.control(line, error)) << line << ": " << error;
+    }
+
+  private:
+    static constexpr std::uint64_t kBoot = 7'000'000;
+    std::uint64_t ms_ = kBoot;
+
+  public:
+    Firmware fw;
+};
+
+// Offsets in the buffer: a 4-byte tag/length head, status, DC energy, histogram.
+constexpr std::size_t kHead = 4;
+constexpr std::size_t kDcAt = kHead + 1;
+constexpr std::size_t kHistogramAt = kHead + 9;
+
+struct Exchange {
+    const char *what;
+    Bytes request;
+    Bytes answer;
+};
+void expectExchanges(Sim &sim, const std::vector<Exchange> &rows) {
+    for (const auto &row : rows)
+        EXPECT_EQ(sim.invoke(row.request), row.answer) << row.what;
+}
+
+TEST(FwsimDiscovery, AnswersEachInstanceWithItsHandle) {
+    Sim sim;
+    EXPECT_EQ(sim.find(0), ok({0, 0x01, 0x02, kServer, 0, 0}));
+    EXPECT_EQ(sim.find(1), ok({0, 0x01, 0x03, kExpansion, 0, 0}));
+    EXPECT_EQ(sim.find(2), ok({0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(sim.fw.handle(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE,
+                            Bytes{kId0, kId1, kId2, 0, 0, 1, 0}),
+              failed(0xC7));
+    EXPECT_EQ(
+        sim.fw.handle(0x06, CMDID_ZELO_FIND_FIRMWARE_INSTANCE, Bytes{kId0, kId1, kId2, 0, 0, 1}),
+        Bytes{0xC1});
+
+    Sim moved("instance 0 handle 0x30 descriptors 7 8\ninstance 1 none\n");
+    EXPECT_EQ(moved.find(0), ok({0, 7, 8, 0x30, 0, 0}));
+    EXPECT_EQ(moved.find(1), ok({0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(moved.invoke(readReg(0x30, 7, 0, 2)), ok({0x01, 0xC2}));
+
+    Sim absent("present no\n");
+    EXPECT_EQ(absent.find(0), Bytes{0xC1});
+    EXPECT_EQ(absent.invoke(readReg(kServer, 7, 0, 2)), Bytes{0xC1});
+}
+
+TEST(FwsimRegisters, EveryRegisterReadsAtItsNaturalWidth) {
+    Sim sim;
+    for (const RegisterDef &r : kRegisters) {
+        const Bytes rsp = sim.invoke(readReg(kServer, r.element, r.id, r.width));
+        ASSERT_EQ(rsp.size(), 4u + r.width) << r.name;
+        EXPECT_EQ(Bytes(rsp.begin(), rsp.begin() + 4), ok()) << r.name;
+        EXPECT_EQ(be(rsp, 4, r.width), r.initial) << r.name;
+    }
+}
+
+// One firmware, rows in order: writes are read back by the rows after them.
+TEST(FwsimRegisters, ReadsWritesAndRefusals) {
+    Sim sim;
+    expectExchanges(sim,
+                    {
+                        {"cap, 450 W", readReg(kServer, 7, 0, 2), ok({0x01, 0xC2})},
+                        {"narrower", readReg(kServer, 7, 0, 1), ok({0xC2})},
+                        {"wider", readReg(kServer, 7, 0, 4), ok({0, 0, 0x01, 0xC2})},
+                        {"expansion's own file", readReg(kExpansion, 7, 9, 2), ok({0x06, 0x40})},
+                        {"write", writeReg(kServer, 7, 0, {0x01, 0x90}), ok()},
+                        {"read back", readReg(kServer, 7, 0, 2), ok({0x01, 0x90})},
+                        {"other instance", readReg(kExpansion, 7, 0, 2), ok({0x01, 0xC2})},
+                        {"leading zeros", writeReg(kExpansion, 7, 10, {0, 0, 2}), ok()},
+                        {"too wide", writeReg(kExpansion, 7, 10, {1, 2}), failed(0xCC)},
+                        {"unchanged", readReg(kExpansion, 7, 10, 1), ok({2})},
+                        {"read-only", writeReg(kServer, 7, 9, {0, 0x10}), failed(0xCC)},
+                        {"unknown register", readReg(kServer, 7, 99, 2), failed(0xCC)},
+                        {"unknown element", readReg(kServer, 11, 0, 1), failed(0xCC)},
+                        {"zero length", readReg(kServer, 7, 0, 0), failed(0xCC)},
+                        {"unknown handle", readReg(42, 7, 0, 2), failed(0xCC)},
+                        {"unknown method", method(kServer, 7, 0x42, {0, 2}), failed(0xCC)},
+                        {"trailing byte", cat(readReg(kServer, 7, 0, 2), {0}), failed(0xC7)},
+                        {"short write", method(kServer, 7, ZELO_METHOD_WRITE_REGISTER, {0, 2, 1}),
+                         failed(0xC7)},
+                        {"truncated head", {kId0, kId1, kId2, kServer, 7}, failed(0xC7)},
+                    });
+}
+
+TEST(FwsimPowerSupplies, TablesOnTheWire) {
+    Sim builtIn;
+    expectExchanges(builtIn,
+                    {
+                        {"configuration", method(kServer, 10, ZELO_METHOD_READ_CONFIGURATION),
+                         ok({5, 0, 2, 4, 2, 2})},
+                        {"type 1100 W", entry(kExpansion, 0, 1), ok({0, 1, 4, 2, 0, 0x04, 0x4C})},
+                        {"no such type", entry(kServer, 0, 2), failed(0xCC)},
+                        {"no such buffer", entry(kServer, 2, 0), failed(0xCC)},
+                    });
+
+    Sim sim("psu-factors 0 3 4 byte0 0x80\n"
+            "psutype 0 0 800 bytes 0x01 0x00\npsutype 0 1 1600 bytes 0x03 0x7F\n"
+            "redundancy 0 0 2+1 props 0x017E list 1,0 byte0 0x81 words 0x0102 0x0304 0xA0B0\n"
+            "redundancy 0 1 1+1 props 0x0002 list 0,1 entrylen 10\n"
+            "redundancy 0 2 1+0 props 0x0001 list none\n"
+            "reg 0 10 9 0x0640000000000000\n"
+            "fault 1 10 0x87 0xC0\n");
+    expectExchanges(
+        sim, {
+                 {"configuration", method(kServer, 10, ZELO_METHOD_READ_CONFIGURATION),
+                  ok({5, 0x80, 2, 3, 3, 4})},
+                 {"type", entry(kServer, 0, 1), ok({0, 1, 4, 0x03, 0x7F, 0x06, 0x40})},
+                 {"cut to wanted", entry(kServer, 0, 1, 2), ok({0, 1, 4, 0x03, 0x7F})},
+                 {"configuration entry", entry(kServer, 1, 0),
+                  ok({1, 0, 13, 0x81, 0x01, 0x7E, 2, 1, 1, 2, 3, 4, 0xA0, 0xB0, 1, 0})},
+                 {"lying length", entry(kServer, 1, 1),
+                  ok({1, 1, 10, 0, 0, 0x02, 1, 1, 0, 0, 0, 0, 0, 0, 0, 1})},
+                 {"empty list", entry(kServer, 1, 2),
+                  ok({1, 2, 11, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0})},
+                 {"label power", readReg(kServer, 10, 9, 8), ok({0x06, 0x40, 0, 0, 0, 0, 0, 0})},
+                 {"voltages", readReg(kServer, 10, 4, 2), ok({0x03, 0x05})},
+                 {"target writable", writeReg(kServer, 10, 31, {3}), ok()},
+                 {"target read back", readReg(kServer, 10, 31, 1), ok({3})},
+                 {"presence read-only", writeReg(kServer, 10, 2, {0x0F}), failed(0xCC)},
+                 {"forced code", entry(kExpansion, 0, 0), failed(0xC0)},
+             });
+}
+
+TEST(FwsimFaults, ForcedCodesHitOnlyTheirTarget) {
+    Sim sim("fault 0 7 0x82 0xC9\nfault discovery 1 0xC3\n"
+            "short-answer 3 0x81 6\nshort-answer xpm 3\n");
+    expectExchanges(sim, {
+                             {"faulted", readReg(kServer, 7, 0, 2), failed(0xC9)},
+                             {"other instance", readReg(kExpansion, 7, 0, 2), ok({0x01, 0xC2})},
+                             {"other element", readReg(kServer, 9, 1, 1), ok({24})},
+                             {"other method", writeReg(kServer, 7, 0, {0x01, 0x90}), ok()},
+                         });
+    EXPECT_EQ(sim.find(1), failed(0xC3));
+    EXPECT_EQ(sim.find(0)[0], 0);
+    EXPECT_EQ(sim.read(0, 10), ok({0, 1})) << "cut to six bytes";
+    EXPECT_EQ(sim.xpm(0, 0), Bytes({0, kId0, kId1}));
+
+    Sim overlong("overlong-read\n");
+    const Bytes rsp = overlong.read(130, 10);
+    EXPECT_EQ(be(rsp, 6, 2), 6u) << "claims one byte more than it sends";
+    EXPECT_EQ(rsp.size(), 8u + 5);
+}
+
+TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
+    // The offending line is the last one of each text.
+    const struct {
+        std::string text;
+        const char *error;
+    } cases[] = {
+        {"reg 0 0 99 1", "unknown register 0/99"},
+        {"\n# x\nbogus 1", "unknown keyword 'bogus'"},
+        {"reg 0 0 0 0x100", "value 0x100 too wide for register 0/0 (1 bytes)"},
+        {"reg 2 0 0 1", "2 out of range (0-1)"},
+        {"reg 0 7 0 12x", "bad number '12x'"},
+        {"instance 1 handle 5", "handle 5 already used by instance 0"},
+        {"fault 0 7 0x82 0", "completion code 0"},
+        {"psutype 0 1 800", "psutype index 1 out of order; next is 0"},
+        {"redundancy 0 0 1-1 props 2 list 0", "bad N+M '1-1'"},
+        {"redundancy 0 0 1+1 list 0 props 2", "usage: redundancy"},
+        {"sensor \"Inlet Temp 0 24 C", "sensor name misses its closing quote"},
+        {"power steps 0:100", "bad step '0:100'"},
+        {"power noisy 50 60", "noisy power must stay within 0-65535 W"},
+        {"shares 50 40 20", "shares add up to more than 100%"},
+        {"snapshot-period 99", "99 out of range (100-86400000)"},
+        {"histogram 100 50 10 3", "bucket bytes must be 1, 2 or 4"},
+        {"input-power 255 255 255 8 8", "snapshot buffer of up to"},
+        {"subsystems cpu,disk", "unknown subsystem 'disk'"},
+        {"tag 5", "'tag' works only on a running simulator (zelo-fwsim --control)"},
+    };
+    for (const auto &c : cases) {
+        const std::string text = "delay 7\nblade yes\n" + c.text;
+        const auto line = 1 + std::count(text.begin(), text.end(), '\n');
+        Scenario s;
+        std::string error;
+        EXPECT_FALSE(parseScenario(text, "t.scn", s, error)) << c.text;
+        const std::string expected = "t.scn:" + std::to_string(line) + ": " + c.error;
+        EXPECT_EQ(error.substr(0, expected.size()), expected);
+        EXPECT_EQ(s.delayMs, 0u) << c.text;
+        EXPECT_FALSE(s.snapshots.blade) << c.text;
+    }
+}
+
+// The samples other tests and the demo run on stage what their names say.
+TEST(FwsimScenario, SampleFilesStageWhatTheySay) {
+    for (const auto &file : std::filesystem::directory_iterator(kScenarios))
+        if (file.path().extension() == ".scn")
+            loaded(file.path().filename().c_str());
+    Scenario s;
+    std::string error;
+    EXPECT_FALSE(loadScenarioFile((kScenarios / "missing.scn").string(), s, error));
+    EXPECT_NE(error.find("missing.scn: "), std::string::npos) << error;
+
+    const Scenario fromFile = loaded("default.scn");
+    const Scenario builtIn;
+    for (unsigned n = 0; n < kInstanceCount; ++n) {
+        EXPECT_EQ(fromFile.instances[n].registers, builtIn.instances[n].registers) << n;
+        EXPECT_EQ(fromFile.instances[n].psu, builtIn.instances[n].psu) << n;
+    }
+    EXPECT_EQ(fromFile.power, builtIn.power);
+    EXPECT_EQ(fromFile.snapshots, builtIn.snapshots);
+    EXPECT_EQ(fromFile.perf, builtIn.perf);
+
+    const auto configs = loaded("redundancy.scn").instances[0].psu.configs;
+    ASSERT_FALSE(configs.empty());
+    EXPECT_EQ(std::count_if(configs.begin(), configs.end(),
+                            [](const auto &c) { return c.properties & kPropActive; }),
+              1);
+    EXPECT_FALSE(configs[0].properties & kPropActive);
+    for (const auto &inst : loaded("no-redundancy.scn").instances)
+        EXPECT_EQ(inst.registers[*findRegister(0, 14)] & (1U << 9), 0u);
+    EXPECT_TRUE(loaded("blade.scn").snapshots.blade);
+    EXPECT_EQ(loaded("lively.scn").power.dc.kind, PowerProfile::Kind::Noisy);
+    EXPECT_EQ(loaded("constant-350.scn").power.dc.kind, PowerProfile::Kind::Constant);
+}
+
+TEST(FwsimSnapshot, ConfigurationBlocks) {
+    Sim sim;
+    EXPECT_EQ(sim.config(kHistogramElement), ok({0, 0, 0, 100, 0, 0, 10, 50, 4, 0}));
+    // 25 + 12 x 4 histogram bytes, then 16 + 2 x 5 + 8 + 1 + 3 x 9 extended.
+    EXPECT_EQ(sim.config(kSnapshotElement), ok({0, 0, 0, 64, 0, 0, 0, 135}));
+    EXPECT_EQ(sim.config(kInputPowerElement), ok({0, 0, 0, 2, 1, 1, 2, 2, 0, 0}));
+    EXPECT_EQ(sim.invoke(method(kExpansion, kSnapshotElement, ZELO_METHOD_READ_CONFIGURATION)),
+              failed(0xCC))
+        << "only the server measures";
+}
+
+// Walks the data of "power constant 350" after one 30 s period, the way a
+// client would, checking every field it passes.
+void expectLayout(const Bytes &b, bool blade, std::uint8_t caps, std::uint32_t ext) {
+    std::size_t at = 0;
+    const auto take = [&](std::size_t width) {
+        const std::uint64_t v = be(b, at, width);
+        at += width;
+        return v;
+    };
+    EXPECT_EQ(take(1), 0x5Au) << "status";
+    EXPECT_EQ(take(8), 350u * 30000) << "DC energy";
+    for (unsigned bucket = 0; bucket < 12; ++bucket)
+        EXPECT_EQ(take(4), bucket == 6 ? 30u : 0u) << "histogram " << bucket;
+    EXPECT_EQ(take(2), 0xBEEFu) << "event";
+    EXPECT_EQ(take(4), 40u * 30) << "effective CPU";
+    if (!blade) {
+        EXPECT_EQ(take(8), 372u * 30000) << "AC energy"; // 350 / 0.94
+        EXPECT_EQ(take(1), 38u) << "outlet";             // 24 + 3.5 x 4
+        EXPECT_EQ(take(1), 24u) << "inlet";
+    }
+    if (caps & 0x80) {
+        if (ext & 0x08) {
+            EXPECT_EQ(take(8), 0u);
+            EXPECT_EQ(take(8), 0u);
+        }
+        if ((ext & 0x04) && !blade) {
+            for (std::uint64_t supply = 0; supply < 2; ++supply) {
+                EXPECT_EQ(take(1), supply);
+                EXPECT_EQ(take(2), 186u) << "input W of " << supply;
+                EXPECT_EQ(take(2), 800u) << "label W of " << supply;
+            }
+        }
+        if (ext & 0x10) {
+            EXPECT_EQ(take(8), 30000u) << "timestamp";
+        }
+        if (ext & 0x20) {
+            EXPECT_EQ(take(1), 3u);
+            for (const auto &[type, watts] : {std::pair{1u, 157u}, {2u, 70u}, {4u, 35u}}) {
+                EXPECT_EQ(take(1), type);
+                EXPECT_EQ(take(8), watts * 30000) << "subsystem " << type;
+            }
+        }
+    }
+    EXPECT_EQ(at, b.size());
+}
+
+TEST(FwsimSnapshot, LayoutFollowsPlatformAndCapabilityBits) {
+    const struct {
+        bool blade;
+        std::uint8_t caps;
+        std::uint32_t ext;
+        std::size_t len;
+    } cases[] = {
+        {false, 0x01, 0x37C, 73}, {false, 0x81, 0x37C, 135}, {false, 0x81, 0x08, 89},
+        {false, 0x81, 0x04, 83},  {false, 0x81, 0x10, 81},   {false, 0x81, 0x20, 101},
+        {true, 0x81, 0x37C, 115}, {true, 0x81, 0x04, 63},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message()
+                     << "blade " << c.blade << " caps " << int{c.caps} << " ext " << c.ext);
+        Sim sim(std::string("power constant 350\nstatus-byte 0x5A\nevent-word 0xBEEF\n") +
+                (c.blade ? "blade yes\n" : "") + "reg 0 0 7 " + std::to_string(c.caps) +
+                "\nreg 0 0 14 " + std::to_string(c.ext) + "\n");
+        sim.at(30000);
+        const Bytes b = sim.buffer();
+        ASSERT_EQ(b.size(), kHead + c.len);
+        EXPECT_EQ(be(b, 2, 2), c.len) << "bytes returned";
+        EXPECT_EQ(be(sim.config(kSnapshotElement), 10, 2), c.len) << "configured size";
+        expectLayout(Bytes(b.begin() + kHead, b.end()), c.blade, c.caps, c.ext);
+    }
+}
+
+TEST(FwsimSnapshot, EnergyGrowsByPowerTimesMilliseconds) {
+    Sim sim("power constant 350\n");
+    EXPECT_EQ(sim.tag(), 1);
+    EXPECT_EQ(be(sim.buffer(), kDcAt, 8), 0u);
+    sim.at(29999);
+    EXPECT_EQ(sim.tag(), 1);
+    sim.at(65000);
+    const Bytes b = sim.buffer();
+    EXPECT_EQ(be(b, 0, 2), 3u);
+    EXPECT_EQ(be(b, kDcAt, 8), 350u * 60000);
+    EXPECT_EQ(be(b, kHead + 73 + 16 + 10, 8), 60000u) << "timestamp";
+
+    // 7 cycles of 4 s, then 1.5 s at 100 W and 0.5 s at 300 W.
+    Sim steps("power steps 1500:100,2500:300\n");
+    steps.at(30000);
+    EXPECT_EQ(be(steps.buffer(), kDcAt, 8), 7u * (150000 + 750000) + 150000 + 150000);
+    Sim held("power steps 1000:100,1000:200 hold\n");
+    held.at(60000);
+    EXPECT_EQ(be(held.buffer(), kDcAt, 8), 100u * 1000 + 200u * 59000);
+
+    Sim changed("power constant 300\n");
+    changed.at(10500);
+    changed.apply("power constant 600");
+    changed.at(30000);
+    const Bytes c = changed.buffer();
+    EXPECT_EQ(be(c, kDcAt, 8), 300u * 10500 + 600u * 19500) << "from the instant of the change";
+    EXPECT_EQ(be(c, kHistogramAt + 5 * 4, 4), 11u) << "seconds 0-10 at 300 W";
+    EXPECT_EQ(be(c, kHistogramAt + 11 * 4, 4), 19u) << "seconds 11-29 at 600 W";
+}
+
+TEST(FwsimSnapshot, HistogramCountsOneSamplePerSecondAtItsBounds) {
+    // Buckets: <100, 100-149, 150-199, >=200.
+    Sim sim("histogram 100 50 2 2\n"
+            "power steps 2000:99,3000:100,1000:149,4000:150,5000:199,6000:200,9000:5000\n");
+    sim.at(30000);
+    const Bytes b = sim.buffer();
+    EXPECT_EQ(Bytes(b.begin() + kHistogramAt, b.begin() + kHistogramAt + 8),
+              (Bytes{0, 2, 0, 4, 0, 9, 0, 15}));
+
+    // Noisy power: the same whenever requests come, and exactly what the
+    // one-watt buckets saw.
+    const std::string noisy =
+        "power noisy 400 80 seed 3\nsnapshot-period 5000\nhistogram 320 1 161 2\n";
+    Sim polled(noisy), idle(noisy);
+    for (std::uint64_t t = 0; t < 61000; t += 700) {
+        polled.at(t);
+        polled.tag();
+    }
+    polled.at(61000);
+    idle.at(61000);
+    const Bytes n = idle.buffer();
+    EXPECT_EQ(polled.buffer(), n);
+    std::uint64_t samples = 0, sampled = 0;
+    for (std::size_t bucket = 0; bucket < 163; ++bucket) {
+        const std::uint64_t count = be(n, kHistogramAt + 2 * bucket, 2);
+        samples += count;
+        sampled += count * (319 + bucket) * 1000;
+    }
+    EXPECT_EQ(samples, 60u);
+    EXPECT_EQ(be(n, kDcAt, 8), sampled);
+    EXPECT_NE(sampled, 400u * 60000);
+}
+
+TEST(FwsimSnapshot, TagsCountPeriodsWrapAndRestart) {
+    Sim wrap("snapshot-period 100\n");
+    wrap.at(100u * 65534);
+    EXPECT_EQ(wrap.tag(), 0xFFFF);
+    wrap.at(100u * 65535);
+    EXPECT_EQ(wrap.tag(), 1) << "0 is skipped";
+
+    Sim sim("power constant 100\nrestart-at 45000\n");
+    sim.at(44999);
+    EXPECT_EQ(sim.tag(), 2);
+    EXPECT_EQ(be(sim.xpm(0, 0), 4, 4), 44u) << "seconds up";
+    sim.at(50000);
+    Bytes b = sim.buffer();
+    EXPECT_EQ(be(b, 0, 2), 1u);
+    EXPECT_EQ(be(b, kDcAt, 8), 0u);
+    EXPECT_EQ(be(sim.xpm(0, 0), 4, 4), 5u);
+    sim.at(75000);
+    b = sim.buffer();
+    EXPECT_EQ(be(b, 0, 2), 2u);
+    EXPECT_EQ(be(b, kDcAt, 8), 100u * 30000);
+    EXPECT_EQ(be(b, kHead + 73 + 26, 8), 30000u) << "timestamp since the restart";
+}
+
+TEST(FwsimSnapshot, ChunksAcrossABoundarySeeTwoTags) {
+    Sim sim;
+    sim.at(29999);
+    const Bytes first = sim.read(0, 64);
+    EXPECT_EQ(Bytes(first.begin(), first.begin() + 8), ok({0, 1, 0, 64}));
+    EXPECT_EQ(first.size(), 8u + 64);
+    sim.at(30000);
+    EXPECT_EQ(be(sim.read(64, 64), 4, 4), 0x00020040u);
+    const Bytes last = sim.read(128, 64);
+    EXPECT_EQ(be(last, 4, 4), 0x00020007u);
+    EXPECT_EQ(last.size(), 8u + 7);
+    EXPECT_EQ(sim.read(0xFFFF, 64), ok({0, 2, 0, 0}));
+
+    // Every second chunk read takes a snapshot; the time grid stays.
+    Sim every("power constant 200\nsnapshot-every-reads 2\n");
+    every.at(5000);
+    EXPECT_EQ(be(every.read(0, 64), 4, 2), 1u);
+    EXPECT_EQ(be(every.read(64, 64), 4, 2), 1u);
+    Bytes b = every.buffer();
+    EXPECT_EQ(be(b, 0, 2), 2u);
+    EXPECT_EQ(be(b, kDcAt, 8), 200u * 5000);
+    every.at(30000);
+    b = every.buffer();
+    EXPECT_EQ(be(b, 0, 2), 3u);
+    EXPECT_EQ(be(b, kDcAt, 8), 200u * 30000);
+}
+
+TEST(FwsimXpm, UtilisationPerBufferAndSelector) {
+    Sim sim("perf 101 95 3 50\nperf-status 0x22\n");
+    sim.at(12345);
+    EXPECT_EQ(sim.xpm(0, 0), ok({0, 0, 0, 12, 7, 0x22, 101}));
+    const struct {
+        std::uint8_t buffer, current, max, min;
+    } cases[] = {{0, 101, 101, 91}, {4, 95, 100, 85}, {5, 3, 13, 0}, {6, 50, 60, 40}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(sim.xpm(c.buffer, 0).at(10), c.current) << int{c.buffer};
+        EXPECT_EQ(sim.xpm(c.buffer, 1).at(10), c.max) << int{c.buffer};
+        EXPECT_EQ(sim.xpm(c.buffer, 2).at(10), c.min) << int{c.buffer};
+    }
+    EXPECT_EQ(sim.xpm(1, 0), failed(0xCC));
+    EXPECT_EQ(sim.xpm(0, 3), failed(0xCC));
+
+    EXPECT_EQ(Sim("perf none\n").xpm(0, 0)[0], 0xC1);
+}
+
+TEST(FwsimControl, LinesChangeTheRunningFirmware) {
+    Sim sim("status-byte 0x02\n");
+    sim.at(1000);
+    sim.apply("reg 0 7 2 700");
+    EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), ok({0x02, 0xBC}));
+    sim.apply("status-byte 0x32");
+    sim.apply("event-word 8");
+    Bytes b = sim.buffer();
+    EXPECT_EQ(be(b, 0, 2), 1u);
+    EXPECT_EQ(b.at(kHead), 0x02) << "the snapshot already taken keeps its byte";
+    sim.apply("snapshot-now");
+    b = sim.buffer();
+    EXPECT_EQ(be(b, 0, 2), 2u);
+    EXPECT_EQ(b.at(kHead), 0x32);
+    EXPECT_EQ(be(b, kHistogramAt + 48, 2), 8u) << "event word";
+
+    sim.apply("tag 65535");
+    sim.apply("snapshot-now");
+    EXPECT_EQ(sim.tag(), 1) << "0 is skipped";
+    sim.at(40000);
+    sim.apply("tag 5");
+    sim.apply("restart-at 42000"); // armed once
+    sim.at(45000);
+    EXPECT_EQ(sim.tag(), 1);
+    sim.apply("status-byte 2");
+    sim.apply("snapshot-now");
+    EXPECT_EQ(sim.tag(), 2);
+    sim.apply("restart-now");
+    EXPECT_EQ(sim.tag(), 1);
+    EXPECT_EQ(be(sim.buffer(), kDcAt, 8), 0u);
+
+    sim.apply("present no");
+    EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), Bytes{0xC1});
+    sim.apply("present yes"); // absent firmware still takes control lines
+    EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), ok({0x02, 0xBC}));
+}
+
+TEST(FwsimControl, RefusalsSayWhyAndChangeNothing) {
+    Sim sim;
+    const struct {
+        const char *line;
+        const char *error;
+    } cases[] = {
+        {"reg 0 7 2 70000", "value 70000 too wide for register 7/2 (2 bytes)"},
+        {"tag 65536", "65536 out of range (0-65535)"},
+        {"snapshot-now please", "usage: snapshot-now"},
+        {"histogram 100 50 10 2", "the histogram cannot change while the firmware runs"},
+        {"reg 0 7 2 1\nreg 0 7 4 1", "one line per control request"},
+    };
+    for (const auto &c : cases) {
+        std::string error;
+        EXPECT_FALSE(sim.fw.control(c.line, error)) << c.line;
+        EXPECT_EQ(error, c.error);
+    }
+    EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), ok({0x02, 0x8A})) << "650 W kept";
+}
+
+} // namespace
