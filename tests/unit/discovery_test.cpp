@@ -22,37 +22,27 @@ void expectDiscovery(uint8_t instance, Bytes answer, int rc = 0) {
     fake().expect({0x2E, 0x82, discoveryRequest(instance), std::move(answer), rc});
 }
 
-TEST_F(DiscoveryTest, FindReturnsHandleAndDescriptors) {
-    expectDiscovery(1, discoveryAnswer(9));
-    uint8_t d1 = 0xEE, d2 = 0xEE, handle = 0xEE;
-    EXPECT_EQ(ZELO_FindFirmwareInstance(1, &d1, &d2, &handle), ZELO_RC_SUCCESS);
-    EXPECT_EQ(fake().lastCapacity, 10u);
-    EXPECT_EQ(handle, 9);
-    EXPECT_EQ(d1, 0x11);
-    EXPECT_EQ(d2, 0x22);
-}
-
-TEST_F(DiscoveryTest, FindFailuresLeaveOutputsZero) {
-    uint8_t d1 = 0xEE, d2 = 0xEE, handle = 0xEE;
-
-    expectDiscovery(0, {0xC1});
-    EXPECT_EQ(ZELO_FindFirmwareInstance(0, &d1, &d2, &handle), 0xC1);
-    EXPECT_EQ(d1 | d2 | handle, 0);
-
-    expectDiscovery(0, discoveryAnswer(0));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZELO_FindFirmwareInstance(0, &d1, &d2, &handle), ZELO_RC_NO_INSTANCE);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[ZELO_FindFirmwareInstance] Failed to call IPMI Command(NETFN_DUV, "
-              "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is 0.\n");
-    EXPECT_EQ(d1 | d2 | handle, 0);
-
-    expectDiscovery(0, {}, -111);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZELO_FindFirmwareInstance(0, &d1, &d2, &handle), ZELO_RC_FAILURE);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[ZELO_FindFirmwareInstance] Failed to call IPMI_DoIPMICmd(NETFN_DUV, "
-              "CMDID_ZELO_INVOKE_ELEMENT_METHOD) and the result code is -111.\n");
+TEST_F(DiscoveryTest, FindReturnsHandleAndDescriptorsOrZeros) {
+    const struct {
+        Bytes answer;
+        int transport;
+        uint8_t rc;
+        Bytes outputs; // descriptor 1, descriptor 2, handle
+    } cases[] = {
+        {discoveryAnswer(9), 0, ZELO_RC_SUCCESS, {0x11, 0x22, 9}},
+        {{0xC1}, 0, 0xC1, {0, 0, 0}},
+        {discoveryAnswer(0), 0, ZELO_RC_NO_INSTANCE, {0, 0, 0}},
+        {{}, -111, ZELO_RC_FAILURE, {0, 0, 0}},
+    };
+    for (const auto &c : cases) {
+        expectDiscovery(1, c.answer, c.transport);
+        uint8_t d1 = 0xEE, d2 = 0xEE, handle = 0xEE;
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(ZELO_FindFirmwareInstance(1, &d1, &d2, &handle), c.rc);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(fake().lastCapacity, 10u);
+        EXPECT_EQ((Bytes{d1, d2, handle}), c.outputs) << int{c.rc};
+    }
 }
 
 TEST_F(DiscoveryTest, StoreSaysSupportedSoNoTrafficEver) {
@@ -103,14 +93,6 @@ TEST_F(DiscoveryTest, AnotherProcessFindingTheFirmwareIsSeenAtTheRecheck) {
     fake().store["zelo_supported_0"] = 1;
     fake().uptime += 2;
     EXPECT_EQ(ZELO_IsSupported(0), 1); // from the store, no discovery
-}
-
-TEST_F(DiscoveryTest, HandleZeroMeansNotSupported) {
-    expectDiscovery(0, discoveryAnswer(0));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZELO_IsSupported(0), 0);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("result code is 213"), std::string::npos);
-    EXPECT_EQ(fake().store.at("zelo_supported_0"), 0);
 }
 
 TEST_F(DiscoveryTest, CacheAnswersForEveryInstanceButHandlesAreKeyedPerInstance) {

@@ -5,7 +5,6 @@
 #include <zelo.h>
 
 #include <functional>
-#include <syslog.h>
 
 namespace zelo::test {
 namespace {
@@ -157,14 +156,13 @@ TEST_F(RegistersTest, TwoOutputRegistersDecodeEachField) {
     EXPECT_EQ(first | second, 0);
 }
 
-TEST_F(RegistersTest, PostPowerSettingsTellsWhatItReads) {
+TEST_F(RegistersTest, PostPowerSettingsReadsRegisterFive) {
     expectRead(0, 5, 1, {0x02});
     uint8_t value = 0;
     testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_ReadPOSTPowerSettingsRegister(kHandle, &value), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[ZELO_ReadPOSTPowerSettingsRegister] read POST Power Settings Register\n"
-              "Post Power Settings register value is 2\n");
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(value, 2);
 }
 
 TEST_F(RegistersTest, ExtendedCapabilityQueriesTestTheirBits) {
@@ -191,16 +189,9 @@ TEST_F(RegistersTest, ExtendedCapabilityQueriesTestTheirBits) {
         expectRead(0, 14, 4, extended);
         EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), c.minHotplug) << c.extended;
     }
-    // Without capabilities bit 7 the extended register is never read; the
-    // queries tell the system log only.
+    // Without capabilities bit 7 the extended register is never read.
     expectRead(0, 7, 1, {0x7F});
-    testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_IsStaticPowerSavingsModeSupported(), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-    ASSERT_FALSE(fake().syslog.empty());
-    EXPECT_EQ(fake().syslog.back(), (std::pair<int, std::string>{
-                                        LOG_ERR, "[ZELO_IsStaticPowerSavingsModeSupported] "
-                                                 "Extended f/w capabilites REG not supported\n"}));
     fake().expect({0x2E, 0x81, readRequest(0, 7, 1), {0xC1}});
     EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), 0);
 }
@@ -212,8 +203,7 @@ TEST_F(RegistersTest, MinHotplugCapIsReadOnlyWhenSupported) {
     uint16_t value = 9;
     testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_ReadPcapMinHotplugRegister(kHandle, &value), ZELO_RC_FAILURE);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "ZELO_ReadPcapMinHotplugRegister: Pcap Min hotplug is not supported!!!\n ");
+    testing::internal::GetCapturedStdout();
     EXPECT_EQ(value, 0);
 
     expectRead(0, 7, 1, {0x80});
@@ -223,23 +213,14 @@ TEST_F(RegistersTest, MinHotplugCapIsReadOnlyWhenSupported) {
     EXPECT_EQ(value, 220);
 }
 
-TEST_F(RegistersTest, CappingQueriesNeedAHandleAndAnAnswer) {
+TEST_F(RegistersTest, CappingQueriesReadTheirRegisters) {
     // No firmware: discovery fails and no register is read.
     fake().expect({0x2E, 0x82, discoveryRequest(0), {0xC1}});
     testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_IsPowerCappingEnabled(), 0);
     EXPECT_EQ(ZELO_IsPowerCappingModeSupported(), 0);
-    const auto out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("[ZELO_IsPowerCappingEnabled]Failed to call ZELO_GetModuleHandle().\n"),
-              std::string::npos);
-    EXPECT_NE(
-        out.find("[ZELO_IsPowerCappingModeSupported]Failed to call ZELO_GetModuleHandle().\n"),
-        std::string::npos);
-}
-
-TEST_F(RegistersTest, CappingQueriesReadTheirRegisters) {
+    fake().uptime += 2;
     knownFirmware();
-    testing::internal::CaptureStdout();
     expectRead(0, 5, 1, {0x02});
     EXPECT_EQ(ZELO_IsPowerCappingEnabled(), 1);
     expectRead(0, 5, 1, {0xFD});
@@ -249,12 +230,7 @@ TEST_F(RegistersTest, CappingQueriesReadTheirRegisters) {
     EXPECT_EQ(ZELO_IsPowerCappingModeSupported(), 1) << "whatever the mode holds";
     fake().expect({0x2E, 0x81, readRequest(7, 10, 1), {0xCB}});
     EXPECT_EQ(ZELO_IsPowerCappingModeSupported(), 0);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find(
-                  "[ZELO_IsPowerCappingModeSupported]ZELO_ReadPcapModeRegister() returns [203].\n"),
-              std::string::npos);
-
     expectRead(0, 5, 1, {0x02});
-    testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_IsSupportPowerUtilization(), 1);
     ::setenv("RUX_FAMILY", "blade", 1);
     EXPECT_EQ(ZELO_IsSupportPowerUtilization(), 0) << "a blade reads no register";
