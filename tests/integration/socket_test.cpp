@@ -19,10 +19,10 @@
 namespace zelo::test {
 namespace {
 
-constexpr const char *kScenario = R"(# two instances, a 450 W cap
+constexpr const char *kScenario = R"(# two instances, the second moved, a 450 W cap
 present yes
-instance 0 handle 5 descriptors 0x01 0x02
-instance 1 handle 9
+instance 0 handle 5 descriptors 0x03 0x04
+instance 1 handle 12
 reg 0 7 0 450
 reg 0 13 3 0x000A0003
 reg 1 7 9 1200
@@ -70,13 +70,13 @@ TEST_F(SocketTest, DiscoveryAndRegistersAsTheScenarioSays) {
         EXPECT_TRUE(std::filesystem::exists(root.path() + "/run/zelo-fwsim.sock"));
         uint8_t d1 = 0, d2 = 0, handle = 0;
         EXPECT_EQ(ZELO_FindFirmwareInstance(0, &d1, &d2, &handle), ZELO_RC_SUCCESS);
-        EXPECT_EQ((std::vector<uint8_t>{d1, d2, handle}), (std::vector<uint8_t>{1, 2, 5}));
+        EXPECT_EQ((std::vector<uint8_t>{d1, d2, handle}), (std::vector<uint8_t>{3, 4, 5}));
         EXPECT_EQ(ZELO_FindFirmwareInstance(1, &d1, &d2, &handle), ZELO_RC_SUCCESS);
-        EXPECT_EQ(handle, 9);
+        EXPECT_EQ(handle, 12);
         EXPECT_EQ(ZELO_FindFirmwareInstance(2, &d1, &d2, &handle), ZELO_RC_NO_INSTANCE);
 
         EXPECT_EQ(readRegister(5, 13, 3, 4).value, 0x000A0003u);
-        EXPECT_EQ(readRegister(9, 7, 9, 2).value, 1200u);
+        EXPECT_EQ(readRegister(12, 7, 9, 2).value, 1200u);
         EXPECT_EQ(readRegister(5, 7, 0, 2).value, 450u);
         EXPECT_EQ(writeRegister(5, 7, 0, 300), ZELO_RC_SUCCESS);
         EXPECT_EQ(readRegister(5, 7, 0, 2).value, 300u);

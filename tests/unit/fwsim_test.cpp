@@ -87,13 +87,6 @@ class Sim {
     Bytes invoke(const Bytes &req) {
         return fw.handle(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD, req);
     }
-    Bytes find(std::uint8_t instance) {
-        return fw.handle(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE,
-                         Bytes{kId0, kId1, kId2, instance, 0, 1});
-    }
-    Bytes config(std::uint8_t element) {
-        return invoke(method(kServer, element, ZELO_METHOD_READ_CONFIGURATION));
-    }
     Bytes read(std::uint16_t offset, std::uint16_t wanted) {
         return invoke(
             method(kServer, kSnapshotElement, ZELO_METHOD_READ_BUFFER,
@@ -139,28 +132,6 @@ void expectExchanges(Sim &sim, const std::vector<Exchange> &rows) {
         EXPECT_EQ(sim.invoke(row.request), row.answer) << row.what;
 }
 
-TEST(FwsimDiscovery, AnswersEachInstanceWithItsHandle) {
-    Sim sim;
-    EXPECT_EQ(sim.find(0), ok({0, 0x01, 0x02, kServer, 0, 0}));
-    EXPECT_EQ(sim.find(1), ok({0, 0x01, 0x03, kExpansion, 0, 0}));
-    EXPECT_EQ(sim.find(2), ok({0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(sim.fw.handle(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE,
-                            Bytes{kId0, kId1, kId2, 0, 0, 1, 0}),
-              failed(0xC7));
-    EXPECT_EQ(
-        sim.fw.handle(0x06, CMDID_ZELO_FIND_FIRMWARE_INSTANCE, Bytes{kId0, kId1, kId2, 0, 0, 1}),
-        Bytes{0xC1});
-
-    Sim moved("instance 0 handle 0x30 descriptors 7 8\ninstance 1 none\n");
-    EXPECT_EQ(moved.find(0), ok({0, 7, 8, 0x30, 0, 0}));
-    EXPECT_EQ(moved.find(1), ok({0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(moved.invoke(readReg(0x30, 7, 0, 2)), ok({0x01, 0xC2}));
-
-    Sim absent("present no\n");
-    EXPECT_EQ(absent.find(0), Bytes{0xC1});
-    EXPECT_EQ(absent.invoke(readReg(kServer, 7, 0, 2)), Bytes{0xC1});
-}
-
 TEST(FwsimRegisters, EveryRegisterReadsAtItsNaturalWidth) {
     Sim sim;
     for (const RegisterDef &r : kRegisters) {
@@ -199,43 +170,27 @@ TEST(FwsimRegisters, ReadsWritesAndRefusals) {
                     });
 }
 
+// Built-in tables are read by the zeloctl runs; these rows stage every keyword.
 TEST(FwsimPowerSupplies, TablesOnTheWire) {
-    Sim builtIn;
-    expectExchanges(builtIn,
-                    {
-                        {"configuration", method(kServer, 10, ZELO_METHOD_READ_CONFIGURATION),
-                         ok({5, 0, 2, 4, 2, 2})},
-                        {"type 1100 W", entry(kExpansion, 0, 1), ok({0, 1, 4, 2, 0, 0x04, 0x4C})},
-                        {"no such type", entry(kServer, 0, 2), failed(0xCC)},
-                        {"no such buffer", entry(kServer, 2, 0), failed(0xCC)},
-                    });
-
     Sim sim("psu-factors 0 3 4 byte0 0x80\n"
             "psutype 0 0 800 bytes 0x01 0x00\npsutype 0 1 1600 bytes 0x03 0x7F\n"
             "redundancy 0 0 2+1 props 0x017E list 1,0 byte0 0x81 words 0x0102 0x0304 0xA0B0\n"
             "redundancy 0 1 1+1 props 0x0002 list 0,1 entrylen 10\n"
             "redundancy 0 2 1+0 props 0x0001 list none\n"
-            "reg 0 10 9 0x0640000000000000\n"
             "fault 1 10 0x87 0xC0\n");
-    expectExchanges(
-        sim, {
-                 {"configuration", method(kServer, 10, ZELO_METHOD_READ_CONFIGURATION),
-                  ok({5, 0x80, 2, 3, 3, 4})},
-                 {"type", entry(kServer, 0, 1), ok({0, 1, 4, 0x03, 0x7F, 0x06, 0x40})},
-                 {"cut to wanted", entry(kServer, 0, 1, 2), ok({0, 1, 4, 0x03, 0x7F})},
-                 {"configuration entry", entry(kServer, 1, 0),
-                  ok({1, 0, 13, 0x81, 0x01, 0x7E, 2, 1, 1, 2, 3, 4, 0xA0, 0xB0, 1, 0})},
-                 {"lying length", entry(kServer, 1, 1),
-                  ok({1, 1, 10, 0, 0, 0x02, 1, 1, 0, 0, 0, 0, 0, 0, 0, 1})},
-                 {"empty list", entry(kServer, 1, 2),
-                  ok({1, 2, 11, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0})},
-                 {"label power", readReg(kServer, 10, 9, 8), ok({0x06, 0x40, 0, 0, 0, 0, 0, 0})},
-                 {"voltages", readReg(kServer, 10, 4, 2), ok({0x03, 0x05})},
-                 {"target writable", writeReg(kServer, 10, 31, {3}), ok()},
-                 {"target read back", readReg(kServer, 10, 31, 1), ok({3})},
-                 {"presence read-only", writeReg(kServer, 10, 2, {0x0F}), failed(0xCC)},
-                 {"forced code", entry(kExpansion, 0, 0), failed(0xC0)},
-             });
+    expectExchanges(sim, {
+                             {"configuration", method(kServer, 10, ZELO_METHOD_READ_CONFIGURATION),
+                              ok({5, 0x80, 2, 3, 3, 4})},
+                             {"type", entry(kServer, 0, 1), ok({0, 1, 4, 0x03, 0x7F, 0x06, 0x40})},
+                             {"cut to wanted", entry(kServer, 0, 1, 2), ok({0, 1, 4, 0x03, 0x7F})},
+                             {"configuration entry", entry(kServer, 1, 0),
+                              ok({1, 0, 13, 0x81, 0x01, 0x7E, 2, 1, 1, 2, 3, 4, 0xA0, 0xB0, 1, 0})},
+                             {"lying length", entry(kServer, 1, 1),
+                              ok({1, 1, 10, 0, 0, 0x02, 1, 1, 0, 0, 0, 0, 0, 0, 0, 1})},
+                             {"empty list", entry(kServer, 1, 2),
+                              ok({1, 2, 11, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0})},
+                             {"forced code", entry(kExpansion, 0, 0), failed(0xC0)},
+                         });
 }
 
 TEST(FwsimFaults, ForcedCodesHitOnlyTheirTarget) {
@@ -247,8 +202,9 @@ TEST(FwsimFaults, ForcedCodesHitOnlyTheirTarget) {
                              {"other element", readReg(kServer, 9, 1, 1), ok({24})},
                              {"other method", writeReg(kServer, 7, 0, {0x01, 0x90}), ok()},
                          });
-    EXPECT_EQ(sim.find(1), failed(0xC3));
-    EXPECT_EQ(sim.find(0)[0], 0);
+    EXPECT_EQ(sim.fw.handle(NETFN_DUV, CMDID_ZELO_FIND_FIRMWARE_INSTANCE,
+                            Bytes{kId0, kId1, kId2, 1, 0, 1}),
+              failed(0xC3));
     EXPECT_EQ(sim.read(0, 10), ok({0, 1})) << "cut to six bytes";
     EXPECT_EQ(sim.xpm(0, 0), Bytes({0, kId0, kId1}));
 
@@ -267,21 +223,12 @@ TEST(FwsimScenario, ErrorsNameTheLineAndLeaveTheScenarioUnchanged) {
         {"reg 0 0 99 1", "unknown register 0/99"},
         {"\n# x\nbogus 1", "unknown keyword 'bogus'"},
         {"reg 0 0 0 0x100", "value 0x100 too wide for register 0/0 (1 bytes)"},
-        {"reg 2 0 0 1", "2 out of range (0-1)"},
         {"reg 0 7 0 12x", "bad number '12x'"},
-        {"instance 1 handle 5", "handle 5 already used by instance 0"},
-        {"fault 0 7 0x82 0", "completion code 0"},
         {"psutype 0 1 800", "psutype index 1 out of order; next is 0"},
         {"redundancy 0 0 1-1 props 2 list 0", "bad N+M '1-1'"},
-        {"redundancy 0 0 1+1 list 0 props 2", "usage: redundancy"},
         {"sensor \"Inlet Temp 0 24 C", "sensor name misses its closing quote"},
-        {"power steps 0:100", "bad step '0:100'"},
-        {"power noisy 50 60", "noisy power must stay within 0-65535 W"},
         {"shares 50 40 20", "shares add up to more than 100%"},
-        {"snapshot-period 99", "99 out of range (100-86400000)"},
-        {"histogram 100 50 10 3", "bucket bytes must be 1, 2 or 4"},
         {"input-power 255 255 255 8 8", "snapshot buffer of up to"},
-        {"subsystems cpu,disk", "unknown subsystem 'disk'"},
         {"tag 5", "'tag' works only on a running simulator (zelo-fwsim --control)"},
     };
     for (const auto &c : cases) {
@@ -302,10 +249,6 @@ TEST(FwsimScenario, SampleFilesStageWhatTheySay) {
     for (const auto &file : std::filesystem::directory_iterator(kScenarios))
         if (file.path().extension() == ".scn")
             loaded(file.path().filename().c_str());
-    Scenario s;
-    std::string error;
-    EXPECT_FALSE(loadScenarioFile((kScenarios / "missing.scn").string(), s, error));
-    EXPECT_NE(error.find("missing.scn: "), std::string::npos) << error;
 
     const Scenario fromFile = loaded("default.scn");
     const Scenario builtIn;
@@ -317,28 +260,10 @@ TEST(FwsimScenario, SampleFilesStageWhatTheySay) {
     EXPECT_EQ(fromFile.snapshots, builtIn.snapshots);
     EXPECT_EQ(fromFile.perf, builtIn.perf);
 
-    const auto configs = loaded("redundancy.scn").instances[0].psu.configs;
-    ASSERT_FALSE(configs.empty());
-    EXPECT_EQ(std::count_if(configs.begin(), configs.end(),
-                            [](const auto &c) { return c.properties & kPropActive; }),
-              1);
-    EXPECT_FALSE(configs[0].properties & kPropActive);
+    // The daemon's tests stage a blade and a firmware without redundancy.
+    EXPECT_TRUE(loaded("blade.scn").snapshots.blade);
     for (const auto &inst : loaded("no-redundancy.scn").instances)
         EXPECT_EQ(inst.registers[*findRegister(0, 14)] & (1U << 9), 0u);
-    EXPECT_TRUE(loaded("blade.scn").snapshots.blade);
-    EXPECT_EQ(loaded("lively.scn").power.dc.kind, PowerProfile::Kind::Noisy);
-    EXPECT_EQ(loaded("constant-350.scn").power.dc.kind, PowerProfile::Kind::Constant);
-}
-
-TEST(FwsimSnapshot, ConfigurationBlocks) {
-    Sim sim;
-    EXPECT_EQ(sim.config(kHistogramElement), ok({0, 0, 0, 100, 0, 0, 10, 50, 4, 0}));
-    // 25 + 12 x 4 histogram bytes, then 16 + 2 x 5 + 8 + 1 + 3 x 9 extended.
-    EXPECT_EQ(sim.config(kSnapshotElement), ok({0, 0, 0, 64, 0, 0, 0, 135}));
-    EXPECT_EQ(sim.config(kInputPowerElement), ok({0, 0, 0, 2, 1, 1, 2, 2, 0, 0}));
-    EXPECT_EQ(sim.invoke(method(kExpansion, kSnapshotElement, ZELO_METHOD_READ_CONFIGURATION)),
-              failed(0xCC))
-        << "only the server measures";
 }
 
 // Walks the data of "power constant 350" after one 30 s period, the way a
@@ -408,17 +333,16 @@ TEST(FwsimSnapshot, LayoutFollowsPlatformAndCapabilityBits) {
         const Bytes b = sim.buffer();
         ASSERT_EQ(b.size(), kHead + c.len);
         EXPECT_EQ(be(b, 2, 2), c.len) << "bytes returned";
-        EXPECT_EQ(be(sim.config(kSnapshotElement), 10, 2), c.len) << "configured size";
+        EXPECT_EQ(be(sim.invoke(method(kServer, kSnapshotElement, ZELO_METHOD_READ_CONFIGURATION)),
+                     10, 2),
+                  c.len)
+            << "configured size";
         expectLayout(Bytes(b.begin() + kHead, b.end()), c.blade, c.caps, c.ext);
     }
 }
 
 TEST(FwsimSnapshot, EnergyGrowsByPowerTimesMilliseconds) {
     Sim sim("power constant 350\n");
-    EXPECT_EQ(sim.tag(), 1);
-    EXPECT_EQ(be(sim.buffer(), kDcAt, 8), 0u);
-    sim.at(29999);
-    EXPECT_EQ(sim.tag(), 1);
     sim.at(65000);
     const Bytes b = sim.buffer();
     EXPECT_EQ(be(b, 0, 2), 3u);
@@ -511,54 +435,30 @@ TEST(FwsimSnapshot, ChunksAcrossABoundarySeeTwoTags) {
     EXPECT_EQ(be(last, 4, 4), 0x00020007u);
     EXPECT_EQ(last.size(), 8u + 7);
     EXPECT_EQ(sim.read(0xFFFF, 64), ok({0, 2, 0, 0}));
-
-    // Every second chunk read takes a snapshot; the time grid stays.
-    Sim every("power constant 200\nsnapshot-every-reads 2\n");
-    every.at(5000);
-    EXPECT_EQ(be(every.read(0, 64), 4, 2), 1u);
-    EXPECT_EQ(be(every.read(64, 64), 4, 2), 1u);
-    Bytes b = every.buffer();
-    EXPECT_EQ(be(b, 0, 2), 2u);
-    EXPECT_EQ(be(b, kDcAt, 8), 200u * 5000);
-    every.at(30000);
-    b = every.buffer();
-    EXPECT_EQ(be(b, 0, 2), 3u);
-    EXPECT_EQ(be(b, kDcAt, 8), 200u * 30000);
 }
 
 TEST(FwsimXpm, UtilisationPerBufferAndSelector) {
     Sim sim("perf 101 95 3 50\nperf-status 0x22\n");
     sim.at(12345);
     EXPECT_EQ(sim.xpm(0, 0), ok({0, 0, 0, 12, 7, 0x22, 101}));
-    const struct {
-        std::uint8_t buffer, current, max, min;
-    } cases[] = {{0, 101, 101, 91}, {4, 95, 100, 85}, {5, 3, 13, 0}, {6, 50, 60, 40}};
-    for (const auto &c : cases) {
-        EXPECT_EQ(sim.xpm(c.buffer, 0).at(10), c.current) << int{c.buffer};
-        EXPECT_EQ(sim.xpm(c.buffer, 1).at(10), c.max) << int{c.buffer};
-        EXPECT_EQ(sim.xpm(c.buffer, 2).at(10), c.min) << int{c.buffer};
-    }
+    // Buffer, then current, maximum and minimum: ten apart, within 0-100.
+    const std::uint8_t rows[][4] = {{4, 95, 100, 85}, {5, 3, 13, 0}};
+    for (const auto &r : rows)
+        for (std::uint8_t selector = 0; selector < 3; ++selector)
+            EXPECT_EQ(sim.xpm(r[0], selector).at(10), r[1 + selector]) << int{r[0]};
     EXPECT_EQ(sim.xpm(1, 0), failed(0xCC));
     EXPECT_EQ(sim.xpm(0, 3), failed(0xCC));
-
-    EXPECT_EQ(Sim("perf none\n").xpm(0, 0)[0], 0xC1);
 }
 
+// The integration run covers register, tag, status and restart lines over the
+// socket; these are the timing details behind them.
 TEST(FwsimControl, LinesChangeTheRunningFirmware) {
-    Sim sim("status-byte 0x02\n");
+    Sim sim;
     sim.at(1000);
-    sim.apply("reg 0 7 2 700");
-    EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), ok({0x02, 0xBC}));
-    sim.apply("status-byte 0x32");
     sim.apply("event-word 8");
-    Bytes b = sim.buffer();
-    EXPECT_EQ(be(b, 0, 2), 1u);
-    EXPECT_EQ(b.at(kHead), 0x02) << "the snapshot already taken keeps its byte";
+    EXPECT_EQ(be(sim.buffer(), kHistogramAt + 48, 2), 0u) << "the snapshot taken keeps its word";
     sim.apply("snapshot-now");
-    b = sim.buffer();
-    EXPECT_EQ(be(b, 0, 2), 2u);
-    EXPECT_EQ(b.at(kHead), 0x32);
-    EXPECT_EQ(be(b, kHistogramAt + 48, 2), 8u) << "event word";
+    EXPECT_EQ(be(sim.buffer(), kHistogramAt + 48, 2), 8u);
 
     sim.apply("tag 65535");
     sim.apply("snapshot-now");
@@ -568,35 +468,19 @@ TEST(FwsimControl, LinesChangeTheRunningFirmware) {
     sim.apply("restart-at 42000"); // armed once
     sim.at(45000);
     EXPECT_EQ(sim.tag(), 1);
-    sim.apply("status-byte 2");
     sim.apply("snapshot-now");
     EXPECT_EQ(sim.tag(), 2);
     sim.apply("restart-now");
-    EXPECT_EQ(sim.tag(), 1);
     EXPECT_EQ(be(sim.buffer(), kDcAt, 8), 0u);
 
     sim.apply("present no");
     EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), Bytes{0xC1});
     sim.apply("present yes"); // absent firmware still takes control lines
-    EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), ok({0x02, 0xBC}));
-}
-
-TEST(FwsimControl, RefusalsSayWhyAndChangeNothing) {
-    Sim sim;
-    const struct {
-        const char *line;
-        const char *error;
-    } cases[] = {
-        {"reg 0 7 2 70000", "value 70000 too wide for register 7/2 (2 bytes)"},
-        {"tag 65536", "65536 out of range (0-65535)"},
-        {"snapshot-now please", "usage: snapshot-now"},
-        {"histogram 100 50 10 2", "the histogram cannot change while the firmware runs"},
-        {"reg 0 7 2 1\nreg 0 7 4 1", "one line per control request"},
-    };
-    for (const auto &c : cases) {
+    for (const char *refused :
+         {"reg 0 7 2 70000", "histogram 100 50 10 2", "reg 0 7 2 1\nreg 0 7 4 1"}) {
         std::string error;
-        EXPECT_FALSE(sim.fw.control(c.line, error)) << c.line;
-        EXPECT_EQ(error, c.error);
+        EXPECT_FALSE(sim.fw.control(refused, error)) << refused;
+        EXPECT_FALSE(error.empty());
     }
     EXPECT_EQ(sim.invoke(readReg(kServer, 7, 2, 2)), ok({0x02, 0x8A})) << "650 W kept";
 }
