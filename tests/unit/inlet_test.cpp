@@ -2,8 +2,8 @@
 // the copy and release of such lists.
 #include "fake_platform.h"
 
-#include "tracelog/state.h"
 #include "metriclog/inlet_internal.h"
+#include "tracelog/state.h"
 
 #include <zelo/metriclog.h>
 
@@ -75,8 +75,6 @@ TEST(InletNames, OnlyExactTableNamesHaveAnIndex) {
 TEST_F(InletTest, NonBladeAsksNoSensors) {
     ::unsetenv("RUX_FAMILY");
     EXPECT_EQ(collect({record(0, "Inlet Temp")}), 0);
-    EXPECT_EQ(out, "WriteBladeInletTemperatureFromInletSensor -- non-blade platform does not need "
-                   "read inlet temperature from ipmi sensor at all\n");
     EXPECT_TRUE(fake().sensorTypes.empty());
     EXPECT_EQ(list.psSensor, nullptr);
 }
@@ -106,7 +104,6 @@ TEST_F(InletTest, KeepsUsableInletRecordsNewestFirst) {
 TEST_F(InletTest, PlatformFailureCollectsNothing) {
     fake().sensorResult = -111;
     EXPECT_EQ(collect({record(0, "Inlet Temp")}), 1);
-    EXPECT_EQ(out, "Unable to get sensor info (type 1), KIV returned -111\n");
     EXPECT_EQ(list.psSensor, nullptr);
 }
 
@@ -114,7 +111,6 @@ TEST_F(InletTest, OnlyWholeRecordsWithinTheAreaAreRead) {
     Bytes cut = record(0, "Inlet 2 Temp");
     cut.pop_back();
     EXPECT_EQ(collect({cut}), 1);
-    EXPECT_EQ(out, "No sensor info for type 1\n");
 
     // 1492 + 1491 bytes: one record is examined; its 70-character reading is cut.
     fake() = {};
@@ -144,15 +140,14 @@ TEST_F(InletTest, CountStopsAtWhatItsByteHolds) {
     EXPECT_EQ(readings(list).size(), 255u);
 }
 
-TEST_F(InletTest, CopyKeepsOrderAndCountInFreshNodes) {
+TEST_F(InletTest, CopyAndFreeFollowTheNodesNotTheCount) {
     collect({record(0, "Inlet Temp", "20 C"), record(0, "Inlet 1 Temp", "21 C"),
              record(0, "Inlet 2 Temp", "22 C")});
     BladeInletSensorBuffer copy{9, nullptr};
     testing::internal::CaptureStdout();
     CopyInletTemperatureSnapshotBuffer(&copy, &list);
     CopyInletTemperatureSnapshotBuffer(nullptr, &list);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "CopyInletTemperatureSnapshotBuffer --source len [3] --dest len [3]\n");
+    testing::internal::GetCapturedStdout();
     EXPECT_EQ(copy.u8SensorNum, 3);
     EXPECT_EQ(readings(copy), readings(list));
     EXPECT_NE(copy.psSensor, list.psSensor);
@@ -165,11 +160,7 @@ TEST_F(InletTest, CopyKeepsOrderAndCountInFreshNodes) {
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(copy.u8SensorNum, 3);
     FreeBladeInletSensorBuffer(&copy);
-}
-
-TEST_F(InletTest, FreeStopsAtTheEndOfAShortList) {
-    collect({record(0, "Inlet Temp"), record(0, "Inlet 1 Temp")});
-    list.u8SensorNum = 3;
+    // Freeing stops at the end of the short list too.
     FreeBladeInletSensorBuffer(&list);
     EXPECT_EQ(list.u8SensorNum, 0);
     EXPECT_EQ(list.psSensor, nullptr);
