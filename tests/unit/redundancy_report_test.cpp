@@ -94,16 +94,7 @@ TEST_F(RedundancyReportTest, AllowedFollowsPolicyBit0AndTarget) {
     EXPECT_EQ(report.allowedConfigCount, 0);
 }
 
-TEST_F(RedundancyReportTest, LaterActiveEntryWins) {
-    ASSERT_EQ(run("psutype 0 0 800\n"
-                  "redundancy 0 0 1+1 props 0x0042 list 0,0\n"
-                  "redundancy 0 1 1+1 props 0x0042 list 0,0\n"),
-              0);
-    EXPECT_EQ(report.activeConfig, 1);
-    EXPECT_EQ(report.firstPowerMode1Config, 0);
-}
-
-TEST_F(RedundancyReportTest, NoActiveEntryStillFillsEverything) {
+TEST_F(RedundancyReportTest, NoneOrSeveralActiveEntries) {
     ASSERT_EQ(run("psutype 0 0 800\n"
                   "redundancy 0 0 1+1 props 0x0A list 0,0\n"
                   "redundancy 0 1 2+0 props 0x0B list 0,0\n"),
@@ -112,6 +103,14 @@ TEST_F(RedundancyReportTest, NoActiveEntryStillFillsEverything) {
     EXPECT_EQ(report.activeConfig, -1);
     EXPECT_EQ(description(1), "2+0 with one 800W power supply per feed");
     EXPECT_EQ(report.allowedConfigCount, 2);
+    ZELO_FreeRedundancyConfigs(&report);
+
+    ASSERT_EQ(run("psutype 0 0 800\n"
+                  "redundancy 0 0 1+1 props 0x0042 list 0,0\n"
+                  "redundancy 0 1 1+1 props 0x0042 list 0,0\n"),
+              0);
+    EXPECT_EQ(report.activeConfig, 1) << "the later active entry wins";
+    EXPECT_EQ(report.firstPowerMode1Config, 0);
 }
 
 TEST_F(RedundancyReportTest, RefusesWhatItCannotDescribe) {
@@ -135,23 +134,21 @@ TEST_F(RedundancyReportTest, RefusesWhatItCannotDescribe) {
 }
 
 TEST_F(RedundancyReportTest, FirmwareFailuresNameTheStepAndCode) {
-    EXPECT_EQ(run("reg 0 0 14 0x140\n"), 255) << "no redundancy capability";
-    EXPECT_STREQ(report.errorText,
-                 "Error reading supported PSU types indexed buffer for index=0, rc=255");
-    ZELO_FreeRedundancyConfigs(&report);
-
-    EXPECT_EQ(run("fault 0 10 0x82 0xC9\n"), 0xC9);
-    EXPECT_STREQ(report.errorText, "Error reading redundancy target register, rc=201");
-    ZELO_FreeRedundancyConfigs(&report);
-
-    EXPECT_EQ(run("fault 0 10 0x80 0xC3\n"), 0xC3);
-    EXPECT_STREQ(report.errorText,
-                 "Error reading power supply element configuration register, rc=195");
-    ZELO_FreeRedundancyConfigs(&report);
-
-    EXPECT_EQ(run("fault 0 10 0x87 0xCA\n"), 0xCA);
-    EXPECT_STREQ(report.errorText,
-                 "Error reading supported PSU types indexed buffer for index=0, rc=202");
+    const struct {
+        const char *lines;
+        uint8_t rc;
+        const char *error;
+    } cases[] = {
+        {"reg 0 0 14 0x140\n", 255, "supported PSU types indexed buffer for index=0, rc=255"},
+        {"fault 0 10 0x82 0xC9\n", 0xC9, "redundancy target register, rc=201"},
+        {"fault 0 10 0x80 0xC3\n", 0xC3, "power supply element configuration register, rc=195"},
+        {"fault 0 10 0x87 0xCA\n", 0xCA, "supported PSU types indexed buffer for index=0, rc=202"},
+    };
+    for (const auto &c : cases) {
+        EXPECT_EQ(run(c.lines), c.rc) << c.lines;
+        EXPECT_EQ(std::string(report.errorText), std::string("Error reading ") + c.error);
+        ZELO_FreeRedundancyConfigs(&report);
+    }
 }
 
 TEST_F(RedundancyReportTest, EmptyTablesAreRefused) {
