@@ -47,11 +47,11 @@ TEST_F(ControlTest, ChangesReachTheLibrary) {
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(max, 3500);
 
-    ASSERT_EQ(control("tag 5").status, 0);
+    ASSERT_EQ(control("tag 261").status, 0); // both bytes of the tag count
     ASSERT_EQ(control("status-byte 0x12").status, 0);
-    EXPECT_EQ(snapshot(), std::make_pair(uint16_t{5}, uint8_t{0}));
+    EXPECT_EQ(snapshot(), std::make_pair(uint16_t{261}, uint8_t{0}));
     ASSERT_EQ(control("snapshot-now").status, 0);
-    EXPECT_EQ(snapshot(), std::make_pair(uint16_t{6}, uint8_t{0x12}));
+    EXPECT_EQ(snapshot(), std::make_pair(uint16_t{262}, uint8_t{0x12}));
     ASSERT_EQ(control("restart-now").status, 0);
     EXPECT_EQ(snapshot().first, 1);
 }
