@@ -159,6 +159,17 @@ TEST_F(HistoryTrackerTest, AStepBackToNearZeroStartsANewGridAndNeverStampsEmptyS
               (std::vector<uint32_t>{220, 370, 520, 670, 820, 125, 275, 425, 575, 725, 875, 1025}));
 }
 
+// Back by 220 s with the oldest sample at 220: shifted, it would read as an
+// unwritten slot.
+TEST_F(HistoryTrackerTest, AStepThatWouldStampASampleZeroStartsANewGrid) {
+    for (uint64_t t = 100; t <= 220; t += 30)
+        snap(t);
+    ASSERT_EQ(gPower.ring[0].timestamp, 220u);
+    snap(30);
+    EXPECT_EQ(gPower.ring[0].timestamp, 220u);
+    EXPECT_EQ(gPower.endtime, 150u);
+}
+
 TEST_F(HistoryTrackerTest, SavesWhen600MonotonicSecondsHavePassed) {
     const std::string full = root + "/pstorage/power/PowerHistoryFull";
     const PowerHistorySample s{static_cast<uint32_t>(kT0), 1, 2, 3, 4, 5, 6};
