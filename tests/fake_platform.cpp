@@ -2,7 +2,9 @@
 
 #include "firmware/discovery_internal.h"
 #include "history/history_internal.h"
+#include "metriclog/state.h"
 #include "report.h"
+#include "tracelog/state.h"
 
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
@@ -12,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 namespace zelo::test {
 
@@ -35,6 +39,16 @@ void recordSyslog(int priority, const char *message) {
     gFake.syslog.emplace_back(priority, message);
 }
 
+// The last snapshot and histogram the calculation keeps, and the log counters.
+void resetMetricLog() {
+    namespace ml = metriclog;
+    FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
+    ml::sLastSnapshotBuffer = SnapshotBuffer{};
+    std::free(ml::sLastHistogramData.pu8BucketData);
+    ml::sLastHistogramData = HistogramData{};
+    ml::u8LogFileIndex = ml::u8LogFileNum = 0;
+}
+
 } // namespace
 
 FakePlatform &fake() {
@@ -45,6 +59,9 @@ void PlatformTest::SetUp() {
     gFake = FakePlatform{};
     firmware::resetSupportCache();
     history::resetHistories();
+    resetMetricLog();
+    trace::u32TraceLogIndex = 0;
+    trace::s32PowerHistoryLogLevel = 0;
     firmware::gSysinfo = fakeSysinfo;
     gSyslog = recordSyslog;
     char tmpl[] = "/tmp/zelo-test-XXXXXX";
@@ -55,9 +72,21 @@ void PlatformTest::SetUp() {
 
 void PlatformTest::TearDown() {
     EXPECT_EQ(gFake.pending(), 0u) << "scripted IPMI exchanges were not sent";
+    resetMetricLog();
+    ::unsetenv("RUX_FAMILY");
     ::unsetenv("ZELO_ROOT");
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
+}
+
+std::string PlatformTest::trace() const {
+    const Bytes bytes = fileBytes(root + "/tmp/zelo_trace/zelo_trace_log_0.txt");
+    return std::string(bytes.begin(), bytes.end());
+}
+
+Bytes fileBytes(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 Bytes head(uint8_t handle, uint8_t element, uint8_t method) {

@@ -68,14 +68,21 @@ struct FakePlatform {
 
 FakePlatform &fake();
 
-// Resets the fake, the library's support cache and the uptime seam, gives the
+// Resets the fake, the library's support cache, the histories, the metric
+// log's and the trace log's daemon-wide state and the uptime seam, gives the
 // test its own ZELO_ROOT, and checks at the end that the script ran out.
 class PlatformTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
+    // The root's first trace file, and whether it holds text.
+    std::string trace() const;
+    bool traced(const std::string &text) const { return trace().find(text) != std::string::npos; }
     std::string root;
 };
+
+// A file's bytes; none when it cannot be read.
+Bytes fileBytes(const std::string &path);
 
 // The element-method request head for the build's enterprise id.
 Bytes head(uint8_t handle, uint8_t element, uint8_t method);

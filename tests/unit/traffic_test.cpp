@@ -6,7 +6,6 @@
 
 #include "acquisition/performance_internal.h"
 #include "daemon/daemon_internal.h"
-#include "metriclog/state.h"
 #include "scenario.h"
 
 #include <zelo.h>
@@ -15,8 +14,6 @@
 
 namespace zelo::test {
 namespace {
-
-namespace ml = zelo::metriclog;
 
 class TrafficTest : public PlatformTest {
   protected:
@@ -34,11 +31,6 @@ class TrafficTest : public PlatformTest {
         fake().firmware = firmware.get();
     }
     void TearDown() override {
-        FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
-        ml::sLastSnapshotBuffer = SnapshotBuffer{};
-        std::free(ml::sLastHistogramData.pu8BucketData);
-        ml::sLastHistogramData = HistogramData{};
-        ml::u8LogFileIndex = ml::u8LogFileNum = 0;
         acquisition::gSleep = ::usleep;
         PlatformTest::TearDown();
     }
