@@ -29,12 +29,6 @@ std::string readFile(const std::string &path) {
     return s.str();
 }
 
-struct Expected {
-    uint8_t status;
-    const char *name;
-    const char *reading;
-};
-
 class SensorsTest : public ::testing::Test {
   protected:
     TempRoot root;
@@ -42,10 +36,13 @@ class SensorsTest : public ::testing::Test {
 
 TEST_F(SensorsTest, BladeSensorsArriveAsRecordsInScenarioOrder) {
     SimProcess sim(root.path(), readFile(ZELO_SCENARIO_DIR "/blade.scn"));
-    const Expected expected[] = {{0, "Inlet Temp", "24 degrees C"},
-                                 {0, "Inlet 1 Temp", "Unavailable"},
-                                 {0, "CPU Temp", "58 degrees C"},
-                                 {1, "Inlet 2 Temp", "0 degrees C"}};
+    const struct {
+        uint8_t status;
+        std::string name, reading;
+    } expected[] = {{0, "Inlet Temp", "24 degrees C"},
+                    {0, "Inlet 1 Temp", "Unavailable"},
+                    {0, "CPU Temp", "58 degrees C"},
+                    {1, "Inlet 2 Temp", "0 degrees C"}};
     // Room for 2.5 records, one guard byte after the area.
     Bytes area(5 * kRecordLen / 2 + 1, 0xEE);
     uint32_t delivered = 0;
@@ -63,13 +60,13 @@ TEST_F(SensorsTest, BladeSensorsArriveAsRecordsInScenarioOrder) {
     ASSERT_EQ(delivered, 4 * kRecordLen);
     for (std::size_t i = 0; i < 4; ++i) {
         const uint8_t *r = area.data() + i * kRecordLen;
-        EXPECT_EQ(r[2], expected[i].status);
-        EXPECT_STREQ(reinterpret_cast<const char *>(r + 6), expected[i].name);
-        EXPECT_STREQ(reinterpret_cast<const char *>(r + 198), expected[i].reading);
-        const auto set = std::count_if(r, r + kRecordLen, [](uint8_t b) { return b != 0; });
-        EXPECT_EQ(static_cast<std::size_t>(set), (expected[i].status != 0) +
-                                                     std::strlen(expected[i].name) +
-                                                     std::strlen(expected[i].reading))
+        const auto &e = expected[i];
+        EXPECT_EQ(r[2], e.status);
+        EXPECT_EQ(reinterpret_cast<const char *>(r + 6), e.name);
+        EXPECT_EQ(reinterpret_cast<const char *>(r + 198), e.reading);
+        EXPECT_EQ(std::count(r, r + kRecordLen, 0) + (e.status != 0) + e.name.size() +
+                      e.reading.size(),
+                  kRecordLen)
             << "the rest of record " << i << " is zero";
     }
 

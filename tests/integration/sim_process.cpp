@@ -16,31 +16,29 @@ namespace zelo::test {
 
 namespace {
 
-std::vector<std::string> commandLine(const std::string &program,
-                                     const std::vector<std::string> &args) {
+// Runs program (under the cross build's emulator) with stdout, and stderr when
+// wanted, on pipes read into the result until they close or, with firstLine,
+// until stdout has given one line; a child whose stderr is not wanted shares
+// the test's, so its reports stay visible. Returns the child's pid.
+pid_t spawnAndRead(const std::string &program, const std::vector<std::string> &args, bool wantErr,
+                   bool firstLine, RunResult &result) {
     std::vector<std::string> argv;
     std::istringstream emulator(ZELO_TEST_EMULATOR);
     for (std::string word; emulator >> word;)
         argv.push_back(word);
     argv.push_back(program);
     argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
-}
-
-// Starts argv with stdout on a pipe, and stderr on one when errFd is given;
-// otherwise the child shares the test's stderr, so its reports stay visible.
-pid_t spawn(const std::vector<std::string> &argv, int *outFd, int *errFd) {
-    int out[2], err[2];
-    if (::pipe(out) != 0 || ::pipe(err) != 0)
-        return -1;
     std::vector<char *> cargv;
     for (const auto &a : argv)
         cargv.push_back(const_cast<char *>(a.c_str()));
     cargv.push_back(nullptr);
+    int out[2], err[2];
+    if (::pipe(out) != 0 || ::pipe(err) != 0)
+        return -1;
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::dup2(out[1], STDOUT_FILENO);
-        if (errFd != nullptr)
+        if (wantErr)
             ::dup2(err[1], STDERR_FILENO);
         ::close(out[0]);
         ::close(err[0]);
@@ -49,14 +47,29 @@ pid_t spawn(const std::vector<std::string> &argv, int *outFd, int *errFd) {
     }
     ::close(out[1]);
     ::close(err[1]);
-    if (outFd != nullptr)
-        *outFd = out[0];
-    else
-        ::close(out[0]);
-    if (errFd != nullptr)
-        *errFd = err[0];
-    else
+    if (!wantErr)
         ::close(err[0]);
+    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {wantErr ? err[0] : -1, POLLIN, 0}};
+    int open = wantErr ? 2 : 1;
+    while (open > 0 && !(firstLine && result.out.find('\n') != std::string::npos) &&
+           ::poll(fds, 2, 30000) > 0) {
+        for (int i = 0; i < 2; ++i) {
+            if (fds[i].fd < 0 || fds[i].revents == 0)
+                continue;
+            char buf[512];
+            const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
+            if (n > 0) {
+                (i == 0 ? result.out : result.err).append(buf, static_cast<std::size_t>(n));
+            } else {
+                ::close(fds[i].fd);
+                fds[i].fd = -1;
+                --open;
+            }
+        }
+    }
+    for (const auto &f : fds)
+        if (f.fd >= 0)
+            ::close(f.fd);
     return pid;
 }
 
@@ -84,21 +97,14 @@ SimProcess::SimProcess(const std::string &root, const std::string &scenario,
     std::ofstream(file) << scenario;
     std::vector<std::string> args = {"--scenario", file};
     args.insert(args.end(), arguments.begin(), arguments.end());
-    int outFd = -1;
-    pid_ = spawn(commandLine(ZELO_FWSIM_PATH, args), &outFd, nullptr);
+    RunResult started;
+    pid_ = spawnAndRead(ZELO_FWSIM_PATH, args, false, true, started);
     if (pid_ < 0)
         throw std::runtime_error("cannot start zelo-fwsim");
     // The simulator announces itself once its socket accepts connections.
-    std::string line;
-    char c = 0;
-    struct pollfd p = {outFd, POLLIN, 0};
-    while (line.find('\n') == std::string::npos && ::poll(&p, 1, 20000) > 0 &&
-           ::read(outFd, &c, 1) == 1)
-        line += c;
-    ::close(outFd);
-    if (line.find("listening") == std::string::npos) {
+    if (started.out.find("listening") == std::string::npos) {
         stop();
-        throw std::runtime_error("zelo-fwsim did not start: " + line);
+        throw std::runtime_error("zelo-fwsim did not start: " + started.out);
     }
 }
 
@@ -118,34 +124,11 @@ void SimProcess::stop() {
 }
 
 RunResult runProgram(const std::string &program, const std::vector<std::string> &args) {
-    int outFd = -1, errFd = -1;
-    const pid_t pid = spawn(commandLine(program, args), &outFd, &errFd);
     RunResult result;
-    if (pid < 0)
-        return result;
-    struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-    int open = 2;
-    while (open > 0 && ::poll(fds, 2, 30000) > 0) {
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            char buf[512];
-            const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                (i == 0 ? result.out : result.err).append(buf, static_cast<std::size_t>(n));
-            } else {
-                ::close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    for (const auto &f : fds)
-        if (f.fd >= 0)
-            ::close(f.fd);
+    const pid_t pid = spawnAndRead(program, args, true, false, result);
     int status = 0;
-    ::waitpid(pid, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status))
+        result.status = WEXITSTATUS(status);
     return result;
 }
 

@@ -46,19 +46,6 @@ Read readRegister(uint8_t handle, uint8_t element, uint8_t reg, uint8_t len) {
     return r;
 }
 
-uint8_t writeRegister(uint8_t handle, uint8_t element, uint8_t reg, uint16_t value) {
-    uint8_t *request = nullptr;
-    uint32_t length = 0;
-    uint8_t rc = GetWriteRegisterRequestBuffer(handle, element, reg, 2, &request, &length);
-    if (rc == 0) {
-        request[8] = static_cast<uint8_t>(value >> 8);
-        request[9] = static_cast<uint8_t>(value & 0xFF);
-        rc = WriteRegister(request, length);
-    }
-    std::free(request);
-    return rc;
-}
-
 class SocketTest : public ::testing::Test {
   protected:
     TempRoot root;
@@ -78,7 +65,13 @@ TEST_F(SocketTest, DiscoveryAndRegistersAsTheScenarioSays) {
         EXPECT_EQ(readRegister(5, 13, 3, 4).value, 0x000A0003u);
         EXPECT_EQ(readRegister(12, 7, 9, 2).value, 1200u);
         EXPECT_EQ(readRegister(5, 7, 0, 2).value, 450u);
-        EXPECT_EQ(writeRegister(5, 7, 0, 300), ZELO_RC_SUCCESS);
+        uint8_t *request = nullptr;
+        uint32_t length = 0;
+        ASSERT_EQ(GetWriteRegisterRequestBuffer(5, 7, 0, 2, &request, &length), 0);
+        request[8] = 300 >> 8;
+        request[9] = 300 & 0xFF;
+        EXPECT_EQ(WriteRegister(request, length), ZELO_RC_SUCCESS);
+        std::free(request);
         EXPECT_EQ(readRegister(5, 7, 0, 2).value, 300u);
         const Read faulted = readRegister(5, 9, 0, 1);
         EXPECT_EQ(faulted.rc, 0xC9);

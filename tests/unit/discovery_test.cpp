@@ -10,13 +10,7 @@
 namespace zelo::test {
 namespace {
 
-class DiscoveryTest : public PlatformTest {
-  protected:
-    void restart() {
-        TearDown();
-        SetUp();
-    }
-};
+using DiscoveryTest = PlatformTest;
 using Strings = std::vector<std::string>;
 
 // Answer with the descriptor bytes 0x11 0x22 and the given handle.
@@ -51,11 +45,19 @@ TEST_F(DiscoveryTest, FindReturnsHandleAndDescriptorsOrZeros) {
     }
 }
 
+// The store says supported: no traffic ever, and the cache answers for every
+// instance, but handles are keyed per instance.
 TEST_F(DiscoveryTest, StoreSaysSupportedSoNoTrafficEver) {
     fake().store["zelo_supported_0"] = 1;
+    fake().store["zelo_module_handle_0"] = 0x105; // only the low byte counts
     EXPECT_EQ(ZELO_IsSupported(0), 1);
     EXPECT_EQ(ZELO_IsSupported(0), 1);
     EXPECT_EQ(fake().storeCalls, Strings{"get_bool zelo_supported_0"});
+    EXPECT_EQ(ZELO_GetModuleHandle(0), 5);
+    EXPECT_EQ(ZELO_IsSupported(1), 1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_GetModuleHandle(1), 0);
+    testing::internal::GetCapturedStdout();
 }
 
 TEST_F(DiscoveryTest, FirstDiscoveryPublishesFlagThenHandle) {
@@ -89,21 +91,12 @@ TEST_F(DiscoveryTest, AbsentFirmwareIsAskedAgainOnlyAfterTwoSeconds) {
                        "set_int zelo_module_handle_0=7 flag 1"}));
 }
 
-TEST_F(DiscoveryTest, CacheAnswersForEveryInstanceButHandlesAreKeyedPerInstance) {
-    fake().store["zelo_supported_0"] = 1;
-    fake().store["zelo_module_handle_0"] = 0x105; // only the low byte counts
-    EXPECT_EQ(ZELO_GetModuleHandle(0), 5);
-    EXPECT_EQ(ZELO_IsSupported(1), 1);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZELO_GetModuleHandle(1), 0);
-    testing::internal::GetCapturedStdout();
-}
-
 // A failed flag write still answers; a failed handle write withdraws the
 // flag, though the process itself keeps what it found.
 TEST_F(DiscoveryTest, FailedStoreWrites) {
     for (const char *failing : {"zelo_supported_0", "zelo_module_handle_0"}) {
-        restart();
+        TearDown();
+        SetUp();
         fake().failingSets.insert(failing);
         expectDiscovery(0, discoveryAnswer(5));
         testing::internal::CaptureStdout();

@@ -9,9 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
-#include <sstream>
 #include <utility>
 
 namespace zelo::test {
@@ -72,10 +70,13 @@ TEST(InletNames, OnlyExactTableNamesHaveAnIndex) {
     EXPECT_EQ(GetInletSensorIndexPerSensorName(nullptr), 5u);
 }
 
-TEST_F(InletTest, NonBladeAsksNoSensors) {
+TEST_F(InletTest, NonBladeAsksNoSensorsAndFailedPlatformGivesNone) {
     ::unsetenv("RUX_FAMILY");
     EXPECT_EQ(collect({record(0, "Inlet Temp")}), 0);
     EXPECT_TRUE(fake().sensorTypes.empty());
+    ::setenv("RUX_FAMILY", "blade", 1);
+    fake().sensorResult = -111;
+    EXPECT_EQ(collect({}), 1);
     EXPECT_EQ(list.psSensor, nullptr);
 }
 
@@ -92,19 +93,11 @@ TEST_F(InletTest, KeepsUsableInletRecordsNewestFirst) {
     EXPECT_EQ(readings(list), (Readings{{3, "Unavailable"}, {2, "22 C"}, {1, "21 C"}}));
     EXPECT_EQ(list.u8SensorNum, 3);
 
-    std::stringstream file;
-    file << std::ifstream(root + "/tmp/zelo_trace/zelo_trace_log_0.txt").rdbuf();
-    const std::string logged = file.str();
+    const std::string logged = trace();
     EXPECT_TRUE(logged.ends_with(" [WARN] \"WriteBladeInletTemperatureFromInletSensor\": "
                                  "Sensor[PEN Inlet Temp] 's inlet temp is Unavailable\n"))
         << logged;
     EXPECT_EQ(std::count(logged.begin(), logged.end(), '\n'), 1) << logged;
-}
-
-TEST_F(InletTest, PlatformFailureCollectsNothing) {
-    fake().sensorResult = -111;
-    EXPECT_EQ(collect({record(0, "Inlet Temp")}), 1);
-    EXPECT_EQ(list.psSensor, nullptr);
 }
 
 TEST_F(InletTest, OnlyWholeRecordsWithinTheAreaAreRead) {

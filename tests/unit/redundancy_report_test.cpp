@@ -63,35 +63,27 @@ TEST_F(RedundancyReportTest, DescribesEveryShapeAndFindsTheActiveOne) {
     EXPECT_EQ(report.firstPowerMode1Config, 1) << "entry 0 is power mode 2";
 }
 
+// Policy bit 0 and the target pick the property bit that allows an entry; an
+// allowed entry not valid for the installed supplies counts but shows 0.
 TEST_F(RedundancyReportTest, AllowedFollowsPolicyBit0AndTarget) {
-    // Policy bit 0 set, target 0: bit 2 of the properties decides.
-    ASSERT_EQ(run(std::string(kFourShapes) + "reg 0 0 16 0x01\n"), 0);
-    EXPECT_EQ(report.policyBit0Clear, 0);
-    EXPECT_EQ(report.policyBit1Clear, 1);
-    EXPECT_EQ(report.allowedConfigCount, 2);
-    EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 4),
-              (std::vector<uint8_t>{1, 0, 0, 1}));
-    ZELO_FreeRedundancyConfigs(&report);
-
-    // Policy 0, target 2: bit 5 decides; an allowed entry that is not valid
-    // for the installed supplies counts but shows 0.
-    ASSERT_EQ(
-        run(std::string(kFourShapes) + "reg 0 10 30 2\nredundancy 0 4 1+1 props 0x20 list 0,0\n"),
-        0);
-    EXPECT_EQ(report.redundancyTarget, 2);
-    EXPECT_EQ(report.allowedConfigCount, 3);
-    EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 5),
-              (std::vector<uint8_t>{0, 1, 0, 1, 0}));
-    ZELO_FreeRedundancyConfigs(&report);
-
-    // Policy 0, target 0: bit 3; policy 1, target 1: bit 4 (nobody here).
-    ASSERT_EQ(run(kFourShapes), 0);
-    EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + 4),
-              (std::vector<uint8_t>{0, 0, 1, 0}));
-    ZELO_FreeRedundancyConfigs(&report);
-    ASSERT_EQ(run(std::string(kFourShapes) + "reg 0 0 16 0x03\nreg 0 10 30 1\n"), 0);
-    EXPECT_EQ(report.policyBit1Clear, 0);
-    EXPECT_EQ(report.allowedConfigCount, 0);
+    const struct {
+        const char *lines;
+        std::vector<uint8_t> allowed;
+        int count;
+    } cases[] = {
+        {"", {0, 0, 1, 0}, 1},                                 // policy 0, target 0: bit 3
+        {"reg 0 0 16 0x01\n", {1, 0, 0, 1}, 2},                // policy 1, target 0: bit 2
+        {"reg 0 0 16 0x03\nreg 0 10 30 1\n", {0, 0, 0, 0}, 0}, // policy 1, target 1: bit 4
+        {"reg 0 10 30 2\nredundancy 0 4 1+1 props 0x20 list 0,0\n", {0, 1, 0, 1, 0}, 3}, // bit 5
+    };
+    for (const auto &c : cases) {
+        ASSERT_EQ(run(std::string(kFourShapes) + c.lines), 0) << c.lines;
+        EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + c.allowed.size()),
+                  c.allowed)
+            << c.lines;
+        EXPECT_EQ(report.allowedConfigCount, c.count) << c.lines;
+        ZELO_FreeRedundancyConfigs(&report);
+    }
 }
 
 TEST_F(RedundancyReportTest, NoneOrSeveralActiveEntries) {

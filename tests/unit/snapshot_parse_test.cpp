@@ -83,22 +83,19 @@ TEST_F(SnapshotParseTest, RackServerWithoutExtendedPart) {
     expectHistogram(0, 2);
     expectCapabilities(0x7F, 0);
     ASSERT_EQ(parse(rackHead()), 0) << output;
-    EXPECT_EQ(record->u8PowerStatus, 0x21);
     ASSERT_NE(record->psSystemDC, nullptr);
-    EXPECT_EQ(record->psSystemDC->u64Avg, 1000u);
-    EXPECT_EQ(record->psSystemDC->u64Max | record->psSystemDC->u64Min, 0u);
-    EXPECT_EQ(histogram.u8BucketNum, 2);
-    EXPECT_EQ(histogram.u16HistogramBase, 100);
-    EXPECT_EQ(histogram.u8BucketWidth, 50);
+    const SnapshotBuffer &r = *record;
+    // Status, DC (avg, max | min), histogram shape, event, CPU, AC, outlet, inlet, time stamp.
+    EXPECT_EQ(
+        (std::vector<uint64_t>{r.u8PowerStatus, r.psSystemDC->u64Avg,
+                               r.psSystemDC->u64Max | r.psSystemDC->u64Min, histogram.u8BucketNum,
+                               histogram.u16HistogramBase, histogram.u8BucketWidth, r.u16PowerEvent,
+                               r.psEffectiveCPU->u64Avg, r.psSystemAC->u64Avg,
+                               r.u8OutletTemperature, r.u8InletTemperature, r.u64Timestamp}),
+        (std::vector<uint64_t>{0x21, 1000, 0, 2, 100, 50, 8, 100, 2000, 30, 25, 0}));
     EXPECT_EQ(Bytes(histogram.pu8BucketData, histogram.pu8BucketData + 4), (Bytes{0, 5, 0, 7}));
-    EXPECT_EQ(record->u16PowerEvent, 8);
-    EXPECT_EQ(record->psEffectiveCPU->u64Avg, 100u);
-    EXPECT_EQ(record->psSystemAC->u64Avg, 2000u);
-    EXPECT_EQ(record->u8OutletTemperature, 30);
-    EXPECT_EQ(record->u8InletTemperature, 25);
-    EXPECT_EQ(record->u64Timestamp, 0u);
-    EXPECT_EQ(record->psPowerSupplyAC, nullptr);
-    EXPECT_EQ(record->psCPUPower, nullptr);
+    EXPECT_EQ(r.psPowerSupplyAC, nullptr);
+    EXPECT_EQ(r.psCPUPower, nullptr);
 }
 
 TEST_F(SnapshotParseTest, EveryExtendedBlockInItsOrder) {
@@ -113,16 +110,14 @@ TEST_F(SnapshotParseTest, EveryExtendedBlockInItsOrder) {
     raw.be(3, 1).be(4, 1).be(40, 8).be(1, 1).be(150, 8).be(2, 1).be(60, 8); // 0x20
     ASSERT_EQ(parse(raw), 0) << output;
     ASSERT_EQ(record->u8PowerSupplyACNum, 2);
-    EXPECT_EQ(record->psPowerSupplyAC[0].u64Avg, 410u);
-    EXPECT_EQ(record->psPowerSupplyAC[0].u64Max, 450u);
-    EXPECT_EQ(record->psPowerSupplyAC[1].u64Avg, 390u);
-    EXPECT_EQ(record->psPowerSupplyAC[1].u64Max, 440u);
-    EXPECT_EQ(record->u8PowerSupplyDCNum, 0);
-    EXPECT_EQ(record->psPowerSupplyDC, nullptr);
-    EXPECT_EQ(record->u64Timestamp, 123456789u);
-    EXPECT_EQ(record->psCPUPower->u64Avg, 150u);
-    EXPECT_EQ(record->psMemoryPower->u64Avg, 60u);
-    EXPECT_EQ(record->psCoolingPower->u64Avg, 40u);
+    const SnapshotBuffer &r = *record;
+    EXPECT_EQ((std::vector<uint64_t>{r.psPowerSupplyAC[0].u64Avg, r.psPowerSupplyAC[0].u64Max,
+                                     r.psPowerSupplyAC[1].u64Avg, r.psPowerSupplyAC[1].u64Max,
+                                     r.u64Timestamp, r.psCPUPower->u64Avg, r.psMemoryPower->u64Avg,
+                                     r.psCoolingPower->u64Avg}),
+              (std::vector<uint64_t>{410, 450, 390, 440, 123456789, 150, 60, 40}));
+    EXPECT_EQ(r.u8PowerSupplyDCNum, 0);
+    EXPECT_EQ(r.psPowerSupplyDC, nullptr);
 }
 
 TEST_F(SnapshotParseTest, RepeatFactorSpacesTheEntries) {

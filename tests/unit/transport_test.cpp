@@ -4,23 +4,15 @@
 #include <zelo/firmware.h>
 
 #include <cstdlib>
+#include <utility>
 
 namespace zelo::test {
 namespace {
 
 using TransportTest = PlatformTest;
 
-struct ReadBuilder {
-    uint8_t (*build)(uint8_t, uint8_t **);
-    uint8_t element;
-};
-struct WriteBuilder {
-    uint8_t (*build)(uint8_t, uint8_t, uint8_t, uint8_t **, uint32_t *);
-    uint8_t element;
-};
-
 TEST_F(TransportTest, EveryBuilderWritesTheHeadOfItsElement) {
-    const ReadBuilder reads[] = {
+    const std::pair<uint8_t (*)(uint8_t, uint8_t **), uint8_t> reads[] = {
         {GetReadStatusRegisterRequestBuffer, 0},
         {GetReadEnergyAccumulatorRegisterRequestBuffer, 1},
         {GetReadClockAccumulationRegisterRequestBuffer, 4},
@@ -30,23 +22,24 @@ TEST_F(TransportTest, EveryBuilderWritesTheHeadOfItsElement) {
         {GetReadServerPowerDownRegisterRequestBuffer, 13},
         {GetReadPowerMaximizerRequestBuffer, 14},
     };
-    for (const auto &row : reads) {
+    for (const auto &[build, element] : reads) {
         uint8_t *request = nullptr;
-        ASSERT_EQ(row.build(0x42, &request), ZELO_RC_SUCCESS);
-        EXPECT_EQ(Bytes(request, request + 6), head(0x42, row.element, 0x82));
+        ASSERT_EQ(build(0x42, &request), ZELO_RC_SUCCESS);
+        EXPECT_EQ(Bytes(request, request + 6), head(0x42, element, 0x82));
         std::free(request);
     }
-    const WriteBuilder writes[] = {
-        {GetWriteStatusControlRegisterRequestBuffer, 0},
-        {GetWritePowerControlRegisterRequestBuffer, 7},
-        {GetWritePowerSupplyRegisterRequestBuffer, 10},
-    };
-    for (const auto &row : writes) {
+    const std::pair<uint8_t (*)(uint8_t, uint8_t, uint8_t, uint8_t **, uint32_t *), uint8_t>
+        writes[] = {
+            {GetWriteStatusControlRegisterRequestBuffer, 0},
+            {GetWritePowerControlRegisterRequestBuffer, 7},
+            {GetWritePowerSupplyRegisterRequestBuffer, 10},
+        };
+    for (const auto &[build, element] : writes) {
         uint8_t *request = nullptr;
         uint32_t length = 0;
-        ASSERT_EQ(row.build(0x42, 3, 2, &request, &length), ZELO_RC_SUCCESS);
+        ASSERT_EQ(build(0x42, 3, 2, &request, &length), ZELO_RC_SUCCESS);
         EXPECT_EQ(length, 10u);
-        EXPECT_EQ(Bytes(request, request + 8), concat(head(0x42, row.element, 0x83), {3, 2}));
+        EXPECT_EQ(Bytes(request, request + 8), concat(head(0x42, element, 0x83), {3, 2}));
         std::free(request);
     }
 }
