@@ -131,9 +131,11 @@ uint8_t ZELO_ReadMaxNumberOfPowerSuppliesRegister(uint8_t u8ModuleHandle, uint8_
     if (pu8Value == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *pu8Value = 0;
+    static constexpr RegisterRow kRow = registerRow("max-power-supplies");
     uint8_t data = 0;
+    static_assert(kRow.length == sizeof data);
     const uint8_t rc = readData("ZELO_ReadMaxNumberOfPowerSuppliesRegister",
-                                kPowerSupplyReportedElement, u8ModuleHandle, 0, {&data, 1});
+                                kPowerSupplyReportedElement, u8ModuleHandle, kRow.reg, {&data, 1});
     if (rc == ZELO_RC_SUCCESS)
         *pu8Value = static_cast<uint8_t>((data & 0x0F) + 1);
     return rc;
@@ -211,7 +213,8 @@ uint8_t ZELO_WriteTargetRedundancyConfigurationRegister(uint8_t u8ModuleHandle, 
         report(kLoggedWarning, "[%s] target redundancy cfg register is not supported\n", kName);
         return ZELO_RC_FAILURE;
     }
-    return writeValue(kName, kPowerSupplyElement, u8ModuleHandle, 31, 1, u8Value);
+    static constexpr RegisterRow kRow = registerRow("target-redundancy-config");
+    return writeValue(kName, kPowerSupplyElement, u8ModuleHandle, kRow.reg, kRow.length, u8Value);
 }
 
 uint8_t ZELO_ReadSupportedPSUTypesIndexedBuffer(uint8_t u8ModuleHandle, uint8_t u8Index,

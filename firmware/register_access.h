@@ -4,8 +4,12 @@
 
 #include "report.h"
 
+#include <zelo/register_list.h>
+
 #include <cstdint>
+#include <cstdlib>
 #include <span>
+#include <string_view>
 
 namespace zelo::firmware {
 
@@ -59,6 +63,28 @@ uint8_t readOne(const char *name, const Element &element, uint8_t handle, uint8_
 // Extended-capabilities query: handle, capabilities bit 7, then the mask
 // against the extended register. Messages go to the system log only.
 int extendedCapability(const char *name, uint32_t mask, const char *handleFailure);
+
+// A named register's numbers, from the list the accessors and zeloctl share.
+struct RegisterRow {
+    std::string_view name;
+    uint8_t element;
+    uint8_t reg;
+    uint8_t length;
+};
+
+#define ZELO_REGISTER_ROW(name, element, reg, length, type, label, access, form, read, write)      \
+    {name, element, reg, length},
+inline constexpr RegisterRow kRegisterRows[] = {ZELO_REGISTER_LIST(ZELO_REGISTER_ROW)};
+#undef ZELO_REGISTER_ROW
+
+// The numbers of a hand-written accessor's register; a name missing from the
+// list does not compile.
+consteval RegisterRow registerRow(std::string_view name) {
+    for (const RegisterRow &row : kRegisterRows)
+        if (row.name == name)
+            return row;
+    std::abort();
+}
 
 extern const Element kPowerSupplyElement;
 extern const Element kPowerSupplyReportedElement;

@@ -1,5 +1,5 @@
-// Named register accessors and capability queries. Each accessor is one row
-// of the lists below; the engine does the rest.
+// Named register accessors and capability queries. Each plain accessor is
+// one row of the shared register list; the engine does the rest.
 #include "exchange.h"
 #include "register_access.h"
 
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <type_traits>
 
 namespace zelo::firmware {
 
@@ -67,6 +68,30 @@ const Element kPowerSupplyPerSupplyElement{
     kReportedWarning};
 
 namespace {
+
+// The element row behind an element number. The hot-plug caps tell a builder
+// failure to the system log only.
+consteval const Element &elementOf(int element, int reg) {
+    switch (element) {
+    case 0:
+        return kStatus;
+    case 1:
+        return kEnergy;
+    case 4:
+        return kClock;
+    case 7:
+        return reg == 1 || reg == 12 ? kPowerControlHotplug : kPowerControl;
+    case 9:
+        return kExhaustHeat;
+    case 10:
+        return kPowerSupplyElement;
+    case 13:
+        return kServerPowerDown;
+    case 14:
+        return kMaximizer;
+    }
+    std::abort(); // an element without a row does not compile
+}
 
 // Builds the read request and runs the exchange.
 uint8_t transact(const char *name, const Element &element, uint8_t handle, uint8_t reg,
@@ -145,63 +170,42 @@ int extendedCapability(const char *name, uint32_t mask, const char *handleFailur
 
 using namespace zelo::firmware;
 
-// Accessor, element, register id, length, output type.
-#define ZELO_SINGLE_READS(X)                                                                       \
-    X(ZELO_ReadPowerStatusRegister, kStatus, 0, 1, uint8_t)                                        \
-    X(ZELO_2_6_ReadPowerEventRegister, kStatus, 1, 2, uint16_t)                                    \
-    X(ZELO_ReadPowerHardwareErrorRegister, kStatus, 2, 1, uint8_t)                                 \
-    X(ZELO_ReadSMSPowerControlPolicyRegister, kStatus, 3, 1, uint8_t)                              \
-    X(ZELO_ReadFirmwarePowerThermalCapabilitiesRegister, kStatus, 7, 1, uint8_t)                   \
-    X(ZELO_ReadServerPowerCapabilitiesRegister, kStatus, 8, 1, uint8_t)                            \
-    X(ZELO_ReadServerPowerSettingsRegister, kStatus, 9, 1, uint8_t)                                \
-    X(ZELO_ReadExtendedFirmwareCapabilitiesRegister, kStatus, 14, 4, uint32_t)                     \
-    X(ZELO_ReadCFFPowerControlPolicyRegister, kStatus, 16, 1, uint8_t)                             \
-    X(ZELO_ReadEARDCRegister, kEnergy, 0, 8, uint64_t)                                             \
-    X(ZELO_ReadEARACRegister, kEnergy, 1, 8, uint64_t)                                             \
-    X(ZELO_ReadCARRegister, kClock, 0, 4, uint32_t)                                                \
-    X(ZELO_ReadClockRateRegister, kClock, 1, 2, uint16_t)                                          \
-    X(ZELO_ReadPcapRegister, kPowerControl, 0, 2, uint16_t)                                        \
-    X(ZELO_ReadPcapMaxHotplugRegister, kPowerControlHotplug, 1, 2, uint16_t)                       \
-    X(ZELO_ReadPcapMaxRegister, kPowerControl, 2, 2, uint16_t)                                     \
-    X(ZELO_ReadPcapMinRegister, kPowerControl, 4, 2, uint16_t)                                     \
-    X(ZELO_ReadPauxMaxRegister, kPowerControl, 5, 2, uint16_t)                                     \
-    X(ZELO_ReadPcapSoftMinRegister, kPowerControl, 6, 2, uint16_t)                                 \
-    X(ZELO_ReadPnameplateRegister, kPowerControl, 9, 2, uint16_t)                                  \
-    X(ZELO_ReadPcapModeRegister, kPowerControl, 10, 1, uint8_t)                                    \
-    X(ZELO_ReadEHIRegister, kExhaustHeat, 0, 1, uint8_t)                                           \
-    X(ZELO_ReadInletTemperatureRegister, kExhaustHeat, 1, 1, uint8_t)                              \
-    X(ZELO_ReadServerPowerDownSupportRegister, kServerPowerDown, 0, 2, uint16_t)                   \
-    X(ZELO_ReadIPLTimeRegister, kServerPowerDown, 2, 2, uint16_t)                                  \
-    X(ZELO_ReadNumberOWakesFromS3Register, kServerPowerDown, 4, 2, uint16_t)                       \
-    X(ZELO_ReadMaximizerStatusRegister, kMaximizer, 6, 1, uint8_t)                                 \
-    X(ZELO_ReadRedundancyTargetRegister, kPowerSupplyElement, 30, 1, uint8_t)
-
-// Accessor, element, register id, length, value type.
-#define ZELO_WRITES(X)                                                                             \
-    X(ZELO_WriteSMSPowerControlPolicyRegister, kStatus, 3, 1, uint8_t)                             \
-    X(ZELO_WriteCFFPowerControlPolicyRegister, kStatus, 16, 1, uint8_t)                            \
-    X(ZELO_WritePcapRegister, kPowerControl, 0, 2, uint16_t)                                       \
-    X(ZELO_WritePcapModeRegister, kPowerControl, 10, 1, uint8_t)                                   \
-    X(ZELO_WriteRedundancyTargetRegister, kPowerSupplyElement, 30, 1, uint8_t)
-
 #define ZELO_DEFINE_READ(fn, element, reg, length, T)                                              \
     uint8_t fn(uint8_t u8ModuleHandle, T *out) {                                                   \
-        return readOne(#fn, element, u8ModuleHandle, reg, length, out);                            \
+        return readOne(#fn, elementOf(element, reg), u8ModuleHandle, reg, length, out);            \
     }
 #define ZELO_DEFINE_WRITE(fn, element, reg, length, T)                                             \
     uint8_t fn(uint8_t u8ModuleHandle, T value) {                                                  \
-        return writeValue(#fn, element, u8ModuleHandle, reg, length, value);                       \
+        return writeValue(#fn, elementOf(element, reg), u8ModuleHandle, reg, length, value);       \
     }
+
+// The plain rows are generated; the other accessors are written out below
+// and in powersupply.cpp.
+#define ZELO_GENERATE(name, element, reg, length, T, label, access, form, read, write)             \
+    ZELO_GENERATE_##form##_##access(element, reg, length, T, read, write)
+#define ZELO_GENERATE_ZELO_FORM_VALUE_ZELO_ACCESS_R(element, reg, length, T, read, write)          \
+    ZELO_DEFINE_READ(read, element, reg, length, T)
+#define ZELO_GENERATE_ZELO_FORM_VALUE_ZELO_ACCESS_W(element, reg, length, T, read, write)          \
+    ZELO_DEFINE_WRITE(write, element, reg, length, T)
+#define ZELO_GENERATE_ZELO_FORM_VALUE_ZELO_ACCESS_RW(element, reg, length, T, read, write)         \
+    ZELO_DEFINE_READ(read, element, reg, length, T)                                                \
+    ZELO_DEFINE_WRITE(write, element, reg, length, T)
+#define ZELO_GENERATE_ZELO_FORM_OWN_ZELO_ACCESS_R(element, reg, length, T, read, write)            \
+    static_assert(std::is_same_v<decltype(&read), uint8_t (*)(uint8_t, T *)>, #read);
+#define ZELO_GENERATE_ZELO_FORM_OWN_ZELO_ACCESS_W(element, reg, length, T, read, write)            \
+    static_assert(std::is_same_v<decltype(&write), uint8_t (*)(uint8_t, T)>, #write);
+#define ZELO_GENERATE_ZELO_FORM_PAIR_ZELO_ACCESS_R(element, reg, length, T, read, write)
 
 extern "C" {
 
-ZELO_SINGLE_READS(ZELO_DEFINE_READ)
-ZELO_WRITES(ZELO_DEFINE_WRITE)
+ZELO_REGISTER_LIST(ZELO_GENERATE)
 
 uint8_t ZELO_ReadPOSTPowerSettingsRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value) {
     static constexpr const char *kName = "ZELO_ReadPOSTPowerSettingsRegister";
+    static constexpr RegisterRow kRow = registerRow("post-settings");
     std::printf("[%s] read POST Power Settings Register\n", kName);
-    const uint8_t rc = readOne(kName, kStatus, u8ModuleHandle, 5, 1, pu8Value);
+    const uint8_t rc = readOne(kName, elementOf(kRow.element, kRow.reg), u8ModuleHandle, kRow.reg,
+                               kRow.length, pu8Value);
     if (rc == ZELO_RC_SUCCESS)
         std::printf("Post Power Settings register value is %d\n", *pu8Value);
     return rc;
@@ -209,6 +213,7 @@ uint8_t ZELO_ReadPOSTPowerSettingsRegister(uint8_t u8ModuleHandle, uint8_t *pu8V
 
 uint8_t ZELO_ReadPcapMinHotplugRegister(uint8_t u8ModuleHandle, uint16_t *pu16Value) {
     static constexpr const char *kName = "ZELO_ReadPcapMinHotplugRegister";
+    static constexpr RegisterRow kRow = registerRow("cap-min-hotplug");
     if (pu16Value == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *pu16Value = 0;
@@ -216,7 +221,8 @@ uint8_t ZELO_ReadPcapMinHotplugRegister(uint8_t u8ModuleHandle, uint16_t *pu16Va
         std::printf("%s: Pcap Min hotplug is not supported!!!\n ", kName);
         return ZELO_RC_FAILURE;
     }
-    return readOne(kName, kPowerControlHotplug, u8ModuleHandle, 12, 2, pu16Value);
+    return readOne(kName, elementOf(kRow.element, kRow.reg), u8ModuleHandle, kRow.reg, kRow.length,
+                   pu16Value);
 }
 
 uint8_t ZELO_ReadStandbyPowerRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value,
@@ -225,10 +231,12 @@ uint8_t ZELO_ReadStandbyPowerRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value,
         return ZELO_RC_INVALID_PARAMETER;
     *pu8Value = 0;
     *pu16StandbyPower = 0;
+    static constexpr RegisterRow kRow = registerRow("standby-power");
     static constexpr Field kFields[] = {{6, 1}, {7, 2}};
     uint64_t values[2] = {};
-    const uint8_t rc = readFields("ZELO_ReadStandbyPowerRegister", kServerPowerDown, u8ModuleHandle,
-                                  1, 8, kFields, values);
+    const uint8_t rc =
+        readFields("ZELO_ReadStandbyPowerRegister", elementOf(kRow.element, kRow.reg),
+                   u8ModuleHandle, kRow.reg, kRow.length, kFields, values);
     if (rc == ZELO_RC_SUCCESS) {
         *pu8Value = static_cast<uint8_t>(values[0]);
         *pu16StandbyPower = static_cast<uint16_t>(values[1]);
@@ -242,10 +250,12 @@ uint8_t ZELO_ReadNumberOfPowerCyclesRegister(uint8_t u8ModuleHandle, uint16_t *p
         return ZELO_RC_INVALID_PARAMETER;
     *pu16First = 0;
     *pu16Second = 0;
+    static constexpr RegisterRow kRow = registerRow("power-cycles");
     static constexpr Field kFields[] = {{4, 2}, {6, 2}};
     uint64_t values[2] = {};
-    const uint8_t rc = readFields("ZELO_ReadNumberOfPowerCyclesRegister", kServerPowerDown,
-                                  u8ModuleHandle, 3, 4, kFields, values);
+    const uint8_t rc =
+        readFields("ZELO_ReadNumberOfPowerCyclesRegister", elementOf(kRow.element, kRow.reg),
+                   u8ModuleHandle, kRow.reg, kRow.length, kFields, values);
     if (rc == ZELO_RC_SUCCESS) {
         *pu16First = static_cast<uint16_t>(values[0]);
         *pu16Second = static_cast<uint16_t>(values[1]);

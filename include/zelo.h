@@ -9,9 +9,10 @@
 #include <zelo/events.h>
 #include <zelo/expansion.h>
 #include <zelo/firmware.h>
-#include <zelo/metriclog.h>
 #include <zelo/history.h>
+#include <zelo/metriclog.h>
 #include <zelo/powersupply.h>
+#include <zelo/register_list.h>
 #include <zelo/registers.h>
 #include <zelo/telemetry.h>
 #include <zelo/tracelog.h>

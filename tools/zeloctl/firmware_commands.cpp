@@ -5,7 +5,10 @@
 #include <zelo.h>
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace zeloctl {
@@ -13,7 +16,7 @@ namespace {
 
 // ---- named registers ----
 
-// Up to two decoded fields per register; most have one called "value".
+// Up to two decoded fields per register; most have one, named by its label.
 struct Reading {
     uint8_t rc;
     uint64_t v[2];
@@ -21,121 +24,64 @@ struct Reading {
 
 struct Register {
     const char *name;
-    const char *fields[2]; // field names; second null for one-field registers
-    unsigned bytes;        // width of a written value
+    std::array<const char *, 2> fields; // second null for one-field registers
+    unsigned bytes;                     // width of a written value
     Reading (*read)(uint8_t handle);
     uint8_t (*write)(uint8_t handle, uint64_t value);
 };
 
-template <typename T, uint8_t (*Fn)(uint8_t, T *)>
-Reading readOne(uint8_t handle) {
+template <typename T>
+Reading readWith(uint8_t (*fn)(uint8_t, T *), uint8_t handle) {
     T value = 0;
-    const uint8_t rc = Fn(handle, &value);
+    const uint8_t rc = fn(handle, &value);
     return {rc, {value, 0}};
 }
 
-template <typename T, uint8_t (*Fn)(uint8_t, T)>
-uint8_t writeOne(uint8_t handle, uint64_t value) {
-    return Fn(handle, static_cast<T>(value));
-}
-
-Reading readStandby(uint8_t handle) {
-    uint8_t byte = 0;
-    uint16_t watts = 0;
-    const uint8_t rc = ZELO_ReadStandbyPowerRegister(handle, &byte, &watts);
-    return {rc, {byte, watts}};
-}
-
-Reading readPowerCycles(uint8_t handle) {
-    uint16_t first = 0, second = 0;
-    const uint8_t rc = ZELO_ReadNumberOfPowerCyclesRegister(handle, &first, &second);
+template <typename A, typename B>
+Reading readWith(uint8_t (*fn)(uint8_t, A *, B *), uint8_t handle) {
+    A first = 0;
+    B second = 0;
+    const uint8_t rc = fn(handle, &first, &second);
     return {rc, {first, second}};
 }
 
-#define R(T, fn) readOne<T, fn>
-#define W(T, fn) writeOne<T, fn>
-const Register kRegisters[] = {
-    {"power-status", {"value"}, 1, R(uint8_t, ZELO_ReadPowerStatusRegister), nullptr},
-    {"power-event", {"value"}, 2, R(uint16_t, ZELO_2_6_ReadPowerEventRegister), nullptr},
-    {"hardware-error", {"value"}, 1, R(uint8_t, ZELO_ReadPowerHardwareErrorRegister), nullptr},
-    {"sms-policy",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadSMSPowerControlPolicyRegister),
-     W(uint8_t, ZELO_WriteSMSPowerControlPolicyRegister)},
-    {"post-settings", {"value"}, 1, R(uint8_t, ZELO_ReadPOSTPowerSettingsRegister), nullptr},
-    {"capabilities",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadFirmwarePowerThermalCapabilitiesRegister),
-     nullptr},
-    {"server-capabilities",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadServerPowerCapabilitiesRegister),
-     nullptr},
-    {"server-settings", {"value"}, 1, R(uint8_t, ZELO_ReadServerPowerSettingsRegister), nullptr},
-    {"extended-capabilities",
-     {"value"},
-     4,
-     R(uint32_t, ZELO_ReadExtendedFirmwareCapabilitiesRegister),
-     nullptr},
-    {"cff-policy",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadCFFPowerControlPolicyRegister),
-     W(uint8_t, ZELO_WriteCFFPowerControlPolicyRegister)},
-    {"energy-dc", {"value"}, 8, R(uint64_t, ZELO_ReadEARDCRegister), nullptr},
-    {"energy-ac", {"value"}, 8, R(uint64_t, ZELO_ReadEARACRegister), nullptr},
-    {"clock-accumulator", {"value"}, 4, R(uint32_t, ZELO_ReadCARRegister), nullptr},
-    {"clock-rate", {"value"}, 2, R(uint16_t, ZELO_ReadClockRateRegister), nullptr},
-    {"power-cap",
-     {"watts"},
-     2,
-     R(uint16_t, ZELO_ReadPcapRegister),
-     W(uint16_t, ZELO_WritePcapRegister)},
-    {"cap-max-hotplug", {"watts"}, 2, R(uint16_t, ZELO_ReadPcapMaxHotplugRegister), nullptr},
-    {"cap-max", {"watts"}, 2, R(uint16_t, ZELO_ReadPcapMaxRegister), nullptr},
-    {"cap-min", {"watts"}, 2, R(uint16_t, ZELO_ReadPcapMinRegister), nullptr},
-    {"aux-max", {"watts"}, 2, R(uint16_t, ZELO_ReadPauxMaxRegister), nullptr},
-    {"cap-soft-min", {"watts"}, 2, R(uint16_t, ZELO_ReadPcapSoftMinRegister), nullptr},
-    {"nameplate", {"watts"}, 2, R(uint16_t, ZELO_ReadPnameplateRegister), nullptr},
-    {"capping-mode",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadPcapModeRegister),
-     W(uint8_t, ZELO_WritePcapModeRegister)},
-    {"cap-min-hotplug", {"watts"}, 2, R(uint16_t, ZELO_ReadPcapMinHotplugRegister), nullptr},
-    {"exhaust-heat-index", {"value"}, 1, R(uint8_t, ZELO_ReadEHIRegister), nullptr},
-    {"inlet-temperature", {"celsius"}, 1, R(uint8_t, ZELO_ReadInletTemperatureRegister), nullptr},
-    {"power-down-support",
-     {"value"},
-     2,
-     R(uint16_t, ZELO_ReadServerPowerDownSupportRegister),
-     nullptr},
-    {"standby-power", {"byte", "watts"}, 8, readStandby, nullptr},
-    {"ipl-time", {"value"}, 2, R(uint16_t, ZELO_ReadIPLTimeRegister), nullptr},
-    {"power-cycles", {"first", "second"}, 4, readPowerCycles, nullptr},
-    {"wakes-from-s3", {"value"}, 2, R(uint16_t, ZELO_ReadNumberOWakesFromS3Register), nullptr},
-    {"maximizer-status", {"value"}, 1, R(uint8_t, ZELO_ReadMaximizerStatusRegister), nullptr},
-    {"max-power-supplies",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadMaxNumberOfPowerSuppliesRegister),
-     nullptr},
-    {"redundancy-target",
-     {"value"},
-     1,
-     R(uint8_t, ZELO_ReadRedundancyTargetRegister),
-     W(uint8_t, ZELO_WriteRedundancyTargetRegister)},
-    {"target-redundancy-config",
-     {"value"},
-     1,
-     nullptr,
-     W(uint8_t, ZELO_WriteTargetRedundancyConfigurationRegister)},
-};
-#undef R
-#undef W
+// The table's reader and writer of an accessor; none for ZELO_NO_ACCESSOR.
+template <auto Fn>
+constexpr Reading (*reader())(uint8_t) {
+    if constexpr (std::is_integral_v<decltype(Fn)>)
+        return nullptr;
+    else
+        return [](uint8_t handle) { return readWith(Fn, handle); };
+}
+
+template <typename T>
+uint8_t writeWith(uint8_t (*fn)(uint8_t, T), uint8_t handle, uint64_t value) {
+    return fn(handle, static_cast<T>(value));
+}
+
+template <auto Fn>
+constexpr uint8_t (*writer())(uint8_t, uint64_t) {
+    if constexpr (std::is_integral_v<decltype(Fn)>)
+        return nullptr;
+    else
+        return [](uint8_t handle, uint64_t value) { return writeWith(Fn, handle, value); };
+}
+
+// A one-value register's field is its label; the two-value ones name theirs here.
+consteval std::array<const char *, 2> fieldsOf(std::string_view name, const char *label) {
+    if (label != nullptr)
+        return {label, nullptr};
+    if (name == "standby-power")
+        return {"byte", "watts"};
+    if (name == "power-cycles")
+        return {"first", "second"};
+    throw "a two-value register without field names";
+}
+
+#define ZELOCTL_REGISTER(name, element, reg, length, type, label, access, form, read, write)       \
+    {name, fieldsOf(name, label), length, reader<read>(), writer<write>()},
+const Register kRegisters[] = {ZELO_REGISTER_LIST(ZELOCTL_REGISTER)};
+#undef ZELOCTL_REGISTER
 
 const Register *findRegister(std::string_view name) {
     for (const auto &r : kRegisters)
