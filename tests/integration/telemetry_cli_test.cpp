@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 
 namespace zelo::test {
@@ -18,8 +19,10 @@ using Json = nlohmann::json;
 constexpr uint16_t U = ZELO_POWER_HISTORY_UNKNOWN;
 constexpr uint32_t kEnd = 1'700'000'100; // the newest sample; a multiple of 150
 
-RunResult zeloctl(const std::vector<std::string> &args) {
-    return runProgram(ZELO_ZELOCTL_PATH, args);
+// Runs zeloctl with the arguments of line, apart by spaces.
+RunResult zeloctl(const std::string &line) {
+    std::istringstream in(line);
+    return runProgram(ZELO_ZELOCTL_PATH, {std::istream_iterator<std::string>(in), {}});
 }
 
 // Parses one JSON object per line, as scripts read it; a parse error fails.
@@ -50,51 +53,39 @@ class TelemetryCliTest : public ::testing::Test {
 };
 
 TEST_F(TelemetryCliTest, NothingRecordedYetAndBadArguments) {
-    for (const auto &args : std::vector<std::vector<std::string>>{
-             {"power"}, {"history"}, {"history", "--performance"}, {"metrics"}, {"chart"}}) {
+    for (const char *args : {"power", "history", "history --performance", "metrics", "chart"}) {
         const auto r = zeloctl(args);
-        EXPECT_EQ(r.status, 1) << testing::PrintToString(args);
+        EXPECT_EQ(r.status, 1) << args;
         EXPECT_NE(r.err.find("yet (has the zelo daemon run?)"), std::string::npos) << r.err;
         EXPECT_EQ(r.out, "");
     }
-    for (const auto &args : std::vector<std::vector<std::string>>{{"power", "--window", "0"},
-                                                                  {"power", "--window", "86401"},
-                                                                  {"power", "--window", "2d"},
-                                                                  {"power", "--window", "-1h"},
-                                                                  {"history", "--hours", "25"},
-                                                                  {"metrics", "--last", "0"},
-                                                                  {"chart", "--hours", "x"},
-                                                                  {"history", "--json", "--csv"},
-                                                                  {"power", "extra"}}) {
-        const auto r = zeloctl(args);
-        EXPECT_EQ(r.status, 2) << testing::PrintToString(args) << r.err;
-    }
-    EXPECT_EQ(zeloctl({"power", "--help"}).out.rfind("usage: zeloctl", 0), 0u);
+    for (const char *args : {"power --window 0", "power --window 86401", "power --window 2d",
+                             "power --window -1h", "history --hours 25", "metrics --last 0",
+                             "chart --hours x", "history --json --csv", "power extra"})
+        EXPECT_EQ(zeloctl(args).status, 2) << args;
+    EXPECT_EQ(zeloctl("power --help").out.rfind("usage: zeloctl", 0), 0u);
 }
 
 TEST_F(TelemetryCliTest, HistoryItemsAreDatedAndUnknownIsExplicitInEveryFormat) {
     writeHistories();
-    const Json history = parsed(zeloctl({"--json", "history", "--hours", "4"}));
+    const Json history = parsed(zeloctl("--json history --hours 4"));
     ASSERT_EQ(history["Items"].size(), 96u);
     EXPECT_EQ(history["Items"][95]["Date"], "2023-11-14T22:15:00Z");
     EXPECT_EQ(history["Items"][95]["AvgACWatts"], 400);
     EXPECT_TRUE(history["Items"][40]["AvgDCWatts"].is_null());
-    EXPECT_EQ(parsed(zeloctl({"--json", "history", "--hours", "1"}))["Items"].size(), 24u);
-    const Json perf = parsed(zeloctl({"history", "--performance", "--json"}));
+    EXPECT_EQ(parsed(zeloctl("--json history --hours 1"))["Items"].size(), 24u);
+    const Json perf = parsed(zeloctl("history --performance --json"));
     EXPECT_EQ(perf["Items"][0]["CPUPercent"], 50);
     EXPECT_TRUE(perf["Items"][45]["CPUPercent"].is_null());
 
-    const auto csv = zeloctl({"history", "--csv", "--hours", "4"});
-    EXPECT_EQ(csv.out.rfind("Date,MinACWatts,AvgACWatts,MaxACWatts,MinDCWatts,", 0), 0u);
-    std::istringstream lines(csv.out);
+    std::istringstream lines(zeloctl("history --csv --hours 4").out);
     std::vector<std::string> rows;
     for (std::string line; std::getline(lines, line);)
         rows.push_back(line);
     ASSERT_EQ(rows.size(), 97u);
     EXPECT_EQ(rows[41].substr(rows[41].find(',')), ",,,,,,");
     EXPECT_EQ(rows[96], "2023-11-14T22:15:00Z,380,400,420,290,300,310");
-    const auto text = zeloctl({"history", "--hours", "4"});
-    EXPECT_NE(text.out.find("unknown"), std::string::npos);
+    EXPECT_NE(zeloctl("history --hours 4").out.find("unknown"), std::string::npos);
 }
 
 TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
@@ -107,7 +98,7 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
         records.push_back(recordFile({(kEnd + 30 * (i + 1)) * 1000ull, 410, 305}, i == 2, hostile));
     writeLog(root.path(), records, 2);
 
-    const Json metrics = parsed(zeloctl({"--json", "metrics", "--last", "2"}));
+    const Json metrics = parsed(zeloctl("--json metrics --last 2"));
     ASSERT_EQ(metrics["Records"].size(), 2u);
     const Json &newest = metrics["Records"][1];
     EXPECT_EQ(newest["SystemDC"]["Avg"], 305);
@@ -117,12 +108,7 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_TRUE(metrics["Records"][0]["Performance"].is_null());
     EXPECT_EQ(newest["InletReadings"][0]["Temperature"].get<std::string>().substr(0, 7),
               "\"24\\\" C");
-    const auto text = zeloctl({"metrics"});
-    EXPECT_EQ(text.out.find('\x1b'), std::string::npos) << "no raw control bytes on a terminal";
-    EXPECT_NE(text.out.find(
-                  "\n    #2               avg 201, max 211, min 191\n  PowerSupplyDC      none\n"),
-              std::string::npos)
-        << text.out;
+    EXPECT_EQ(zeloctl("metrics").out.find('\x1b'), std::string::npos) << "no raw control bytes";
     // The daemon's printout of a file escapes them the same way.
     const auto read =
         runProgram(ZELO_DAEMON_PATH, {"-r", root.path() + "/tmp/zelo_log/zelo_0.log"});
@@ -131,7 +117,7 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_EQ(read.out.find('\x1b'), std::string::npos);
 
     // A day: the history, then the three records newer than it.
-    const Json day = parsed(zeloctl({"--json", "power", "--window", "24h"}));
+    const Json day = parsed(zeloctl("--json power --window 24h"));
     EXPECT_EQ(day["PowerConsumedWatts"], 410);
     EXPECT_EQ(day["MinConsumedWatts"], 380);
     EXPECT_EQ(day["MaxConsumedWatts"], 420);
@@ -142,10 +128,6 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
     const double energyWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
     EXPECT_NEAR(day["EnergykWh"].get<double>(), energyWh / 1000, 0.001);
-
-    const auto text30 = zeloctl({"power", "--window", "30s"});
-    EXPECT_NE(text30.out.find("AC input      410 W    410 W    410 W    410 W"), std::string::npos)
-        << text30.out;
 }
 
 // Decoded picture: rsvg-convert draws the SVG, pngtopnm makes it raw RGB.
@@ -183,7 +165,7 @@ bool near(const Picture &p, int x, int y, int dy, bool (*matches)(const uint8_t 
 TEST_F(TelemetryCliTest, TheChartDrawsLinesWhereTheDataIsAndShadesTheUnknown) {
     writeHistories();
     const std::string svg = root.path() + "/chart.svg";
-    const auto r = zeloctl({"chart", "--hours", "4", "--out", svg});
+    const auto r = zeloctl("chart --hours 4 --out " + svg);
     ASSERT_EQ(r.status, 0) << r.err;
     const Picture p = render(svg, root.path());
     ASSERT_EQ(p.width, 1200) << "rsvg-convert and pngtopnm must be installed";

@@ -9,6 +9,7 @@
 
 #include <zelo/history.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -24,8 +25,7 @@ struct Reference {
     uint16_t next = 0;
     int32_t lastSaveTime = 0;
     uint64_t endtime = 0, lastTimestamp = 0;
-    uint16_t accAC = 0, accDC = 0, count = 0;
-    uint16_t minAC = 0xFFFF, maxAC = 0, minDC = 0xFFFF, maxDC = 0;
+    uint16_t sum[2]{}, min[2]{0xFFFF, 0xFFFF}, max[2]{}, count = 0; // AC, DC
     int wholeRingFills = 0; // calls that appended 576 unknown samples or more
 
     void add(const PowerHistorySample &s) {
@@ -37,17 +37,13 @@ struct Reference {
             lastSaveTime = static_cast<int32_t>(gMonotonic);
     }
     PowerHistorySample closed() const {
-        return {static_cast<uint32_t>(endtime),
-                minAC,
-                static_cast<uint16_t>(accAC / count),
-                maxAC,
-                minDC,
-                static_cast<uint16_t>(accDC / count),
-                maxDC};
+        const auto avg = [this](int c) { return static_cast<uint16_t>(sum[c] / count); };
+        return {static_cast<uint32_t>(endtime), min[0], avg(0), max[0], min[1], avg(1), max[1]};
     }
     void empty() {
-        accAC = accDC = count = maxAC = maxDC = 0;
-        minAC = minDC = 0xFFFF;
+        count = 0;
+        for (int c = 0; c < 2; ++c)
+            sum[c] = max[c] = 0, min[c] = 0xFFFF;
     }
     void track(uint64_t ms, uint64_t ac, uint64_t dc) {
         const uint64_t t = ms / 1000;
@@ -72,18 +68,14 @@ struct Reference {
                 endtime = t + 120;
             }
         }
+        const uint64_t r[2] = {ac, dc};
         if (t <= endtime) {
-            accAC = static_cast<uint16_t>(accAC + static_cast<uint16_t>(ac));
-            accDC = static_cast<uint16_t>(accDC + static_cast<uint16_t>(dc));
             ++count;
-            if (ac < minAC)
-                minAC = static_cast<uint16_t>(ac);
-            if (ac > maxAC)
-                maxAC = static_cast<uint16_t>(ac);
-            if (dc < minDC)
-                minDC = static_cast<uint16_t>(dc);
-            if (dc > maxDC)
-                maxDC = static_cast<uint16_t>(dc);
+            for (int c = 0; c < 2; ++c) {
+                sum[c] = static_cast<uint16_t>(sum[c] + static_cast<uint16_t>(r[c]));
+                min[c] = static_cast<uint16_t>(std::min<uint64_t>(r[c], min[c]));
+                max[c] = static_cast<uint16_t>(std::max<uint64_t>(r[c], max[c]));
+            }
         }
         if (t < endtime) {
             lastTimestamp = t;
@@ -95,8 +87,8 @@ struct Reference {
             empty();
             endtime = t + 150;
         } else {
-            accAC = minAC = maxAC = static_cast<uint16_t>(ac);
-            accDC = minDC = maxDC = static_cast<uint16_t>(dc);
+            for (int c = 0; c < 2; ++c)
+                sum[c] = min[c] = max[c] = static_cast<uint16_t>(r[c]);
             count = 1;
             const uint64_t d = t - endtime;
             const uint64_t missedSnapshots = d / 30 >= 1 ? d / 30 - 1 : 0;
@@ -121,12 +113,13 @@ struct Reference {
 void expectSame(const Reference &ref, int call) {
     const auto &real = history::gPower;
     const auto &a = real.acc;
-    ASSERT_EQ((std::array<uint64_t, 11>{real.nextIndex, real.endtime, real.lastTimestamp,
-                                        static_cast<uint64_t>(real.lastSaveTime), a.sum[0],
-                                        a.sum[1], a.count, a.min[0], a.max[0], a.min[1], a.max[1]}),
-              (std::array<uint64_t, 11>{
-                  ref.next, ref.endtime, ref.lastTimestamp, static_cast<uint64_t>(ref.lastSaveTime),
-                  ref.accAC, ref.accDC, ref.count, ref.minAC, ref.maxAC, ref.minDC, ref.maxDC}))
+    ASSERT_EQ(
+        (std::array<uint64_t, 11>{real.nextIndex, real.endtime, real.lastTimestamp,
+                                  static_cast<uint64_t>(real.lastSaveTime), a.sum[0], a.sum[1],
+                                  a.count, a.min[0], a.max[0], a.min[1], a.max[1]}),
+        (std::array<uint64_t, 11>{ref.next, ref.endtime, ref.lastTimestamp,
+                                  static_cast<uint64_t>(ref.lastSaveTime), ref.sum[0], ref.sum[1],
+                                  ref.count, ref.min[0], ref.max[0], ref.min[1], ref.max[1]}))
         << "call " << call;
     // Samples have no padding, so the rings compare as bytes.
     ASSERT_EQ(std::memcmp(real.ring, ref.ring, sizeof ref.ring), 0) << "call " << call;

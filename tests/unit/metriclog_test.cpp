@@ -109,16 +109,10 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
         std::string content; // empty: a dangling link
         std::time_t age;
         int pauses;
-        std::string traced;
     };
     const Case cases[] = {
-        {std::to_string(gone) + "\n", 0, 0,
-         "Lock file '" + path + "' of process " + std::to_string(gone) +
-             ", which is gone, removed"},
-        {"\x01", 301, 0, "Lock file '" + path + "' naming no owner and older than 300 s removed"},
-        {"\x01", 299, 1, ""},
-        {std::to_string(::getpid()) + "\n", 3600, 1, ""},
-        {"", 0, 1, ""},
+        {std::to_string(gone) + "\n", 0, 0},          {"\x01", 301, 0}, {"\x01", 299, 1},
+        {std::to_string(::getpid()) + "\n", 3600, 1}, {"", 0, 1},
     };
     static std::string lock;
     static int pauses;
@@ -144,8 +138,7 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
         WaitValueLock();
         EXPECT_EQ(pauses, c.pauses);
         EXPECT_EQ(fileBytes(lock), pidText(::getpid()));
-        EXPECT_EQ(traced("Lock file"), !c.traced.empty());
-        EXPECT_TRUE(c.traced.empty() || traced("\"WaitValueLock\": " + c.traced)) << trace();
+        EXPECT_EQ(traced("Lock file"), c.pauses == 0) << "a takeover is traced";
         EXPECT_EQ(UnlockValue(), 0);
         EXPECT_FALSE(std::filesystem::exists(lock));
     }
@@ -211,7 +204,6 @@ TEST_F(MetricLogTest, CalculationAveragesAndAdvancesTheState) {
     CalculateSnapshotValue(&same, histogram(1, 1));
     EXPECT_EQ(same.psSystemDC->u64Avg, 350u * 50000);
     EXPECT_EQ(same.psSystemDC->u64Min, 0u);
-    EXPECT_TRUE(traced("[WARNING] \"CalculateSnapshotValue\": Time stamp is not right."));
     FreeSignalMetricValue(&same, nullptr, nullptr);
 
     // A changed shape: averages done, state advanced, histogram state kept.
@@ -222,7 +214,6 @@ TEST_F(MetricLogTest, CalculationAveragesAndAdvancesTheState) {
     EXPECT_EQ(next.psSystemDC->u64Max, 350u) << "the fill rule stands";
     EXPECT_EQ(ml::sLastSnapshotBuffer.u64Timestamp, 70000u);
     EXPECT_EQ(ml::sLastHistogramData.u8BucketNum, 2);
-    EXPECT_TRUE(traced("[ERROR] \"CalculateSnapshotValue\": Different histogram data."));
     FreeSignalMetricValue(&next, nullptr, nullptr);
 
     // A rack snapshot without system DC power has no record for the range.
@@ -257,8 +248,6 @@ TEST_F(MetricLogTest, FileIsByteExactWithAndWithoutPerformance) {
     ASSERT_EQ(withPerf.size(), 264u);
     EXPECT_EQ(withPerf[164], 1);
     EXPECT_EQ(withPerf[165], 30) << "system average";
-    EXPECT_NE(output().find("CPUPerf.Avg: 40\nCPUPerf.Max: 50\nCPUPerf.Min : 30\n"),
-              std::string::npos);
     FreeSignalMetricValue(&t, nullptr, nullptr);
 }
 

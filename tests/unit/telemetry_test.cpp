@@ -69,18 +69,16 @@ TEST_F(TelemetryTest, HistoryItemsComeOldestFirstWithoutEmptySlotsAndUnknownsMar
     // The reader leaves this process's own tracker alone.
     EXPECT_EQ(history::gPower.nextIndex, 0);
     EXPECT_EQ(history::gPower.ring[0].timestamp, 0u);
-}
 
-TEST_F(TelemetryTest, PerformanceItemsAreUnknownWhenAllSixValuesAreZero) {
-    Bytes file = ringFile(2, {{0, {100, 0, 0, 0, 0, 0, 0}}, {1, {250, 0, 3, 0, 0, 0, 0}}});
-    writeFile(root + "/pstorage/power/PowerPerformanceFull", file);
-    std::array<PowerPerformanceItem, 4> items{};
-    uint16_t count = 0;
-    ASSERT_EQ(ReadPowerPerformanceItems(items.data(), items.size(), &count), ZELO_RC_SUCCESS);
+    // Performance items are unknown when all six values are zero.
+    writeFile(root + "/pstorage/power/PowerPerformanceFull",
+              ringFile(2, {{0, {100, 0, 0, 0, 0, 0, 0}}, {1, {250, 0, 3, 0, 0, 0, 0}}}));
+    std::array<PowerPerformanceItem, 4> perf{};
+    ASSERT_EQ(ReadPowerPerformanceItems(perf.data(), perf.size(), &count), ZELO_RC_SUCCESS);
     ASSERT_EQ(count, 2);
-    EXPECT_EQ(items[0].u8Unknown, 1);
-    EXPECT_EQ(items[1].u8Unknown, 0);
-    EXPECT_EQ(items[1].sSample.avg, 3);
+    EXPECT_EQ(perf[0].u8Unknown, 1);
+    EXPECT_EQ(perf[1].u8Unknown, 0);
+    EXPECT_EQ(perf[1].sSample.avg, 3);
 }
 
 TEST_F(TelemetryTest, AHistoryFileThatIsNotExactlyOneRingIsRefused) {
@@ -198,102 +196,76 @@ TEST_F(TelemetryTest, NothingToSummariseAndWindowsOutOfRange) {
     window(60, ZELO_RC_NO_DATA);
 }
 
-TEST_F(TelemetryTest, AnHourOfRecordsCoversExactlyTheHour) {
-    std::vector<Record> records;
+TEST_F(TelemetryTest, WindowsAgainstHandComputedFigures) {
+    using Ring = std::map<uint16_t, PowerHistorySample>;
+    constexpr uint64_t T = 1'700'000'000, E = T + 119 * 30;
+    std::vector<Record> hour; // 120 records, one at 400 W DC
     for (uint64_t i = 0; i < 120; ++i)
-        records.push_back({1'700'000'000'000 + i * 30000, 372, i == 60 ? 400u : 350u});
-    writeRecords(records);
-    const auto st = window(3600);
-    EXPECT_EQ(st.u64End, 1'700'000'000u + 119 * 30);
-    EXPECT_EQ(st.u64Start, st.u64End - 3600);
-    EXPECT_EQ(st.u32Intervals, 120u);
-    EXPECT_EQ(st.u32UnknownIntervals, 0u);
-    EXPECT_EQ(st.sDC.u64EnergyJ, 350u * 3600 + 50 * 30);
-    EXPECT_EQ(st.sDC.u32Avg, 350u); // 350.4 rounded
-    EXPECT_EQ(st.sDC.u32Min, 350u) << "extremes of the averages";
-    EXPECT_EQ(st.sDC.u32Max, 400u);
-    EXPECT_EQ(st.sAC.u64EnergyJ, 372u * 3600);
-    EXPECT_EQ(st.sAC.u32Newest, 372u);
-
-    // The shortest window is the newest record alone.
-    const auto last = window(30);
-    EXPECT_EQ(last.u32Intervals, 1u);
-    EXPECT_EQ(last.sDC.u64EnergyJ, 350u * 30);
-    // A window cuts the oldest record it reaches.
-    const auto cut = window(45);
-    EXPECT_EQ(cut.u64End - cut.u64Start, 45u);
-    EXPECT_EQ(cut.sAC.u64EnergyJ, 372u * 45);
-}
-
-TEST_F(TelemetryTest, GapsInTheLogAreFoldedOrCountedUnknown) {
-    // A missed snapshot (60 s) is one interval of 60 s; a daemon stopped for
-    // five minutes leaves nine unknown 30-second intervals; a record without
-    // DC power is a failed reading, one more.
-    writeRecords({{30000, 400, 300},
-                  {90000, 400, 300},
-                  {390000, 400, 500},
-                  {420000, 400, 500},
-                  {450000, 0, 0}});
-    const auto st = window(3600);
-    EXPECT_EQ(st.u32Intervals, 4u);
-    EXPECT_EQ(st.u32UnknownIntervals, 10u);
-    EXPECT_EQ(st.u64Start, 0u);
-    EXPECT_EQ(st.u64End, 450u);
-    EXPECT_EQ(st.sDC.u32Newest, 500u) << "the newest reading";
-    EXPECT_EQ(st.sAC.u32Min, 400u);
-    EXPECT_EQ(st.sDC.u64EnergyJ, 300u * 90 + 500 * 60);
-    EXPECT_EQ(st.sDC.u32Avg, 380u); // 57000 J over 150 known seconds
-}
-
-TEST_F(TelemetryTest, LongWindowsUseTheHistoryAndTheRecordsNewerThanIt) {
-    // Samples on the 150-s grid ending at 1500 s, one of them unknown, then
-    // records up to 1590 s of which only those after 1500 s count.
-    const uint32_t t0 = 1200;
-    writeHistory(ringFile(3, {{0, {t0, 90, 100, 110, 80, 90, 100}},
-                              {1, {t0 + 150, U, U, U, U, U, U}},
-                              {2, {t0 + 300, 190, 200, 210, 180, 190, 200}}}));
-    writeRecords({{1470000, 1000, 1000},
-                  {1500000, 1000, 1000},
-                  {1530000, 300, 250},
-                  {1560000, 300, 250},
-                  {1590000, 310, 260}});
-    const auto st = window(86400);
-    EXPECT_EQ(st.u32Intervals, 2u + 3u);
-    EXPECT_EQ(st.u32UnknownIntervals, 1u);
-    EXPECT_EQ(st.u64Start, t0 - 150u);
-    EXPECT_EQ(st.u64End, 1590u);
-    EXPECT_EQ(st.sAC.u64EnergyJ, 100u * 150 + 200 * 150 + 300 * 60 + 310 * 30);
-    EXPECT_EQ(st.sAC.u32Min, 90u);
-    EXPECT_EQ(st.sAC.u32Max, 310u);
-    EXPECT_EQ(st.sDC.u32Newest, 260u);
-
-    // Without the log, the history alone ends the window; a short window needs the log.
-    fs::remove_all(root + "/tmp/zelo_log");
-    const auto historyOnly = window(86400);
-    EXPECT_EQ(historyOnly.u64End, t0 + 300u);
-    EXPECT_EQ(historyOnly.sDC.u32Newest, 190u);
-    window(3600, ZELO_RC_NO_DATA);
-}
-
-TEST_F(TelemetryTest, AClockStepBackEndsTheWindowAtTheNewestRecord) {
-    // The history ran ahead before the firmware clock was set back: the
-    // samples later than the newest record fall outside the window.
-    writeHistory(ringFile(
-        2, {{0, {5000, 100, 100, 100, 100, 100, 100}}, {1, {5150, 100, 100, 100, 100, 100, 100}}}));
-    writeRecords({{4000000, 200, 200}, {1000000, 300, 300}});
-    const auto st = window(86400);
-    EXPECT_EQ(st.u64End, 1000u);
-    EXPECT_EQ(st.u32Intervals, 1u);
-    EXPECT_EQ(st.sAC.u64EnergyJ, 300u * 30);
-    EXPECT_EQ(st.sAC.u32Avg, 300u);
-}
-
-TEST_F(TelemetryTest, OnABladeTheDCFiguresComeFromTheACRecord) {
+        hour.push_back({(T + i * 30) * 1000, 372, i == 60 ? 400u : 350u});
+    // A missed snapshot (60 s) is one interval; five minutes stopped are nine
+    // unknown intervals; a record without DC power is one more.
+    const std::vector<Record> gaps = {{30000, 400, 300},
+                                      {90000, 400, 300},
+                                      {390000, 400, 500},
+                                      {420000, 400, 500},
+                                      {450000, 0, 0}};
+    // On the 150-s grid ending at 1500 s, one sample unknown; of the records
+    // only those after 1500 s count.
+    const Ring grid = {{0, {1200, 90, 100, 110, 80, 90, 100}},
+                       {1, {1350, U, U, U, U, U, U}},
+                       {2, {1500, 190, 200, 210, 180, 190, 200}}};
+    const std::vector<Record> after = {{1470000, 1000, 1000},
+                                       {1500000, 1000, 1000},
+                                       {1530000, 300, 250},
+                                       {1560000, 300, 250},
+                                       {1590000, 310, 260}};
+    // The history ran ahead before the firmware clock was set back.
+    const Ring ahead = {{0, {5000, 100, 100, 100, 100, 100, 100}},
+                        {1, {5150, 100, 100, 100, 100, 100, 100}}};
+    const std::vector<Record> stepped = {{4000000, 200, 200}, {1000000, 300, 300}};
+    const std::vector<Record> one = {{30000, 400, 350}};
+    // Start, end, known and unknown intervals; then AC and DC each: energy,
+    // newest, minimum, average, maximum.
+    using Want = std::array<uint64_t, 14>;
+    const auto check = [&](const char *what, const Ring *history,
+                           const std::vector<Record> *records, uint32_t seconds, const Want &want) {
+        SCOPED_TRACE(what);
+        fs::remove_all(root + "/tmp/zelo_log");
+        fs::remove_all(root + "/pstorage");
+        if (history != nullptr)
+            writeHistory(ringFile(static_cast<uint16_t>(history->size()), *history));
+        if (records != nullptr)
+            writeRecords(*records);
+        const auto st = window(seconds);
+        const auto &a = st.sAC, &d = st.sDC;
+        EXPECT_EQ(want, (Want{st.u64Start, st.u64End, st.u32Intervals, st.u32UnknownIntervals,
+                              a.u64EnergyJ, a.u32Newest, a.u32Min, a.u32Avg, a.u32Max, d.u64EnergyJ,
+                              d.u32Newest, d.u32Min, d.u32Avg, d.u32Max}));
+    };
+    check("an hour of records covers exactly the hour", nullptr, &hour, 3600,
+          {E - 3600, E, 120, 0, 372 * 3600, 372, 372, 372, 372, //
+           350 * 3600 + 50 * 30, 350, 350, 350, 400});
+    check("the shortest window is the newest record", nullptr, &hour, 30,
+          {E - 30, E, 1, 0, 372 * 30, 372, 372, 372, 372, 350 * 30, 350, 350, 350, 350});
+    check("a window cuts the oldest record it reaches", nullptr, &hour, 45,
+          {E - 45, E, 2, 0, 372 * 45, 372, 372, 372, 372, 350 * 45, 350, 350, 350, 350});
+    check("gaps folded or counted unknown", nullptr, &gaps, 3600,
+          {0, 450, 4, 10, 400 * 150, 400, 400, 400, 400, 300 * 90 + 500 * 60, 500, 300, 380, 500});
+    check("history, then the records newer than it", &grid, &after, 86400,
+          {1050, 1590, 5, 1, 100 * 150 + 200 * 150 + 300 * 60 + 310 * 30, 310, 90, 185, 310, //
+           90 * 150 + 190 * 150 + 250 * 60 + 260 * 30, 260, 80, 166, 260});
+    check("history only", &grid, nullptr, 86400,
+          {1050, 1500, 2, 1, 100 * 150 + 200 * 150, 200, 90, 150, 210, //
+           90 * 150 + 190 * 150, 190, 80, 140, 200});
+    check("a clock step back ends the window at the newest record", &ahead, &stepped, 86400,
+          {970, 1000, 1, 0, 300 * 30, 300, 300, 300, 300, 300 * 30, 300, 300, 300, 300});
     ::setenv("RUX_FAMILY", "blade", 1);
-    writeRecords({{30000, 400, 350}});
-    const auto st = window(30);
-    EXPECT_EQ(st.sDC.u32Newest, 400u);
-    EXPECT_EQ(st.sAC.u32Newest, 350u);
+    check("on a blade the DC figures come from the AC record", nullptr, &one, 30,
+          {0, 30, 1, 0, 350 * 30, 350, 350, 350, 350, 400 * 30, 400, 400, 400, 400});
+    // A short window needs the log.
+    fs::remove_all(root + "/tmp/zelo_log");
+    writeHistory(ringFile(3, grid));
+    window(3600, ZELO_RC_NO_DATA);
 }
 
 } // namespace
