@@ -2,8 +2,8 @@
 
 #include "history_internal.h"
 
-#include "tracelog/state.h"
 #include "paths.h"
+#include "tracelog/verbosity.h"
 
 #include <zelo/tracelog.h>
 
@@ -17,7 +17,7 @@ namespace zelo::history {
 void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...) {
     // The tracker logs per sample; formatting a line nobody keeps would
     // dominate a long gap fill.
-    if (trace::s32PowerHistoryLogLevel < level)
+    if (trace::verbosity() < level)
         return;
     va_list args;
     va_start(args, format);

@@ -54,6 +54,35 @@ Range histogramRange(const HistogramData &now, const HistogramData &before) {
 }
 
 } // namespace
+
+void releaseHistogram(HistogramData &histogram) {
+    std::free(histogram.pu8BucketData);
+    histogram.pu8BucketData = nullptr;
+}
+
+void keepHistogram(HistogramData &histogram) {
+    releaseHistogram(sLastHistogramData);
+    sLastHistogramData = histogram;
+    histogram.pu8BucketData = nullptr;
+}
+
+const SnapshotBuffer &baseline() {
+    return sLastSnapshotBuffer;
+}
+
+void resetBaseline() {
+    FreeSignalMetricValue(&sLastSnapshotBuffer, nullptr, nullptr);
+    sLastSnapshotBuffer = SnapshotBuffer{};
+    releaseHistogram(sLastHistogramData);
+    sLastHistogramData = HistogramData{};
+}
+
+void setBaseline(const SnapshotBuffer &snapshot, HistogramData &histogram) {
+    FreeSignalMetricValue(&sLastSnapshotBuffer, nullptr, nullptr);
+    CopySnapshotBuffer(&sLastSnapshotBuffer, &snapshot);
+    keepHistogram(histogram);
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -87,15 +116,14 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
     if (psBuffer == nullptr || h.pu8BucketData == nullptr) {
         trace("ERROR", "Empty input buffer");
         // Our own choice: nothing may leak, also on a call the daemon never makes.
-        if (psBuffer == nullptr)
-            std::free(h.pu8BucketData);
+        releaseHistogram(h);
         return;
     }
     SnapshotBuffer &s = *psBuffer;
     SnapshotBuffer &last = sLastSnapshotBuffer;
     if (last.u64Timestamp >= s.u64Timestamp) {
         trace("WARNING", "Time stamp is not right.");
-        std::free(h.pu8BucketData);
+        releaseHistogram(h);
         return;
     }
 
@@ -122,7 +150,7 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
     if (h.u8BucketNum != sLastHistogramData.u8BucketNum ||
         h.u8BucketSize != sLastHistogramData.u8BucketSize) {
         trace("ERROR", "Different histogram data.");
-        std::free(h.pu8BucketData);
+        releaseHistogram(h);
         return;
     }
     const Range range = histogramRange(h, sLastHistogramData);
@@ -130,8 +158,7 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
         dc->u64Min = range.min;
         dc->u64Max = range.max;
     }
-    std::free(sLastHistogramData.pu8BucketData);
-    sLastHistogramData = h;
+    keepHistogram(h);
 }
 
 } // extern "C"

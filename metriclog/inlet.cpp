@@ -1,5 +1,6 @@
 // Inlet temperatures of a blade: its snapshot carries none, so every cycle
 // the readings come from the controller's own temperature sensors instead.
+#include "cycle.h"
 #include "inlet_internal.h"
 
 #include <zelo/firmware.h>
@@ -88,6 +89,10 @@ int collect(const uint8_t *area, uint32_t count) {
 
 const char *inletSensorName(uint32_t index) {
     return index < ZELO_INLET_SENSOR_UNKNOWN ? kInletNames[index] : "Unknown";
+}
+
+void releaseCycleInlets() {
+    FreeBladeInletSensorBuffer(&sBladeInletSensorBuffer);
 }
 
 } // namespace zelo::metriclog

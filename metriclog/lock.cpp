@@ -18,13 +18,14 @@
 namespace zelo::metriclog {
 
 SleepFn gLockSleep = ::sleep;
-AbandonFn gLockAbandon = nullptr;
 
 bool logPath(const char *absPath, char *out, std::size_t cap) {
     return resolvePath(absPath, out, cap);
 }
 
 namespace {
+
+bool (*gAbandonLockWait)() = nullptr;
 
 constexpr unsigned kLockPollSeconds = 10;
 // Longer than any holder keeps the lock: the daemon's cycle with every
@@ -89,6 +90,11 @@ bool removeStaleLock(const char *path) {
 }
 
 } // namespace
+
+void abandonLockWaitWhen(bool (*abandon)()) {
+    gAbandonLockWait = abandon;
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -110,7 +116,7 @@ void WaitValueLock(void) {
         if (removeStaleLock(path))
             continue;
         gLockSleep(kLockPollSeconds);
-        if (gLockAbandon != nullptr && gLockAbandon())
+        if (gAbandonLockWait != nullptr && gAbandonLockWait())
             return;
     }
     if (fd < 0) {

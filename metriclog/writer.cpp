@@ -110,6 +110,12 @@ void writeCounter(const char *absPath, uint8_t value) {
 }
 
 } // namespace
+
+void restartFileNumbering() {
+    u8LogFileIndex = 0;
+    u8LogFileNum = 0;
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -139,7 +145,7 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
         char message[1024];
         std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
-        std::free(sHistogramData.pu8BucketData);
+        releaseHistogram(sHistogramData);
         return;
     }
     if (u8LogFileNum < kLogFileCount)
