@@ -3,6 +3,8 @@
 #include "daemon_internal.h"
 #include "tracelog/verbosity.h"
 
+#include "acquisition/cycle.h"
+#include "events/cycle.h"
 #include "metriclog/cycle.h"
 #include "paths.h"
 
@@ -188,10 +190,12 @@ void Daemon::cycle() {
     if (terminating())
         return; // the lock wait gave up on SIGTERM
     readLogLevel();
+    // Asked once for the whole cycle and passed down to each step.
+    const bool blade = IsBladeServer() != 0;
     HistogramData sHistogramData{};
     bool newData = false;
     SnapshotBuffer *psBuffer = nullptr;
-    if (GetSnapshotBufferFromZELO(&psBuffer, &sHistogramData) != ZELO_RC_SUCCESS) {
+    if (acquisition::fetchSnapshot(&psBuffer, &sHistogramData, blade) != ZELO_RC_SUCCESS) {
         trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
         FreeSnapshotBuffer(psBuffer);
         ml::releaseHistogram(sHistogramData);
@@ -209,9 +213,9 @@ void Daemon::cycle() {
             ml::restartFileNumbering();
         } else if (psBuffer->u16Tag != u16LastTag) {
             newData = true;
-            CreateDataLog(psBuffer, sHistogramData);
+            ml::createDataLog(psBuffer, sHistogramData, blade);
             CheckBufForSendSWEvent(psBuffer);
-            CheckPowercapRelatedSettingForSendSWEvent();
+            events::checkPowercapSettings(blade);
             u16LastTag = psBuffer->u16Tag;
             ml::releaseCycleInlets();
         } else {

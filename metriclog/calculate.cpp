@@ -23,8 +23,8 @@ void trace(const char *level, const char *message) {
 }
 
 // The DC figures live in the AC record on a blade.
-MetricStat *dcRecord(SnapshotBuffer &s) {
-    return IsBladeServer() != 0 ? s.psSystemAC : s.psSystemDC;
+MetricStat *dcRecord(SnapshotBuffer &s, bool blade) {
+    return blade ? s.psSystemAC : s.psSystemDC;
 }
 
 struct Range {
@@ -112,7 +112,13 @@ void SetMaxMinValue(MetricStat *psStats, uint8_t u8Count) {
 }
 
 void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
-    HistogramData &h = sHistogramData;
+    calculateSnapshotValue(psBuffer, sHistogramData, IsBladeServer() != 0);
+}
+
+} // extern "C"
+
+void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &h,
+                                             bool blade) {
     if (psBuffer == nullptr || h.pu8BucketData == nullptr) {
         trace("ERROR", "Empty input buffer");
         // Our own choice: nothing may leak, also on a call the daemon never makes.
@@ -154,11 +160,9 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
         return;
     }
     const Range range = histogramRange(h, sLastHistogramData);
-    if (MetricStat *dc = dcRecord(s); dc != nullptr) {
+    if (MetricStat *dc = dcRecord(s, blade); dc != nullptr) {
         dc->u64Min = range.min;
         dc->u64Max = range.max;
     }
     keepHistogram(h);
 }
-
-} // extern "C"

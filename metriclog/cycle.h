@@ -21,6 +21,10 @@ void resetBaseline();
 // snapshot is differenced against; the previous baseline is released.
 void setBaseline(const SnapshotBuffer &snapshot, HistogramData &histogram);
 
+// CreateDataLog for a blade (`blade`) or not: the daemon asks the platform
+// family once for its whole cycle.
+void createDataLog(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade);
+
 // The next record goes to file 0 and no file is counted.
 void restartFileNumbering();
 

@@ -110,7 +110,13 @@ uint32_t GetInletSensorIndexPerSensorName(const char *pszName) {
 }
 
 int WriteBladeInletTemperatureFromInletSensor(void) {
-    if (IsBladeServer() == 0) {
+    return gatherInletReadings(IsBladeServer() != 0);
+}
+
+} // extern "C"
+
+int zelo::metriclog::gatherInletReadings(bool blade) {
+    if (!blade) {
         std::printf("%s -- non-blade platform does not need read inlet temperature from ipmi "
                     "sensor at all\n",
                     kWriteFunction);
@@ -141,6 +147,8 @@ int WriteBladeInletTemperatureFromInletSensor(void) {
     std::free(area);
     return result;
 }
+
+extern "C" {
 
 void CopyInletTemperatureSnapshotBuffer(BladeInletSensorBuffer *psDest,
                                         const BladeInletSensorBuffer *psSource) {

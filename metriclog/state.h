@@ -18,6 +18,9 @@ extern HistogramData sLastHistogramData;
 // The baseline takes over the histogram's buckets, releasing those it held.
 void keepHistogram(HistogramData &histogram);
 
+// CalculateSnapshotValue for a blade (`blade`) or not.
+void calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade);
+
 // Next metric log file index (0-119) and how many files exist (0-120).
 extern uint8_t u8LogFileIndex;
 extern uint8_t u8LogFileNum;
