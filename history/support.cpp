@@ -1,6 +1,7 @@
 #include "support.h"
 
 #include "history_internal.h"
+#include "hooks.h"
 
 #include "paths.h"
 #include "tracelog/verbosity.h"
@@ -62,7 +63,7 @@ bool ReplacedFile::commit() {
     // Without the sync a power loss after the rename could leave an empty
     // file in place of both versions. The directory is not synced: losing
     // the rename only keeps the previous, whole file.
-    if (std::fflush(file_) != 0 || gSync(fileno(file_)) != 0) {
+    if (std::fflush(file_) != 0 || hooks().sync(fileno(file_)) != 0) {
         abandon();
         return false;
     }

@@ -1,5 +1,6 @@
 // The metric log lock (a file holding its owner's pid in decimal) and the
 // two one-byte counter files beside the metric log.
+#include "hooks.h"
 #include "paths.h"
 #include "state.h"
 
@@ -16,8 +17,6 @@
 #include <unistd.h>
 
 namespace zelo::metriclog {
-
-SleepFn gLockSleep = ::sleep;
 
 bool logPath(const char *absPath, char *out, std::size_t cap) {
     return resolvePath(absPath, out, cap);
@@ -115,7 +114,7 @@ void WaitValueLock(void) {
             break;
         if (removeStaleLock(path))
             continue;
-        gLockSleep(kLockPollSeconds);
+        zelo::hooks().sleep(kLockPollSeconds);
         if (gAbandonLockWait != nullptr && gAbandonLockWait())
             return;
     }

@@ -49,8 +49,4 @@ int readMetricFile(const char *path, SnapshotBuffer *buffer, BladeInletSensorBuf
 // Resolves a system path under the root into a PATH_MAX buffer.
 bool logPath(const char *absPath, char *out, std::size_t cap);
 
-// Where the lock waits between polls; tests replace it.
-using SleepFn = unsigned (*)(unsigned seconds);
-extern SleepFn gLockSleep;
-
 } // namespace zelo::metriclog
