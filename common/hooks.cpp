@@ -1,3 +1,4 @@
+// The real calls behind the hooks, and their replacement for a test's duration.
 #include "hooks.h"
 
 #include <syslog.h>
