@@ -1,7 +1,7 @@
 // Host utilisation (system, CPU, memory, I/O) read through the firmware's XPM
 // extension command.
 #include "exchange.h"
-#include "performance_internal.h"
+#include "hooks.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
@@ -11,10 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
-
-namespace zelo::acquisition {
-SleepFn gSleep = ::usleep;
-} // namespace zelo::acquisition
 
 namespace {
 
@@ -101,7 +97,7 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
         rc = x.run(kName, CMDID_ZELO_XPM_EXTENSIONS, kXpmRequestLen, kXpmResponseLen, kXpmTexts);
         if (rc == ZELO_RC_SUCCESS || x.transportFailed() || x.completionCode() == 0)
             break;
-        zelo::acquisition::gSleep(kXpmRetryWaitUs);
+        zelo::hooks().usleep(kXpmRetryWaitUs);
     }
     if (rc != ZELO_RC_SUCCESS) {
         if (x.completionCode() != 0 && !x.transportFailed())

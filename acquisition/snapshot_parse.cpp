@@ -1,6 +1,7 @@
 // The snapshot record: fetch the raw buffer and parse its packed big-endian
 // layout, which depends on the platform family and two capability registers.
 #include "bytes.h"
+#include "cycle.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
@@ -141,16 +142,11 @@ void releaseArrays(SnapshotBuffer &s) {
         std::free(array);
 }
 
-} // namespace
-
-extern "C" {
-
-uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
-                            SnapshotBuffer *psBuffer, HistogramData *psHistogram) {
+uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
+              SnapshotBuffer *psBuffer, HistogramData *psHistogram, bool blade) {
     if (pu8Raw == nullptr || psBuffer == nullptr || psHistogram == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     SnapshotBuffer &s = *psBuffer;
-    const bool blade = IsBladeServer() != 0;
     Cursor cursor(pu8Raw, u16RawLength);
 
     s.u8PowerStatus = static_cast<uint8_t>(cursor.take(1));
@@ -253,7 +249,10 @@ uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint1
     return ZELO_RC_SUCCESS;
 }
 
-uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram) {
+} // namespace
+
+uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram,
+                                         bool blade) {
     static constexpr const char *kName = "GetSnapshotBufferFromZELO";
     if (ppsBuffer == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
@@ -295,7 +294,7 @@ uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psH
     }
     // Overwritten, never released: the caller hands in a record without bucket data.
     psHistogram->pu8BucketData = nullptr;
-    rc = ParseSnapshotBuffer(handle, raw, total, record, psHistogram);
+    rc = parse(handle, raw, total, record, psHistogram, blade);
     std::free(raw);
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("[%s] Failed to call ParseSnapshotBuffer(), return code is %d.\n", kName, rc);
@@ -307,6 +306,17 @@ uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psH
     record->u16Tag = tag;
     *ppsBuffer = record;
     return ZELO_RC_SUCCESS;
+}
+
+extern "C" {
+
+uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
+                            SnapshotBuffer *psBuffer, HistogramData *psHistogram) {
+    return parse(u8ModuleHandle, pu8Raw, u16RawLength, psBuffer, psHistogram, IsBladeServer() != 0);
+}
+
+uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram) {
+    return zelo::acquisition::fetchSnapshot(ppsBuffer, psHistogram, IsBladeServer() != 0);
 }
 
 void FreeSnapshotBuffer(SnapshotBuffer *psBuffer) {

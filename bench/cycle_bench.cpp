@@ -6,7 +6,6 @@
 //
 //   zelo_cycle_bench [--cycles N] [--verbosity 0|1|2] [--collect new|idle]
 #include "daemon/daemon_internal.h"
-#include "metriclog/state.h"
 #include "model.h"
 #include "scenario.h"
 

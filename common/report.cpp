@@ -1,18 +1,12 @@
 #include "report.h"
 
+#include "hooks.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 namespace zelo {
-
-namespace {
-void toSyslog(int priority, const char *message) {
-    syslog(LOG_USER | priority, "%s", message);
-}
-} // namespace
-
-SyslogFn gSyslog = toSyslog;
 
 void report(Notice notice, const char *format, ...) {
     char message[256];
@@ -28,7 +22,7 @@ void report(Notice notice, const char *format, ...) {
             std::fputc('\n', stdout);
     }
     if (notice.sinks & kToSyslog)
-        gSyslog(notice.priority, message);
+        hooks().syslog(notice.priority, message);
 }
 
 } // namespace zelo

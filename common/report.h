@@ -21,10 +21,6 @@ inline constexpr Notice kReportedError{kToBoth, LOG_ERR};
 inline constexpr Notice kReportedWarning{kToBoth, LOG_WARNING};
 inline constexpr Notice kReportedDebug{kToBoth, LOG_DEBUG};
 
-// Where system-log lines go; tests replace it to see priority and text.
-using SyslogFn = void (*)(int priority, const char *message);
-extern SyslogFn gSyslog;
-
 void report(Notice notice, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 } // namespace zelo

@@ -1,10 +1,11 @@
 // The daemon: start-up, the ten-second cycle under the metric log lock, the
 // reset after a firmware restart, and the command-line options.
 #include "daemon_internal.h"
-#include "tracelog/state.h"
+#include "tracelog/verbosity.h"
 
-#include "metriclog/inlet_internal.h"
-#include "metriclog/state.h"
+#include "acquisition/cycle.h"
+#include "events/cycle.h"
+#include "metriclog/cycle.h"
 #include "paths.h"
 
 #include <zelo.h>
@@ -96,9 +97,9 @@ bool emptyLogDirectory() {
 }
 
 void readLogLevel() {
-    int level = trace::s32PowerHistoryLogLevel;
+    int level = trace::verbosity();
     if (kiv_config_get_int(kLogLevelKey, &level) != 0)
-        trace::s32PowerHistoryLogLevel = level;
+        trace::setVerbosity(level);
 }
 
 // A running total below the baseline's: it only grows until a restart zeroes it.
@@ -136,11 +137,6 @@ void unlock() {
     }
 }
 
-void releaseBuckets(HistogramData &h) {
-    std::free(h.pu8BucketData);
-    h.pu8BucketData = nullptr;
-}
-
 } // namespace
 
 int Daemon::saveAndEnd() {
@@ -155,15 +151,16 @@ void Daemon::seedFirstSnapshot() {
         if (terminating())
             return; // the lock wait gave up on SIGTERM
         SnapshotBuffer *psBuffer = nullptr;
-        if (GetSnapshotBufferFromZELO(&psBuffer, &ml::sLastHistogramData) != ZELO_RC_SUCCESS) {
+        HistogramData sHistogramData{};
+        if (GetSnapshotBufferFromZELO(&psBuffer, &sHistogramData) != ZELO_RC_SUCCESS) {
             trace("ERROR", "Get Snapshot buffer from ZELO is fail when get first data");
             FreeSnapshotBuffer(psBuffer);
-            releaseBuckets(ml::sLastHistogramData);
+            ml::releaseHistogram(sHistogramData);
             unlock();
             pause(kCycleSeconds);
             continue;
         }
-        CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
+        ml::setBaseline(*psBuffer, sHistogramData);
         u16LastTag = psBuffer->u16Tag;
         FreeSnapshotBuffer(psBuffer);
         unlock();
@@ -193,38 +190,36 @@ void Daemon::cycle() {
     if (terminating())
         return; // the lock wait gave up on SIGTERM
     readLogLevel();
+    // Asked once for the whole cycle and passed down to each step.
+    const bool blade = IsBladeServer() != 0;
     HistogramData sHistogramData{};
     bool newData = false;
     SnapshotBuffer *psBuffer = nullptr;
-    if (GetSnapshotBufferFromZELO(&psBuffer, &sHistogramData) != ZELO_RC_SUCCESS) {
+    if (acquisition::fetchSnapshot(&psBuffer, &sHistogramData, blade) != ZELO_RC_SUCCESS) {
         trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
         FreeSnapshotBuffer(psBuffer);
-        releaseBuckets(sHistogramData);
+        ml::releaseHistogram(sHistogramData);
     } else {
         std::snprintf(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
                       "main", psBuffer->u16Tag, u16LastTag);
         WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
-        if (firmwareRestarted(*psBuffer, ml::sLastSnapshotBuffer, u16LastTag)) {
+        if (firmwareRestarted(*psBuffer, ml::baseline(), u16LastTag)) {
             // This snapshot is the new baseline; nothing is published for it.
             trace("Log", "Reset the ZELO.");
-            FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
-            CopySnapshotBuffer(&ml::sLastSnapshotBuffer, psBuffer);
+            ml::setBaseline(*psBuffer, sHistogramData);
             u16LastTag = psBuffer->u16Tag;
-            releaseBuckets(ml::sLastHistogramData);
-            ml::sLastHistogramData = sHistogramData;
             if (!emptyLogDirectory())
                 trace("Log", "Failed to opendir(ZELO_LOG_PATH).");
-            ml::u8LogFileIndex = 0;
-            ml::u8LogFileNum = 0;
+            ml::restartFileNumbering();
         } else if (psBuffer->u16Tag != u16LastTag) {
             newData = true;
-            CreateDataLog(psBuffer, sHistogramData);
+            ml::createDataLog(psBuffer, sHistogramData, blade);
             CheckBufForSendSWEvent(psBuffer);
-            CheckPowercapRelatedSettingForSendSWEvent();
+            events::checkPowercapSettings(blade);
             u16LastTag = psBuffer->u16Tag;
-            FreeBladeInletSensorBuffer(&ml::sBladeInletSensorBuffer);
+            ml::releaseCycleInlets();
         } else {
-            releaseBuckets(sHistogramData);
+            ml::releaseHistogram(sHistogramData);
         }
         FreeSnapshotBuffer(psBuffer);
     }
@@ -268,7 +263,7 @@ int runDaemon(bool debug) {
     action.sa_handler = ZELOsignalHandler;
     sigemptyset(&action.sa_mask);
     (void)sigaction(SIGTERM, &action, nullptr); // no SA_RESTART: a signal cuts the sleep
-    ml::gLockAbandon = terminating;             // and a wait for the metric log lock
+    ml::abandonLockWaitWhen(terminating);       // and a wait for the metric log lock
 
     (void)emptyLogDirectory();
     for (const int instance : {0, 1}) {
@@ -278,9 +273,8 @@ int runDaemon(bool debug) {
         if (kiv_config_get_bool(key, &value) != 0)
             (void)kiv_config_clear(key);
     }
-    ml::u8LogFileIndex = 0;
-    ml::u8LogFileNum = 0;
-    ml::sLastHistogramData = HistogramData{};
+    ml::restartFileNumbering();
+    ml::resetBaseline();
     trackPowerHistory(0, 0, 0);
     trackPowerPerformance(0, 0, 0, 0, 0);
 

@@ -1,6 +1,8 @@
 // Software events: changes of the watched status bits of each new snapshot,
 // and power-cap limits that moved in the firmware since last published.
+#include "cycle.h"
 #include "events_internal.h"
+#include "firmware/family.h"
 
 #include <zelo/events.h>
 #include <zelo/firmware.h>
@@ -150,7 +152,13 @@ void CheckBufForSendSWEvent(SnapshotBuffer *psBuffer) {
 }
 
 void CheckPowercapRelatedSettingForSendSWEvent(void) {
-    if (ZELO_IsSupportPowerUtilization() == 0)
+    checkPowercapSettings(IsBladeServer() != 0);
+}
+
+} // extern "C"
+
+void zelo::events::checkPowercapSettings(bool blade) {
+    if (firmware::supportsPowerUtilization(blade) == 0)
         return;
 
     // The current cap takes part in no comparison; its read only seeds the
@@ -203,6 +211,8 @@ void CheckPowercapRelatedSettingForSendSWEvent(void) {
                               ZELO_PCAP_BIT_SOFT_MIN, ZELO_EVENT_PCAP_SOFT_MIN_CHANGED,
                               "pcap_soft_min_kiv_element_zelo");
 }
+
+extern "C" {
 
 void SendPowerCapsChangedEvent(uint8_t u8KivMask, uint8_t u8ZeloMask, uint16_t u16KivValue,
                                uint16_t u16ZeloValue, uint8_t u8Bit, uint16_t u16EventId,

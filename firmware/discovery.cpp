@@ -3,6 +3,7 @@
 #include "discovery_internal.h"
 #include "exchange.h"
 
+#include "hooks.h"
 #include "report.h"
 
 #include <zelo/firmware.h>
@@ -13,8 +14,6 @@
 #include <cstring>
 
 namespace zelo::firmware {
-
-SysinfoFn gSysinfo = ::sysinfo;
 
 namespace {
 
@@ -45,7 +44,7 @@ void formatKey(Key &key, const char *format, int32_t instance) {
 long uptimeSeconds() {
     struct sysinfo info;
     std::memset(&info, 0, sizeof info);
-    if (gSysinfo(&info) != 0) {
+    if (hooks().sysinfo(&info) != 0) {
         report(kReportedError, "Failed to call sysinfo(), errno:%s.\n", std::strerror(errno));
         return 0;
     }

@@ -1,6 +1,7 @@
 // Named register accessors and capability queries. Each plain accessor is
 // one row of the shared register list; the engine does the rest.
 #include "exchange.h"
+#include "family.h"
 #include "register_access.h"
 
 #include <zelo/firmware.h>
@@ -275,9 +276,7 @@ int ZELO_IsPowerCappingEnabled(void) {
 }
 
 int ZELO_IsSupportPowerUtilization(void) {
-    return ZELO_IsSupported(0) != 0 && IsBladeServer() == 0 && ZELO_IsPowerCappingEnabled() != 0
-               ? 1
-               : 0;
+    return zelo::firmware::supportsPowerUtilization(IsBladeServer() != 0);
 }
 
 int ZELO_IsStaticPowerSavingsModeSupported(void) {

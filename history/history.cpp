@@ -5,31 +5,14 @@
 
 #include <zelo/history.h>
 
-#include <unistd.h>
-
 namespace zelo::history {
 
 Tracker<PowerPolicy> gPower;
 Tracker<PerformancePolicy> gPerformance;
 
-namespace {
-int64_t monotonicSeconds() {
-    struct timespec now {};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec;
-}
-} // namespace
-
-MonotonicFn gMonotonicSeconds = monotonicSeconds;
-WallClockFn gTime = std::time;
-SyncFn gSync = ::fsync;
-
 void resetHistories() {
     gPower = {};
     gPerformance = {};
-    gMonotonicSeconds = monotonicSeconds;
-    gTime = std::time;
-    gSync = ::fsync;
 }
 
 } // namespace zelo::history

@@ -1,11 +1,10 @@
-// State and seams of the two history trackers, shared inside the library and
-// with its tests; not exported.
+// State of the two history trackers, shared inside the library and with its
+// tests; not exported.
 #pragma once
 
 #include "policies.h"
 
 #include <cstdint>
-#include <ctime>
 
 namespace zelo::history {
 
@@ -31,19 +30,7 @@ struct Tracker {
 extern Tracker<PowerPolicy> gPower;
 extern Tracker<PerformancePolicy> gPerformance;
 
-// Whole seconds of the monotonic clock, which paces the saves.
-using MonotonicFn = int64_t (*)();
-extern MonotonicFn gMonotonicSeconds;
-// Wall time for the load check and the print.
-using WallClockFn = std::time_t (*)(std::time_t *);
-extern WallClockFn gTime;
-
-// Puts a replaced file on stable storage (fsync); the fuzz target, which
-// writes thousands of files, skips it.
-using SyncFn = int (*)(int fd);
-extern SyncFn gSync;
-
-// Both trackers as at process start, and the real clocks and sync.
+// Both trackers as at process start.
 void resetHistories();
 
 } // namespace zelo::history

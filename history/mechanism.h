@@ -4,6 +4,7 @@
 #pragma once
 
 #include "history_internal.h"
+#include "hooks.h"
 #include "paths.h"
 #include "samples.h"
 #include "support.h"
@@ -109,7 +110,7 @@ bool readFull(Tracker<P> &h, FILE *in, const char *path) {
         }
     }
     const auto last = static_cast<int32_t>(newest(h).timestamp);
-    const std::time_t now = gTime(nullptr);
+    const std::time_t now = hooks().time(nullptr);
     if (now < last) {
         traceLine(0, P::kNames.load, "Error",
                   "Current time %i is less than last power history sample %i. Reseting power "
@@ -273,7 +274,7 @@ void generateFiles(const Tracker<P> &h) {
 
 template <class P>
 void checkSave(Tracker<P> &h) {
-    const int64_t now = gMonotonicSeconds();
+    const int64_t now = hooks().monotonicSeconds();
     const auto elapsed =
         static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(h.lastSaveTime));
     traceLine(P::kLevels.saveCheck, P::kNames.add, "Info", "num seconds since last save=%i",
@@ -436,7 +437,7 @@ void print(Tracker<P> &h) {
         std::printf("%5i %11i %5i %5i %5i %5i %5i %5i\n", slot, static_cast<int>(s.timestamp),
                     s.*f[0], s.*f[1], s.*f[2], s.*f[3], s.*f[4], s.*f[5]);
     }
-    std::printf("\nCurrent time=%i, Unknown sample=%i\n\n", static_cast<int>(gTime(nullptr)),
+    std::printf("\nCurrent time=%i, Unknown sample=%i\n\n", static_cast<int>(hooks().time(nullptr)),
                 ZELO_POWER_HISTORY_UNKNOWN);
 }
 

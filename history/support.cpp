@@ -1,9 +1,10 @@
 #include "support.h"
 
 #include "history_internal.h"
+#include "hooks.h"
 
-#include "tracelog/state.h"
 #include "paths.h"
+#include "tracelog/verbosity.h"
 
 #include <zelo/tracelog.h>
 
@@ -17,7 +18,7 @@ namespace zelo::history {
 void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...) {
     // The tracker logs per sample; formatting a line nobody keeps would
     // dominate a long gap fill.
-    if (trace::s32PowerHistoryLogLevel < level)
+    if (trace::verbosity() < level)
         return;
     va_list args;
     va_start(args, format);
@@ -62,7 +63,7 @@ bool ReplacedFile::commit() {
     // Without the sync a power loss after the rename could leave an empty
     // file in place of both versions. The directory is not synced: losing
     // the rename only keeps the previous, whole file.
-    if (std::fflush(file_) != 0 || gSync(fileno(file_)) != 0) {
+    if (std::fflush(file_) != 0 || hooks().sync(fileno(file_)) != 0) {
         abandon();
         return false;
     }

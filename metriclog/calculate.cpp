@@ -23,8 +23,8 @@ void trace(const char *level, const char *message) {
 }
 
 // The DC figures live in the AC record on a blade.
-MetricStat *dcRecord(SnapshotBuffer &s) {
-    return IsBladeServer() != 0 ? s.psSystemAC : s.psSystemDC;
+MetricStat *dcRecord(SnapshotBuffer &s, bool blade) {
+    return blade ? s.psSystemAC : s.psSystemDC;
 }
 
 struct Range {
@@ -54,6 +54,35 @@ Range histogramRange(const HistogramData &now, const HistogramData &before) {
 }
 
 } // namespace
+
+void releaseHistogram(HistogramData &histogram) {
+    std::free(histogram.pu8BucketData);
+    histogram.pu8BucketData = nullptr;
+}
+
+void keepHistogram(HistogramData &histogram) {
+    releaseHistogram(sLastHistogramData);
+    sLastHistogramData = histogram;
+    histogram.pu8BucketData = nullptr;
+}
+
+const SnapshotBuffer &baseline() {
+    return sLastSnapshotBuffer;
+}
+
+void resetBaseline() {
+    FreeSignalMetricValue(&sLastSnapshotBuffer, nullptr, nullptr);
+    sLastSnapshotBuffer = SnapshotBuffer{};
+    releaseHistogram(sLastHistogramData);
+    sLastHistogramData = HistogramData{};
+}
+
+void setBaseline(const SnapshotBuffer &snapshot, HistogramData &histogram) {
+    FreeSignalMetricValue(&sLastSnapshotBuffer, nullptr, nullptr);
+    CopySnapshotBuffer(&sLastSnapshotBuffer, &snapshot);
+    keepHistogram(histogram);
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -83,19 +112,24 @@ void SetMaxMinValue(MetricStat *psStats, uint8_t u8Count) {
 }
 
 void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
-    HistogramData &h = sHistogramData;
+    calculateSnapshotValue(psBuffer, sHistogramData, IsBladeServer() != 0);
+}
+
+} // extern "C"
+
+void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &h,
+                                             bool blade) {
     if (psBuffer == nullptr || h.pu8BucketData == nullptr) {
         trace("ERROR", "Empty input buffer");
         // Our own choice: nothing may leak, also on a call the daemon never makes.
-        if (psBuffer == nullptr)
-            std::free(h.pu8BucketData);
+        releaseHistogram(h);
         return;
     }
     SnapshotBuffer &s = *psBuffer;
     SnapshotBuffer &last = sLastSnapshotBuffer;
     if (last.u64Timestamp >= s.u64Timestamp) {
         trace("WARNING", "Time stamp is not right.");
-        std::free(h.pu8BucketData);
+        releaseHistogram(h);
         return;
     }
 
@@ -122,16 +156,13 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
     if (h.u8BucketNum != sLastHistogramData.u8BucketNum ||
         h.u8BucketSize != sLastHistogramData.u8BucketSize) {
         trace("ERROR", "Different histogram data.");
-        std::free(h.pu8BucketData);
+        releaseHistogram(h);
         return;
     }
     const Range range = histogramRange(h, sLastHistogramData);
-    if (MetricStat *dc = dcRecord(s); dc != nullptr) {
+    if (MetricStat *dc = dcRecord(s, blade); dc != nullptr) {
         dc->u64Min = range.min;
         dc->u64Max = range.max;
     }
-    std::free(sLastHistogramData.pu8BucketData);
-    sLastHistogramData = h;
+    keepHistogram(h);
 }
-
-} // extern "C"

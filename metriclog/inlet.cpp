@@ -1,5 +1,6 @@
 // Inlet temperatures of a blade: its snapshot carries none, so every cycle
 // the readings come from the controller's own temperature sensors instead.
+#include "cycle.h"
 #include "inlet_internal.h"
 
 #include <zelo/firmware.h>
@@ -90,6 +91,10 @@ const char *inletSensorName(uint32_t index) {
     return index < ZELO_INLET_SENSOR_UNKNOWN ? kInletNames[index] : "Unknown";
 }
 
+void releaseCycleInlets() {
+    FreeBladeInletSensorBuffer(&sBladeInletSensorBuffer);
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -105,7 +110,13 @@ uint32_t GetInletSensorIndexPerSensorName(const char *pszName) {
 }
 
 int WriteBladeInletTemperatureFromInletSensor(void) {
-    if (IsBladeServer() == 0) {
+    return gatherInletReadings(IsBladeServer() != 0);
+}
+
+} // extern "C"
+
+int zelo::metriclog::gatherInletReadings(bool blade) {
+    if (!blade) {
         std::printf("%s -- non-blade platform does not need read inlet temperature from ipmi "
                     "sensor at all\n",
                     kWriteFunction);
@@ -136,6 +147,8 @@ int WriteBladeInletTemperatureFromInletSensor(void) {
     std::free(area);
     return result;
 }
+
+extern "C" {
 
 void CopyInletTemperatureSnapshotBuffer(BladeInletSensorBuffer *psDest,
                                         const BladeInletSensorBuffer *psSource) {

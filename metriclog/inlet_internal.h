@@ -12,6 +12,9 @@ namespace zelo::metriclog {
 // daemon once the cycle is done.
 extern BladeInletSensorBuffer sBladeInletSensorBuffer;
 
+// WriteBladeInletTemperatureFromInletSensor for a blade (`blade`) or not.
+int gatherInletReadings(bool blade);
+
 // The inlet sensor name stored as index; "Unknown" for anything outside the table.
 const char *inletSensorName(uint32_t index);
 

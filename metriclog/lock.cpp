@@ -1,5 +1,6 @@
 // The metric log lock (a file holding its owner's pid in decimal) and the
 // two one-byte counter files beside the metric log.
+#include "hooks.h"
 #include "paths.h"
 #include "state.h"
 
@@ -17,14 +18,13 @@
 
 namespace zelo::metriclog {
 
-SleepFn gLockSleep = ::sleep;
-AbandonFn gLockAbandon = nullptr;
-
 bool logPath(const char *absPath, char *out, std::size_t cap) {
     return resolvePath(absPath, out, cap);
 }
 
 namespace {
+
+bool (*gAbandonLockWait)() = nullptr;
 
 constexpr unsigned kLockPollSeconds = 10;
 // Longer than any holder keeps the lock: the daemon's cycle with every
@@ -89,6 +89,11 @@ bool removeStaleLock(const char *path) {
 }
 
 } // namespace
+
+void abandonLockWaitWhen(bool (*abandon)()) {
+    gAbandonLockWait = abandon;
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -109,8 +114,8 @@ void WaitValueLock(void) {
             break;
         if (removeStaleLock(path))
             continue;
-        gLockSleep(kLockPollSeconds);
-        if (gLockAbandon != nullptr && gLockAbandon())
+        zelo::hooks().sleep(kLockPollSeconds);
+        if (gAbandonLockWait != nullptr && gAbandonLockWait())
             return;
     }
     if (fd < 0) {

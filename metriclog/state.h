@@ -1,6 +1,8 @@
-// Daemon-wide state of the metric log, shared inside the library (the
-// daemon's cycle seeds and resets it); not exported.
+// State of the metric log, shared by its own files (and its tests); the
+// daemon reaches it through cycle.h. Not exported.
 #pragma once
+
+#include "cycle.h"
 
 #include <zelo/metriclog.h>
 
@@ -8,16 +10,22 @@
 
 namespace zelo::metriclog {
 
-// The previous processed snapshot (raw accumulators) and its histogram.
+// The previous processed snapshot (raw accumulators) and its histogram, the
+// one owner of bucket data that outlives a cycle.
 extern SnapshotBuffer sLastSnapshotBuffer;
 extern HistogramData sLastHistogramData;
+
+// The baseline takes over the histogram's buckets, releasing those it held.
+void keepHistogram(HistogramData &histogram);
+
+// CalculateSnapshotValue for a blade (`blade`) or not.
+void calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade);
 
 // Next metric log file index (0-119) and how many files exist (0-120).
 extern uint8_t u8LogFileIndex;
 extern uint8_t u8LogFileNum;
 
 inline constexpr uint8_t kLogFileCount = 120;
-inline constexpr const char *kLogDir = "/tmp/zelo_log/";
 inline constexpr const char *kLockFile = "/tmp/zelo_log/zelo.lock";
 inline constexpr const char *kNumFile = "/tmp/zelo_log/zelo_num.log";
 inline constexpr const char *kLastFile = "/tmp/zelo_log/zelo_last.log";
@@ -40,14 +48,5 @@ int readMetricFile(const char *path, SnapshotBuffer *buffer, BladeInletSensorBuf
 
 // Resolves a system path under the root into a PATH_MAX buffer.
 bool logPath(const char *absPath, char *out, std::size_t cap);
-
-// Where the lock waits between polls; tests replace it.
-using SleepFn = unsigned (*)(unsigned seconds);
-extern SleepFn gLockSleep;
-
-// When set and true, a wait for the lock gives up without it: the daemon
-// sets it so that SIGTERM is not held up by a lock another process keeps.
-using AbandonFn = bool (*)();
-extern AbandonFn gLockAbandon;
 
 } // namespace zelo::metriclog

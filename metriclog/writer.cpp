@@ -110,6 +110,12 @@ void writeCounter(const char *absPath, uint8_t value) {
 }
 
 } // namespace
+
+void restartFileNumbering() {
+    u8LogFileIndex = 0;
+    u8LogFileNum = 0;
+}
+
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;
@@ -125,8 +131,16 @@ size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s3
 }
 
 void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
+    createDataLog(psBuffer, sHistogramData, IsBladeServer() != 0);
+}
+
+} // extern "C"
+
+void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHistogramData,
+                                    bool blade) {
     if (psBuffer == nullptr) {
         trace("ERROR", "Empty input buffer.");
+        releaseHistogram(sHistogramData);
         return;
     }
     SnapshotBuffer &s = *psBuffer;
@@ -139,13 +153,13 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
         char message[1024];
         std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
-        std::free(sHistogramData.pu8BucketData);
+        releaseHistogram(sHistogramData);
         return;
     }
     if (u8LogFileNum < kLogFileCount)
         writeCounter(kNumFile, ++u8LogFileNum);
 
-    CalculateSnapshotValue(&s, sHistogramData);
+    calculateSnapshotValue(&s, sHistogramData, blade);
 
     putArray(file, s.u8PowerSupplyACNum, s.psPowerSupplyAC);
     putArray(file, s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
@@ -157,7 +171,7 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
     putLE(file, s.u64Timestamp, 8);
     putLE(file, s.u8PowerStatus, 1);
 
-    if (WriteBladeInletTemperatureFromInletSensor() == 1) {
+    if (gatherInletReadings(blade) == 1) {
         trace("ERROR", " -- Failed to get inlet temperature!");
         putLE(file, 0, 1);
     } else {
@@ -174,7 +188,6 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
 
     // On a blade the DC figures are in the AC record: the dc keys carry it,
     // published first.
-    const bool blade = IsBladeServer() != 0;
     const MetricStat *acRecord = blade ? s.psSystemDC : s.psSystemAC;
     const MetricStat *dcRecord = blade ? s.psSystemAC : s.psSystemDC;
     const auto publishAc = [acRecord] {
@@ -203,5 +216,3 @@ void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
     trackPowerHistory(s.u64Timestamp, acRecord != nullptr ? acRecord->u64Avg : 0,
                       dcRecord != nullptr ? dcRecord->u64Avg : 0);
 }
-
-} // extern "C"

@@ -3,7 +3,6 @@
 #include "firmware/discovery_internal.h"
 #include "history/history_internal.h"
 #include "metriclog/state.h"
-#include "report.h"
 #include "tracelog/state.h"
 
 #include <zelo/firmware.h>
@@ -62,8 +61,8 @@ void PlatformTest::SetUp() {
     resetMetricLog();
     trace::u32TraceLogIndex = 0;
     trace::s32PowerHistoryLogLevel = 0;
-    firmware::gSysinfo = fakeSysinfo;
-    gSyslog = recordSyslog;
+    hooks->sysinfo = fakeSysinfo;
+    hooks->syslog = recordSyslog;
     char tmpl[] = "/tmp/zelo-test-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl), nullptr);
     root = tmpl;

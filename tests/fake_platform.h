@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "hooks.h"
 #include "model.h"
 
 namespace zelo::test {
@@ -69,8 +70,9 @@ struct FakePlatform {
 FakePlatform &fake();
 
 // Resets the fake, the library's support cache, the histories, the metric
-// log's and the trace log's daemon-wide state and the uptime seam, gives the
-// test its own ZELO_ROOT, and checks at the end that the script ran out.
+// log's and the trace log's daemon-wide state, gives the test its own
+// ZELO_ROOT and hooks (the fake uptime and system log; the test may replace
+// more), and checks at the end that the script ran out.
 class PlatformTest : public ::testing::Test {
   protected:
     void SetUp() override;
@@ -79,6 +81,7 @@ class PlatformTest : public ::testing::Test {
     std::string trace() const;
     bool traced(const std::string &text) const { return trace().find(text) != std::string::npos; }
     std::string root;
+    HooksOverride hooks;
 };
 
 // A file's bytes; none when it cannot be read.

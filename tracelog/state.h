@@ -1,4 +1,5 @@
-// Trace-log state shared with the subsystems that write to it; not exported.
+// Trace-log state, shared with its tests; the other subsystems go through
+// verbosity.h. Not exported.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,7 @@
 // Trace log: one line per event in two files that take turns, so the trace
 // never holds much more than two files of 512 KiB.
 #include "state.h"
+#include "verbosity.h"
 
 #include "paths.h"
 
@@ -43,6 +44,15 @@ bool currentLogPath(char *out, std::size_t cap) {
 }
 
 } // namespace
+
+int32_t verbosity() {
+    return s32PowerHistoryLogLevel;
+}
+
+void setVerbosity(int32_t level) {
+    s32PowerHistoryLogLevel = level;
+}
+
 } // namespace zelo::trace
 
 using namespace zelo::trace;

@@ -8,6 +8,7 @@
 // endian, then the file. Flag bit 0 picks the performance history, bit 1
 // pads the file with zeros to one whole ring (9218 bytes).
 #include "history/history_internal.h"
+#include "hooks.h"
 #include "tracelog/state.h"
 
 #include <zelo/telemetry.h>
@@ -81,9 +82,10 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     // A new process on the input's wall clock; no trace lines, no fsync.
     h::resetHistories();
     gWall = static_cast<std::time_t>(le32(data + 1));
-    h::gTime = [](std::time_t *) { return gWall; };
-    h::gMonotonicSeconds = [] { return int64_t{0}; };
-    h::gSync = [](int) { return 0; };
+    static zelo::HooksOverride hooks;
+    hooks->time = [](std::time_t *) { return gWall; };
+    hooks->monotonicSeconds = [] { return int64_t{0}; };
+    hooks->sync = [](int) { return 0; };
     zelo::trace::s32PowerHistoryLogLevel = -1;
 
     std::vector<PowerHistoryItem> items(ZELO_HISTORY_SLOTS);

@@ -3,7 +3,7 @@
 //
 // Input: one byte choosing whether the platform offers performance figures
 // (bit 0), then the file's bytes.
-#include "acquisition/performance_internal.h"
+#include "hooks.h"
 
 #include <zelo.h>
 #include <zelo/platform.h>
@@ -40,7 +40,8 @@ int LLVMFuzzerInitialize(int *, char ***) {
     (void)std::freopen("/dev/null", "w", stdout);
     // A firmware without performance figures answers busy-looking codes that
     // are retried; the waits between retries are not under test.
-    zelo::acquisition::gSleep = [](useconds_t) { return 0; };
+    static zelo::HooksOverride hooks;
+    hooks->usleep = [](useconds_t) { return 0; };
     char name[] = "/tmp/zelo-metric-fuzz-XXXXXX";
     const int fd = ::mkstemp(name);
     if (fd >= 0)

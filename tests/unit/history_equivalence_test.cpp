@@ -130,7 +130,7 @@ class HistoryEquivalenceTest : public PlatformTest, public testing::WithParamInt
     void SetUp() override {
         PlatformTest::SetUp();
         gMonotonic = 0;
-        history::gMonotonicSeconds = [] { return gMonotonic; };
+        hooks->monotonicSeconds = [] { return gMonotonic; };
         // Saves are compared; the summary files (no /tmp here) are not, and
         // failing to create them keeps the long run quick.
         std::filesystem::create_directories(root + "/pstorage/power");

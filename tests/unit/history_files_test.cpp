@@ -30,8 +30,8 @@ class HistoryFilesTest : public PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
-        history::gTime = [](std::time_t *) { return kNow; };
-        history::gMonotonicSeconds = [] { return int64_t{0}; };
+        hooks->time = [](std::time_t *) { return kNow; };
+        hooks->monotonicSeconds = [] { return int64_t{0}; };
         trace::s32PowerHistoryLogLevel = 2;
         std::filesystem::create_directories(root + "/tmp/zelo_trace");
         std::filesystem::create_directories(root + "/pstorage/power");

@@ -33,10 +33,10 @@ class HistoryTrackerTest : public PlatformTest {
         restart();
     }
     // A new process: fresh trackers on the test's clocks, after the start-up call.
-    static void restart() {
+    void restart() {
         history::resetHistories();
-        history::gMonotonicSeconds = [] { return gMonotonic; };
-        history::gTime = [](std::time_t *) { return gWall; };
+        hooks->monotonicSeconds = [] { return gMonotonic; };
+        hooks->time = [](std::time_t *) { return gWall; };
         trackPowerHistory(0, 0, 0);
     }
     static void snap(uint64_t t, uint64_t ac = 500, uint64_t dc = 400) {

@@ -2,7 +2,6 @@
 // file, rotation, the reader's order, printing, copy and release.
 #include "fake_platform.h"
 
-#include "acquisition/performance_internal.h"
 #include "metriclog/state.h"
 #include "scenario.h"
 
@@ -35,13 +34,12 @@ class MetricLogTest : public PlatformTest {
         std::filesystem::create_directories(dir);
         std::filesystem::create_directories(root + "/tmp/zelo_trace");
         std::filesystem::create_directories(root + "/pstorage/power");
-        acquisition::gSleep = [](useconds_t) { return 0; }; // busy retries need no real wait
+        hooks->usleep = [](useconds_t) { return 0; }; // busy retries need no real wait
         useFirmware("perf none\n");
         testing::internal::CaptureStdout(); // the writer and reader report as they go
     }
     void TearDown() override {
         testing::internal::GetCapturedStdout();
-        acquisition::gSleep = ::usleep;
         PlatformTest::TearDown();
     }
     std::string output() {
@@ -117,7 +115,7 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
     static std::string lock;
     static int pauses;
     lock = root + path;
-    ml::gLockSleep = [](unsigned seconds) -> unsigned {
+    hooks->sleep = [](unsigned seconds) -> unsigned {
         EXPECT_EQ(seconds, 10u);
         ++pauses;
         std::filesystem::remove(lock);
@@ -143,7 +141,6 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
         EXPECT_FALSE(std::filesystem::exists(lock));
     }
     EXPECT_FALSE(std::filesystem::exists(root + "/elsewhere"));
-    ml::gLockSleep = ::sleep;
 }
 
 TEST(CalculateAverage, RoundsHalfAwayFromZeroAndRefusesShrinkingTotals) {

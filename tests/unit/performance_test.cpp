@@ -2,8 +2,6 @@
 // retry, refusals, and the two sets built from them.
 #include "fake_platform.h"
 
-#include "acquisition/performance_internal.h"
-
 #include <zelo.h>
 
 namespace zelo::test {
@@ -26,12 +24,11 @@ class PerformanceTest : public PlatformTest {
     void SetUp() override {
         PlatformTest::SetUp();
         gWaits = 0;
-        acquisition::gSleep = countWait;
-        testing::internal::CaptureStdout(); // the reads print what they got
+        hooks->usleep = countWait;
+        testing::internal::CaptureStdout();
     }
     void TearDown() override {
         testing::internal::GetCapturedStdout();
-        acquisition::gSleep = ::usleep;
         PlatformTest::TearDown();
     }
     void expectXpm(uint8_t buffer, uint8_t selector, Bytes answer, int rc = 0) {

@@ -123,7 +123,7 @@ TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
     writeLog(files, 2);
     // Whoever holds the lock is waited for, and the lock is released after.
     writeFile(root + "/tmp/zelo_log/zelo.lock", {1});
-    metriclog::gLockSleep = [](unsigned) -> unsigned {
+    hooks->sleep = [](unsigned) -> unsigned {
         fs::remove(std::string(std::getenv("ZELO_ROOT")) + "/tmp/zelo_log/zelo.lock");
         return 0;
     };
@@ -132,7 +132,6 @@ TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
     PerfMetricSet *perfs = nullptr;
     uint8_t count = 0, skipped = 9;
     const uint8_t rc = ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped);
-    metriclog::gLockSleep = ::sleep;
     ASSERT_EQ(rc, ZELO_RC_SUCCESS);
     ASSERT_EQ(count, kFiles);
     EXPECT_EQ(skipped, 0);

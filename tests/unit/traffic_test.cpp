@@ -4,7 +4,6 @@
 #include "fake_platform.h"
 #include "telemetry_files.h"
 
-#include "acquisition/performance_internal.h"
 #include "daemon/daemon_internal.h"
 #include "scenario.h"
 
@@ -21,7 +20,7 @@ class TrafficTest : public PlatformTest {
         PlatformTest::SetUp();
         for (const char *dir : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
             std::filesystem::create_directories(root + dir);
-        acquisition::gSleep = [](useconds_t) { return 0; };
+        hooks->usleep = [](useconds_t) { return 0; };
         sim::Scenario scenario;
         std::string error;
         ASSERT_TRUE(sim::loadScenarioFile(ZELO_SCENARIO_DIR "/lively.scn", scenario, error))
@@ -29,10 +28,6 @@ class TrafficTest : public PlatformTest {
         // The firmware's clock stands still: snapshots come when the test asks.
         firmware = std::make_unique<sim::Firmware>(scenario, [] { return uint64_t{1000}; });
         fake().firmware = firmware.get();
-    }
-    void TearDown() override {
-        acquisition::gSleep = ::usleep;
-        PlatformTest::TearDown();
     }
     std::size_t exchangesOf(const std::function<void()> &operation) {
         const std::size_t before = fake().exchanges;
