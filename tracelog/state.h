@@ -10,6 +10,7 @@ extern int32_t s32PowerHistoryLogLevel;
 // Which of the two trace files is current (0 or 1).
 extern uint32_t u32TraceLogIndex;
 
+inline constexpr const char *kTraceDir = "/tmp/zelo_trace/";
 inline constexpr uint32_t kRotateAboveBytes = 524288;
 
 } // namespace zelo::trace
