@@ -138,6 +138,8 @@ int openOwnDirectory(const char *path, bool sticky) {
     if (fd < 0 || ::fstat(fd, &st) != 0) {
         if (fd >= 0)
             ::close(fd);
+        else if (errno == ELOOP || errno == ENOTDIR)
+            errno = EPERM; // a link or a file there: refused like a foreign directory
         return -1;
     }
     // Group write is the controller's services' (mode 070); "others" is anyone.

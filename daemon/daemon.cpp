@@ -151,9 +151,10 @@ bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, ui
 }
 
 // A lock left behind would stall every reader and the next cycle: a failed
-// removal is retried.
+// removal is retried, unless the directory is not the daemon's own (EPERM):
+// then it holds no lock of the daemon's.
 void unlock() {
-    for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT; ++attempt) {
+    for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT && errno != EPERM; ++attempt) {
         char message[160];
         std::snprintf(message, sizeof message, "Failed to remove the metric log lock (%s), %s",
                       std::strerror(errno), attempt < 5 ? "retrying" : "giving up");
