@@ -1,8 +1,12 @@
-// Reading a small file whole, safely whatever was planted at its path.
+// Files read and written safely whatever was planted at their paths: reads
+// never block and take regular files only; writes go through a directory that
+// nobody else can change, never follow a link and replace a file whole.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <sys/types.h>
 
 namespace zelo {
 
@@ -17,5 +21,65 @@ enum class FileRead {
 // Reads the regular file at `path` (already resolved) into `buffer`. The open
 // does not block, so a FIFO at the path cannot hold the caller up.
 FileRead readWholeFile(const char *path, uint8_t *buffer, std::size_t cap, std::size_t *length);
+
+// The same open as a read-only stream; null (errno set) when the file is
+// missing or not a regular file.
+FILE *openRegularStream(const char *path);
+
+// Opens the directory at `path` when it is our own: no link, owned by the
+// effective user or root, and others cannot write in it (with `sticky`, a
+// sticky directory such as /tmp is taken too: there only exclusive creation
+// and rename are used). -1 otherwise, errno EPERM for one that is not ours.
+int openOwnDirectory(const char *path, bool sticky = false);
+
+// Opens or creates (`mode`) the file at `path` for writing through its own
+// directory, with `flags` adding the access mode, O_TRUNC, O_APPEND or
+// O_EXCL: never through a link, never blocking, and only a regular file.
+int openOwnFile(const char *path, int flags, mode_t mode = 0644);
+
+// Removes the entry at `path` through its own directory.
+int removeOwnFile(const char *path);
+
+// Creates the directory with exactly `mode`, whatever the umask; true when
+// it was made (false with errno EEXIST when it was there already).
+bool makeDirectory(const char *path, mode_t mode);
+
+// A file written under a temporary name created exclusively beside its final
+// path and renamed over it only once it is whole (and, with `sync`, on stable
+// storage), so a full disk or a crash during the write leaves the previous
+// file intact and readers never see a half-written one. Whatever was planted
+// at either name is never written through. A file not committed is removed
+// when this goes out of scope.
+class ReplacedFile {
+  public:
+    struct Options {
+        bool sticky = false;     // the directory may be a shared sticky one
+        bool unbuffered = false; // a failing write shows at the call that failed
+        int (*sync)(int fd) = nullptr;
+        mode_t mode = 0644;
+        bool rooted = true; // the path is taken under $ZELO_ROOT
+    };
+    // stream() is null when the temporary file could not be created (errno
+    // tells why).
+    ReplacedFile(const char *path, const Options &options);
+    ~ReplacedFile();
+    ReplacedFile(const ReplacedFile &) = delete;
+    ReplacedFile &operator=(const ReplacedFile &) = delete;
+
+    FILE *stream() const { return file_; }
+    // Flushes, syncs and closes the temporary file and renames it over the
+    // final one; false (errno set) leaves the previous file in place.
+    bool commit();
+
+  private:
+    void abandon();
+
+    Options options_;
+    int dir_ = -1;
+    const char *name_ = nullptr; // in path_
+    char path_[4096];
+    char temp_[256];
+    FILE *file_ = nullptr;
+};
 
 } // namespace zelo

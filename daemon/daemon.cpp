@@ -6,6 +6,7 @@
 #include "acquisition/cycle.h"
 #include "events/cycle.h"
 #include "metriclog/cycle.h"
+#include "files.h"
 #include "paths.h"
 
 #include <zelo.h>
@@ -72,25 +73,52 @@ void makeDir(const char *absPath) {
     if (len > 1 && path[len - 1] == '/')
         path[len - 1] = '\0'; // the directory itself gets the daemon's mode below
     // Exactly 070 whatever the umask: the group of the controller's services reads it.
-    if (makeDirectories(path, false) && ::mkdir(path, 070) == 0)
-        (void)::chmod(path, 070);
+    if (makeDirectories(path, false))
+        (void)makeDirectory(path, 070);
 }
 
-// Removes every entry of the metric log directory, the lock file included.
+// The directory under the root, opened when it is the daemon's own (see
+// openOwnDirectory); -1 otherwise.
+int openOwnDir(const char *absPath) {
+    char path[PATH_MAX];
+    return resolvePath(absPath, path, sizeof path) ? openOwnDirectory(path) : -1;
+}
+
+// Says so when a directory is not the daemon's own: nothing in it is then
+// written or removed. The trace's own directory is reported on standard error.
+bool checkOwnDir(const char *absPath) {
+    const int fd = openOwnDir(absPath);
+    if (fd >= 0) {
+        ::close(fd);
+        return true;
+    }
+    char message[PATH_MAX + 160];
+    std::snprintf(message, sizeof message,
+                  "Directory '%s' is not used: %s (it must be no link, the daemon's user's, "
+                  "and not writable by others)",
+                  absPath, std::strerror(errno));
+    if (std::strcmp(absPath, trace::kTraceDir) == 0)
+        std::fprintf(stderr, "zelo: %s\n", message);
+    else
+        trace("ERROR", message);
+    return false;
+}
+
+// Removes every entry of the metric log directory, the lock file included,
+// only when the directory is the daemon's own and never through a link.
 bool emptyLogDirectory() {
-    char dirPath[PATH_MAX];
-    if (!resolvePath(ml::kLogDir, dirPath, sizeof dirPath))
+    const int fd = openOwnDir(ml::kLogDir);
+    DIR *dir = fd >= 0 ? ::fdopendir(fd) : nullptr;
+    if (dir == nullptr) {
+        if (fd >= 0)
+            ::close(fd);
         return false;
-    DIR *dir = ::opendir(dirPath);
-    if (dir == nullptr)
-        return false;
+    }
     while (const struct dirent *entry = ::readdir(dir)) {
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0)
             continue;
-        char path[PATH_MAX + 256];
-        const int n = std::snprintf(path, sizeof path, "%s%s", dirPath, entry->d_name);
-        if (n > 0 && static_cast<std::size_t>(n) < sizeof path)
-            (void)::remove(path);
+        if (::unlinkat(fd, entry->d_name, 0) != 0 && errno == EISDIR)
+            (void)::unlinkat(fd, entry->d_name, AT_REMOVEDIR);
     }
     ::closedir(dir);
     return true;
@@ -124,9 +152,10 @@ bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, ui
 }
 
 // A lock left behind would stall every reader and the next cycle: a failed
-// removal is retried.
+// removal is retried, unless the directory is not the daemon's own (EPERM):
+// then it holds no lock of the daemon's.
 void unlock() {
-    for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT; ++attempt) {
+    for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT && errno != EPERM; ++attempt) {
         char message[160];
         std::snprintf(message, sizeof message, "Failed to remove the metric log lock (%s), %s",
                       std::strerror(errno), attempt < 5 ? "retrying" : "giving up");
@@ -251,8 +280,9 @@ void Daemon::cycle() {
 namespace {
 
 int runDaemon(bool debug) {
-    makeDir("/tmp/zelo_trace/");
+    makeDir(trace::kTraceDir);
     makeDir(ml::kLogDir);
+    (void)checkOwnDir(trace::kTraceDir);
     if (CheckProcess() == 0) {
         trace("ERROR", "Process ZELO is executing.");
         return 0;
@@ -265,7 +295,8 @@ int runDaemon(bool debug) {
     (void)sigaction(SIGTERM, &action, nullptr); // no SA_RESTART: a signal cuts the sleep
     ml::abandonLockWaitWhen(terminating);       // and a wait for the metric log lock
 
-    (void)emptyLogDirectory();
+    if (checkOwnDir(ml::kLogDir))
+        (void)emptyLogDirectory();
     for (const int instance : {0, 1}) {
         char key[32];
         std::snprintf(key, sizeof key, "zelo_supported_%d", instance);
@@ -277,6 +308,7 @@ int runDaemon(bool debug) {
     ml::resetBaseline();
     trackPowerHistory(0, 0, 0);
     trackPowerPerformance(0, 0, 0, 0, 0);
+    (void)checkOwnDir("/pstorage/power"); // made, when missing, by the histories' load
 
     Daemon d;
     d.debug = debug;
@@ -319,7 +351,7 @@ int CheckProcess() {
     char path[PATH_MAX];
     if (!resolvePath(kPidFile, path, sizeof path) || !makeDirectories(path, false))
         return 1; // no place for the lock: run rather than stay down
-    const int fd = ::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0644);
+    const int fd = openOwnFile(path, O_RDWR);
     if (fd < 0)
         return 1;
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {

@@ -45,7 +45,7 @@ template <class P>
 int save(const Tracker<P> &h) {
     const char *path = P::kFiles.full;
     traceLine(P::kLevels.saving, P::kNames.save, "Info", P::kTexts.saving, path);
-    ReplacedFile file(path);
+    ReplacedFile file(path, historyFile());
     FILE *out = file.stream();
     if (out == nullptr) {
         traceLine(0, P::kNames.save, "Error", P::kTexts.saveOpenError, path, std::strerror(errno));
@@ -125,7 +125,7 @@ template <class P>
 int load(Tracker<P> &h) {
     const char *path = P::kFiles.full;
     char resolved[PATH_MAX];
-    FILE *in = resolvePath(path, resolved, sizeof resolved) ? std::fopen(resolved, "rb") : nullptr;
+    FILE *in = resolvePath(path, resolved, sizeof resolved) ? openRegularStream(resolved) : nullptr;
     if (in != nullptr) {
         const bool usable = readFull(h, in, path);
         std::fclose(in);
@@ -136,7 +136,7 @@ int load(Tracker<P> &h) {
     std::memset(static_cast<void *>(h.ring), 0, sizeof h.ring);
     h.nextIndex = 0;
     // Group-only access, as the controller's storage expects.
-    if (resolvePath(kFullFileDir, resolved, sizeof resolved) && ::mkdir(resolved, 0070) == 0)
+    if (resolvePath(kFullFileDir, resolved, sizeof resolved) && makeDirectory(resolved, 0070))
         traceLine(0, P::kNames.load, "Info", "Power history file dir '%s' not found, creating it",
                   kFullFileDir);
     return 0;
@@ -195,7 +195,7 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
         idx += kSlots;
     traceLine(P::kLevels.fileIndex, name, "Info", P::kTexts.fileIndex, next, idx);
 
-    ReplacedFile file(path);
+    ReplacedFile file(path, historyFile());
     FILE *out = file.stream();
     if (out == nullptr) {
         WriteToLog(name, "Error, couldn't open file", path);

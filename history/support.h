@@ -1,8 +1,9 @@
 // Helpers of the history files: the trace-log wrapper, the little-endian
-// codec, and replacing a file whole.
+// codec, and how a history file is replaced whole.
 #pragma once
 
 #include "bytes.h"
+#include "files.h"
 
 #include <climits>
 #include <cstddef>
@@ -29,31 +30,9 @@ inline uint32_t getLe32(const uint8_t *at) {
     return static_cast<uint32_t>(getLe(at, 4));
 }
 
-// A file written beside its final path (same name plus ".tmp") and moved over
-// it only once it is whole and on stable storage, so a crash or a full disk
-// during the write leaves the previous file intact and readers never see a
-// half-written one. Unbuffered: a failing write shows at the record that
-// failed. A file not committed is removed when this goes out of scope.
-class ReplacedFile {
-  public:
-    // absPath is taken under $ZELO_ROOT; stream() is null when the temporary
-    // file could not be created (errno tells why).
-    explicit ReplacedFile(const char *absPath);
-    ~ReplacedFile();
-    ReplacedFile(const ReplacedFile &) = delete;
-    ReplacedFile &operator=(const ReplacedFile &) = delete;
-
-    FILE *stream() const { return file_; }
-    // Flushes, syncs and closes the temporary file and renames it over the
-    // final one; false (errno set) leaves the previous file in place.
-    bool commit();
-
-  private:
-    void abandon();
-
-    char final_[PATH_MAX];
-    char temp_[PATH_MAX];
-    FILE *file_ = nullptr;
-};
+// How the history files are replaced: unbuffered, so a failing write shows
+// at the record that failed; synced; in their own directory or the shared,
+// sticky /tmp of the summary files.
+ReplacedFile::Options historyFile();
 
 } // namespace zelo::history

@@ -1,5 +1,6 @@
 // The metric log lock (a file holding its owner's pid in decimal) and the
 // two one-byte counter files beside the metric log.
+#include "files.h"
 #include "hooks.h"
 #include "paths.h"
 #include "state.h"
@@ -30,12 +31,6 @@ constexpr unsigned kLockPollSeconds = 10;
 // Longer than any holder keeps the lock: the daemon's cycle with every
 // firmware request timing out, or a reader going through the whole log.
 constexpr std::time_t kStaleLockSeconds = 300;
-
-// Opens for writing, truncating, without following a symbolic link planted
-// at the path.
-int openForWrite(const char *path, int extraFlags) {
-    return ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC | extraFlags, 0644);
-}
 
 void traceLock(const char *level, const char *format, long value) {
     char message[256];
@@ -78,7 +73,7 @@ bool removeStaleLock(const char *path) {
     }
     struct stat now {};
     if (::lstat(path, &now) != 0 || now.st_dev != seen.st_dev || now.st_ino != seen.st_ino ||
-        ::unlink(path) != 0)
+        removeOwnFile(path) != 0)
         return false;
     if (owner != 0)
         traceLock("WARNING", "Lock file '%s' of process %ld, which is gone, removed", owner);
@@ -109,7 +104,7 @@ void WaitValueLock(void) {
     // Test and create in one step: of two processes only one can create it.
     int fd = -1;
     for (;;) {
-        fd = openForWrite(path, O_EXCL);
+        fd = zelo::openOwnFile(path, O_RDWR | O_EXCL);
         if (fd >= 0 || errno != EEXIST)
             break;
         if (removeStaleLock(path))
@@ -132,33 +127,34 @@ int UnlockValue(void) {
     char path[PATH_MAX];
     if (!logPath(kLockFile, path, sizeof path))
         return -1;
-    return ::unlink(path);
+    return zelo::removeOwnFile(path);
 }
 
 void WriteUCToFile(const char *pszPath, uint8_t u8Value) {
-    const int fd = pszPath != nullptr ? openForWrite(pszPath, 0) : -1;
-    if (fd < 0) {
+    // Replaced whole: a full disk keeps the previous value, not an empty file.
+    zelo::ReplacedFile::Options options;
+    options.rooted = false; // the path given is the file's own
+    zelo::ReplacedFile file(pszPath, options);
+    if (file.stream() == nullptr || std::fwrite(&u8Value, 1, 1, file.stream()) != 1 ||
+        !file.commit()) {
         char message[1024];
         std::snprintf(message, sizeof message, "Can't write %u to %s", u8Value,
                       pszPath != nullptr ? pszPath : "(null)");
         WriteToLog("WriteUCToFile", "ERROR", message);
-        return;
     }
-    (void)::write(fd, &u8Value, 1);
-    ::close(fd);
 }
 
 void ReadUCFromFile(const char *pszPath, uint8_t *pu8Value) {
     if (pu8Value == nullptr)
         return;
     *pu8Value = 0;
-    const int fd = pszPath != nullptr ? ::open(pszPath, O_RDONLY | O_CLOEXEC) : -1;
-    if (fd < 0)
+    // A missing, empty or non-regular file reads as 0.
+    FILE *file = pszPath != nullptr ? zelo::openRegularStream(pszPath) : nullptr;
+    if (file == nullptr)
         return;
-    // An empty file reads as 0.
-    if (::read(fd, pu8Value, 1) != 1)
+    if (std::fread(pu8Value, 1, 1, file) != 1)
         *pu8Value = 0;
-    ::close(fd);
+    std::fclose(file);
 }
 
 } // extern "C"

@@ -2,6 +2,7 @@
 // daemon reads any path it is given), so every count from the file bounds
 // what is allocated and nothing is trusted to be terminated.
 #include "bytes.h"
+#include "files.h"
 #include "inlet_internal.h"
 #include "state.h"
 
@@ -108,7 +109,7 @@ int readMetricFile(const char *pszPath, SnapshotBuffer *psBuffer, BladeInletSens
                    PerfMetricSet *psPerf, int perfSupported) {
     if (pszPath == nullptr || psBuffer == nullptr || psInlet == nullptr)
         return 1;
-    FILE *file = std::fopen(pszPath, "rb");
+    FILE *file = zelo::openRegularStream(pszPath); // a FIFO at the path is refused, not waited on
     if (file == nullptr)
         return 2;
     SnapshotBuffer &s = *psBuffer;

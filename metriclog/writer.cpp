@@ -2,6 +2,7 @@
 // rotating files, the counters, the published power figures and the power
 // history sample.
 #include "bytes.h"
+#include "files.h"
 #include "inlet_internal.h"
 #include "state.h"
 
@@ -11,13 +12,13 @@
 #include <zelo/platform.h>
 #include <zelo/tracelog.h>
 
+#include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
+#include <cstring>
 #include <initializer_list>
-#include <unistd.h>
 
 namespace zelo::metriclog {
 
@@ -92,17 +93,6 @@ void publish(const char *avgKey, const char *minKey, const char *maxKey, const M
     (void)kiv_config_set_int64(maxKey, static_cast<int64_t>(s.u64Max), 0);
 }
 
-// Created or truncated, never through a symbolic link planted at the path.
-FILE *openLogFile(const char *path) {
-    const int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-    if (fd < 0)
-        return nullptr;
-    FILE *file = ::fdopen(fd, "wb");
-    if (file == nullptr)
-        ::close(fd);
-    return file;
-}
-
 void writeCounter(const char *absPath, uint8_t value) {
     char path[PATH_MAX];
     if (logPath(absPath, path, sizeof path))
@@ -148,16 +138,18 @@ void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHi
     std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir,
                   static_cast<unsigned>(u8LogFileIndex));
     char path[PATH_MAX];
-    FILE *file = logPath(name, path, sizeof path) ? openLogFile(path) : nullptr;
+    char message[1024];
+    // Written whole under a temporary name, then put in place: a full disk
+    // keeps the slot's previous record, and nothing planted at the name is
+    // written through or waited on.
+    zelo::ReplacedFile record(name, {});
+    FILE *file = logPath(name, path, sizeof path) ? record.stream() : nullptr;
     if (file == nullptr) {
-        char message[1024];
         std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
         releaseHistogram(sHistogramData);
         return;
     }
-    if (u8LogFileNum < kLogFileCount)
-        writeCounter(kNumFile, ++u8LogFileNum);
 
     calculateSnapshotValue(&s, sHistogramData, blade);
 
@@ -181,10 +173,18 @@ void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHi
     }
     if (NM_Performance_IsSupported() == 1)
         putPerformance(file);
-    std::fclose(file);
-
-    writeCounter(kLastFile, u8LogFileIndex);
-    u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
+    // A record not written whole is not counted: the counters keep naming
+    // the previous newest, and its slot is tried again next time.
+    if (record.commit()) {
+        if (u8LogFileNum < kLogFileCount)
+            writeCounter(kNumFile, ++u8LogFileNum);
+        writeCounter(kLastFile, u8LogFileIndex);
+        u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
+    } else {
+        std::snprintf(message, sizeof message, "Can't write file: %.900s (%s)", path,
+                      std::strerror(errno));
+        trace("ERROR", message);
+    }
 
     // On a blade the DC figures are in the AC record: the dc keys carry it,
     // published first.

@@ -2,6 +2,8 @@
 // verbosity.h. Not exported.
 #pragma once
 
+#include "verbosity.h"
+
 #include <cstdint>
 
 namespace zelo::trace {

@@ -3,6 +3,7 @@
 #include "state.h"
 #include "verbosity.h"
 
+#include "files.h"
 #include "paths.h"
 
 #include <zelo/tracelog.h>
@@ -11,7 +12,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace zelo::trace {
 
@@ -38,9 +41,19 @@ void closeLog() {
 
 bool currentLogPath(char *out, std::size_t cap) {
     char path[256];
-    std::snprintf(path, sizeof path, "/tmp/zelo_trace/zelo_trace_log_%u.txt",
+    std::snprintf(path, sizeof path, "%szelo_trace_log_%u.txt", kTraceDir,
                   static_cast<unsigned>(u32TraceLogIndex));
     return resolvePath(path, out, cap);
+}
+
+// The trace file, appended to or emptied, only inside the daemon's own trace
+// directory and never through a link or a FIFO planted there.
+FILE *openTrace(const char *path, bool truncate) {
+    const int fd = openOwnFile(path, O_RDWR | (truncate ? O_TRUNC : O_APPEND), 0666);
+    FILE *file = fd >= 0 ? ::fdopen(fd, truncate ? "w+" : "a+") : nullptr;
+    if (file == nullptr && fd >= 0)
+        ::close(fd);
+    return file;
 }
 
 } // namespace
@@ -75,7 +88,7 @@ FILE *OpenCurrentLog(int s32Truncate) {
     char path[PATH_MAX];
     if (!currentLogPath(path, sizeof path))
         return nullptr;
-    return std::fopen(path, s32Truncate ? "w+" : "a+");
+    return openTrace(path, s32Truncate != 0);
 }
 
 int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMessage) {
@@ -103,7 +116,7 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
                                  ::fstat(::fileno(gLog.file), &open) != 0 || open.st_nlink == 0))
         closeLog();
     if (gLog.file == nullptr) {
-        gLog.file = std::fopen(path, "a+e");
+        gLog.file = openTrace(path, false);
         struct stat st {};
         if (gLog.file == nullptr || ::fstat(::fileno(gLog.file), &st) != 0) {
             closeLog();
@@ -115,7 +128,7 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
     if (gLog.size > kRotateAboveBytes) {
         closeLog();
         u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
-        if (!currentLogPath(path, sizeof path) || (gLog.file = std::fopen(path, "w+e")) == nullptr)
+        if (!currentLogPath(path, sizeof path) || (gLog.file = openTrace(path, true)) == nullptr)
             return 0;
         std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
     }

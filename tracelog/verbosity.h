@@ -1,10 +1,13 @@
-// The trace log's verbosity, for the subsystems that set or consult it;
-// shared inside the library, not exported.
+// The trace log's directory and verbosity, for the subsystems that set or
+// consult them; shared inside the library, not exported.
 #pragma once
 
 #include <cstdint>
 
 namespace zelo::trace {
+
+// Checked (and made) by the daemon at start-up.
+inline constexpr const char *kTraceDir = "/tmp/zelo_trace/";
 
 // What WriteToPowerHistoryLog lets through: lines of this level and below.
 int32_t verbosity();
