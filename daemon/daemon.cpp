@@ -5,8 +5,8 @@
 
 #include "acquisition/cycle.h"
 #include "events/cycle.h"
-#include "metriclog/cycle.h"
 #include "files.h"
+#include "metriclog/cycle.h"
 #include "paths.h"
 
 #include <zelo.h>
