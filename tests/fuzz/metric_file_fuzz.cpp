@@ -1,8 +1,6 @@
-// Feeds arbitrary bytes as a metric log file to the reader: whatever a file
-// holds, the reader must not crash, leak, or allocate without bound.
-//
-// Input: one byte choosing whether the platform offers performance figures
-// (bit 0), then the file's bytes.
+// Arbitrary bytes as a metric log file, read and printed: nothing may crash,
+// leak, or allocate without bound. Input: bit 0 of the first byte says
+// whether the platform offers performance figures; then the file.
 #include "acquisition/performance_internal.h"
 
 #include <zelo.h>
@@ -38,8 +36,7 @@ int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *, uint32_t, uint8_t *respons
 }
 int LLVMFuzzerInitialize(int *, char ***) {
     (void)std::freopen("/dev/null", "w", stdout);
-    // A firmware without performance figures answers busy-looking codes that
-    // are retried; the waits between retries are not under test.
+    // Answers that look busy are retried; the waits are not under test.
     zelo::acquisition::gSleep = [](useconds_t) { return 0; };
     char name[] = "/tmp/zelo-metric-fuzz-XXXXXX";
     const int fd = ::mkstemp(name);
