@@ -33,13 +33,10 @@ class HistoryFilesTest : public PlatformTest {
         history::gTime = [](std::time_t *) { return kNow; };
         history::gMonotonicSeconds = [] { return int64_t{0}; };
         trace::s32PowerHistoryLogLevel = 2;
-        std::filesystem::create_directories(root + "/tmp/zelo_trace");
-        std::filesystem::create_directories(root + "/pstorage/power");
+        for (const char *dir : {"/tmp/zelo_trace", "/pstorage/power"})
+            std::filesystem::create_directories(root + dir);
     }
     Bytes read(const std::string &path) const { return fileBytes(root + path); }
-    void write(const std::string &path, const Bytes &bytes) const {
-        files::writeFile(root + path, bytes);
-    }
 };
 
 // Time stamp and six values, little-endian, in record order.
@@ -194,7 +191,7 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
             SCOPED_TRACE(std::string(f.noun) + ": " + what);
             std::filesystem::remove(root + f.path);
             if (!file.empty())
-                write(f.path, file);
+                files::writeFile(root + f.path, file);
             f.stamp(7) = 99;
             *f.next = 9;
             EXPECT_EQ(f.load(), 0);
@@ -202,7 +199,7 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
             EXPECT_EQ(*f.next, 0);
         }
         // Only the newest slot is checked against the clock.
-        write(f.path, ringFile(0, {{574, at(kNow + 1)}, {575, at(kNow)}}));
+        files::writeFile(root + f.path, ringFile(0, {{574, at(kNow + 1)}, {575, at(kNow)}}));
         EXPECT_EQ(f.load(), 1);
         EXPECT_EQ(f.stamp(574), static_cast<uint32_t>(kNow + 1));
     }

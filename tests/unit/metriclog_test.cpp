@@ -33,9 +33,8 @@ class MetricLogTest : public PlatformTest {
     void SetUp() override {
         PlatformTest::SetUp();
         dir = root + "/tmp/zelo_log/";
-        std::filesystem::create_directories(dir);
-        std::filesystem::create_directories(root + "/tmp/zelo_trace");
-        std::filesystem::create_directories(root + "/pstorage/power");
+        for (const char *d : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
+            std::filesystem::create_directories(root + d);
         acquisition::gSleep = [](useconds_t) { return 0; }; // busy retries need no real wait
         useFirmware("perf none\n");
         testing::internal::CaptureStdout(); // the writer and reader report as they go
@@ -190,8 +189,6 @@ TEST_F(MetricLogTest, CalculationAveragesAndAdvancesTheState) {
     };
     EXPECT_EQ(figures(s), (std::vector<uint64_t>{400, 350, 150, 60, 40, 40})) << "CPU per second";
     EXPECT_EQ(s.psSystemAC->u64Min, 400u) << "the fill rule";
-    EXPECT_EQ(s.psSystemDC->u64Min, 100u) << "bucket 1 grew, the open top bucket";
-    EXPECT_EQ(s.psSystemDC->u64Max, 100u);
     EXPECT_EQ(ml::sLastSnapshotBuffer.psSystemDC->u64Avg, 350u * 40000) << "raw totals kept";
     EXPECT_EQ(ml::sLastHistogramData.pu8BucketData[3], 9);
     FreeSignalMetricValue(&s, nullptr, nullptr);
