@@ -36,7 +36,8 @@ int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *, uint32_t, uint8_t *respons
 }
 int LLVMFuzzerInitialize(int *, char ***) {
     (void)std::freopen("/dev/null", "w", stdout);
-    // Answers that look busy are retried; the waits are not under test.
+    // A firmware without performance figures answers busy-looking codes that
+    // are retried; the waits between retries are not under test.
     zelo::acquisition::gSleep = [](useconds_t) { return 0; };
     char name[] = "/tmp/zelo-metric-fuzz-XXXXXX";
     const int fd = ::mkstemp(name);

@@ -33,8 +33,9 @@ class MetricLogTest : public PlatformTest {
     void SetUp() override {
         PlatformTest::SetUp();
         dir = root + "/tmp/zelo_log/";
-        for (const char *d : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
-            std::filesystem::create_directories(root + d);
+        std::filesystem::create_directories(dir);
+        std::filesystem::create_directories(root + "/tmp/zelo_trace");
+        std::filesystem::create_directories(root + "/pstorage/power");
         acquisition::gSleep = [](useconds_t) { return 0; }; // busy retries need no real wait
         useFirmware("perf none\n");
         testing::internal::CaptureStdout(); // the writer and reader report as they go
