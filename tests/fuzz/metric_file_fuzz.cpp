@@ -1,6 +1,8 @@
-// Arbitrary bytes as a metric log file, read and printed: nothing may crash,
-// leak, or allocate without bound. Input: bit 0 of the first byte says
-// whether the platform offers performance figures; then the file.
+// Feeds arbitrary bytes as a metric log file to the reader: whatever a file
+// holds, the reader must not crash, leak, or allocate without bound.
+//
+// Input: one byte choosing whether the platform offers performance figures
+// (bit 0), then the file's bytes.
 #include "acquisition/performance_internal.h"
 
 #include <zelo.h>
