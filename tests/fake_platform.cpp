@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <type_traits>
 
 namespace zelo::test {
 
@@ -36,6 +37,15 @@ constexpr uint8_t kIana[3] = {ZELO_IANA_ID & 0xFF, (ZELO_IANA_ID >> 8) & 0xFF,
 
 void recordSyslog(int priority, const char *message) {
     gFake.syslog.emplace_back(priority, message);
+}
+
+template <class T>
+int fakeGet(const char *what, const char *key, T *value) {
+    gFake.storeCalls.push_back(std::string(what) + " " + key);
+    const auto it = gFake.store.find(key);
+    if (it != gFake.store.end())
+        *value = std::is_same_v<T, uint8_t> ? it->second != 0 : static_cast<T>(it->second);
+    return it != gFake.store.end();
 }
 
 // The last snapshot and histogram the calculation keeps, and the log counters.
@@ -107,6 +117,7 @@ Bytes okResponse(const Bytes &data) {
 
 } // namespace zelo::test
 
+using zelo::test::fakeGet;
 using zelo::test::gFake;
 
 extern "C" {
@@ -153,21 +164,10 @@ int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize, const uint
 }
 
 int kiv_config_get_bool(const char *key, uint8_t *value) {
-    gFake.storeCalls.push_back(std::string("get_bool ") + key);
-    const auto it = gFake.store.find(key);
-    if (it == gFake.store.end())
-        return 0;
-    *value = it->second != 0;
-    return 1;
+    return fakeGet("get_bool", key, value);
 }
-
 int kiv_config_get_int(const char *key, int *value) {
-    gFake.storeCalls.push_back(std::string("get_int ") + key);
-    const auto it = gFake.store.find(key);
-    if (it == gFake.store.end())
-        return 0;
-    *value = static_cast<int>(it->second);
-    return 1;
+    return fakeGet("get_int", key, value);
 }
 
 static int fakeSet(const char *what, const char *key, int64_t value, int flag) {

@@ -1,5 +1,4 @@
-// What the daemon leaves on disk, written byte by byte for the telemetry
-// tests: the persisted history ring and the metric log files.
+// The history ring and metric log files as the daemon leaves them, byte by byte.
 #pragma once
 
 #include <zelo/history.h>
@@ -28,8 +27,7 @@ inline void writeFile(const std::string &path, const Bytes &bytes) {
                static_cast<std::streamsize>(bytes.size()));
 }
 
-// A full history file: the next index, then the 576 slots. The performance
-// ring has the same layout (min, avg, max, cpu, mem, io in the six values).
+// A full history file; the performance ring's six values take the same places.
 inline Bytes ringFile(uint16_t next, const std::map<uint16_t, PowerHistorySample> &slots) {
     Bytes out;
     putLe(out, next, 2);
@@ -48,8 +46,7 @@ struct Record {
     uint32_t ac, dc; // average; minimum and maximum 10 below and above
 };
 
-// One metric log file as the writer lays it out: two supplies, system AC and
-// DC only, two inlet readings, optionally the performance block.
+// A metric log file: two AC supplies, system AC and DC, two inlet readings.
 inline Bytes recordFile(const Record &r, bool perf = false, const std::string &reading = "") {
     Bytes out;
     const auto stat = [&out](uint64_t avg, uint64_t max, uint64_t min) {
@@ -57,21 +54,16 @@ inline Bytes recordFile(const Record &r, bool perf = false, const std::string &r
         putLe(out, max, 8);
         putLe(out, min, 8);
     };
-    putLe(out, 2, 1);
+    out.push_back(2);
     stat(200, 210, 190);
     stat(201, 211, 191);
-    putLe(out, 0, 1); // no DC supplies
-    putLe(out, 1, 1);
+    out.insert(out.end(), {0, 1}); // no DC supplies, system AC
     stat(r.ac, r.ac + 10, r.ac - 10);
-    putLe(out, 1, 1);
+    out.push_back(1);
     stat(r.dc, r.dc + 10, r.dc - 10);
-    for (int i = 0; i < 4; ++i)
-        putLe(out, 0, 1);
-    putLe(out, 24, 1);
-    putLe(out, 31, 1);
+    out.insert(out.end(), {0, 0, 0, 0, 24, 31}); // four absent records, inlet, outlet
     putLe(out, r.ms, 8);
-    putLe(out, 0x21, 1);
-    putLe(out, 2, 1);
+    out.insert(out.end(), {0x21, 2});
     for (uint32_t index : {0u, 3u}) {
         putLe(out, index, 4);
         std::string text = reading.empty() ? "2" + std::to_string(index) + ".5" : reading;
@@ -80,13 +72,12 @@ inline Bytes recordFile(const Record &r, bool perf = false, const std::string &r
     }
     if (perf)
         for (uint64_t v : {40, 50, 60, 70}) {
-            putLe(out, 1, 1);
+            out.push_back(1);
             stat(v, v + 5, v - 5);
         }
     return out;
 }
 
-// The metric log as the daemon leaves it under root: files 0.. and counters.
 inline void writeLog(const std::string &root, const std::vector<Bytes> &records, uint8_t last) {
     const std::string dir = root + "/tmp/zelo_log/";
     std::filesystem::create_directories(dir);

@@ -1,12 +1,10 @@
-// Feeds arbitrary bytes as a persisted history file to the loader, then
-// drives the loaded tracker through three snapshots and reads the file back
-// as items. Whatever the file holds, nothing may crash or leak, and no stamp
-// may wrap: the ring never holds a negative stamp and the open interval never
-// ends before 1970 or past what a stamp holds.
+// Arbitrary bytes as a persisted history file, read as items, loaded, and
+// tracked through three snapshots: nothing may crash or leak, and no stamp
+// may wrap (none negative, the open interval ending within what a stamp holds).
 //
 // Input: flags(1) wall clock(4) three snapshot times(3 x 4), seconds, little-
-// endian, then the file. Flag bit 0 picks the performance history, bit 1
-// pads the file with zeros to one whole ring (9218 bytes).
+// endian, then the file. Flag bit 0: the performance history; bit 1: the
+// file padded with zeros to one whole ring.
 #include "history/history_internal.h"
 #include "hooks.h"
 #include "tracelog/state.h"
@@ -30,8 +28,7 @@ constexpr std::size_t kHeadLen = 17;
 std::time_t gWall = 0;
 
 uint32_t le32(const uint8_t *at) {
-    return static_cast<uint32_t>(at[0]) | static_cast<uint32_t>(at[1]) << 8 |
-           static_cast<uint32_t>(at[2]) << 16 | static_cast<uint32_t>(at[3]) << 24;
+    return at[0] | at[1] << 8 | at[2] << 16 | static_cast<uint32_t>(at[3]) << 24;
 }
 
 template <class P>
@@ -47,7 +44,6 @@ void check(const h::Tracker<P> &t) {
 
 extern "C" {
 
-// The history asks the firmware nothing.
 int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *, uint32_t, uint8_t *, uint32_t *) {
     return -1;
 }

@@ -27,9 +27,6 @@ const uint8_t *gRaw = nullptr;
 std::size_t gRawLen = 0;
 const uint8_t *gConfig = nullptr; // the head of the current input
 
-uint8_t cfg(std::size_t i) {
-    return gConfig[i];
-}
 bool fails(int bit) {
     return (gConfig[16] >> bit) & 1;
 }
@@ -43,17 +40,19 @@ std::vector<uint8_t> answer(const uint8_t *request, uint32_t length) {
     const uint8_t method = request[5];
     if (method == ZELO_METHOD_READ_REGISTER && element == 0 && length == 8) {
         if (request[6] == 7)
-            return fails(1) ? std::vector<uint8_t>{kFailCode} : (r.push_back(cfg(1)), r);
+            return fails(1) ? std::vector<uint8_t>{kFailCode} : (r.push_back(gConfig[1]), r);
         if (request[6] != 14 || fails(2))
             return {kFailCode};
-        r.insert(r.end(), {cfg(2), cfg(3), cfg(4), cfg(5)});
+        r.insert(r.end(), {gConfig[2], gConfig[3], gConfig[4], gConfig[5]});
     } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 2 && !fails(0)) {
-        r.insert(r.end(), {0, 0, cfg(6), cfg(7), 0, 0, cfg(8), cfg(9), cfg(10), 0});
+        r.insert(r.end(),
+                 {0, 0, gConfig[6], gConfig[7], 0, 0, gConfig[8], gConfig[9], gConfig[10], 0});
     } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 11 && !fails(3)) {
-        r.insert(r.end(), {0, 0, 0, cfg(11), cfg(12), cfg(13), cfg(14), cfg(15), 0, 0});
+        r.insert(r.end(),
+                 {0, 0, 0, gConfig[11], gConfig[12], gConfig[13], gConfig[14], gConfig[15], 0, 0});
     } else if (method == ZELO_METHOD_READ_CONFIGURATION && element == 3) {
         const auto total = static_cast<uint16_t>(gRawLen);
-        r.insert(r.end(), {0, 0, 0, cfg(17), 0, 0, static_cast<uint8_t>(total >> 8),
+        r.insert(r.end(), {0, 0, 0, gConfig[17], 0, 0, static_cast<uint8_t>(total >> 8),
                            static_cast<uint8_t>(total)});
     } else if (method == ZELO_METHOD_READ_BUFFER && element == 3 && length == 10) {
         const std::size_t offset = (request[6] << 8) | request[7];
@@ -80,7 +79,6 @@ int IPMI_DoIPMICmd(uint8_t, uint8_t, const uint8_t *request, uint32_t requestLen
     return 0;
 }
 int LLVMFuzzerInitialize(int *, char ***) {
-    // The parser's diagnostics are not what is being tested.
     (void)std::freopen("/dev/null", "w", stdout);
     gFuzzFirmwareKnown = true; // GetSnapshotBufferFromZELO asks the store for the handle
     return 0;
@@ -94,7 +92,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
         ::setenv("RUX_FAMILY", "blade", 1);
     else
         ::unsetenv("RUX_FAMILY");
-    // An exactly sized copy, so the sanitizer sees any read past the end.
+    // Exactly sized, so the sanitizer sees any read past the end.
     const std::size_t rawLen = size - kHeadLen;
     auto *raw = static_cast<uint8_t *>(std::malloc(rawLen ? rawLen : 1));
     std::memcpy(raw, data + kHeadLen, rawLen);

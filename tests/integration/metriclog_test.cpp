@@ -34,10 +34,9 @@ class MetricLogRoadTest : public ::testing::Test {
         metriclog::u8LogFileIndex = metriclog::u8LogFileNum = 0;
         ::unsetenv("RUX_FAMILY");
     }
-    // Fetches snapshots until the tag passes `after`, and logs that one or,
-    // as the daemon's start does, keeps it as the baseline. The boot
-    // snapshot's totals are all 0 and yield no averages: a baseline comes
-    // after tag 1.
+    // Fetches snapshots until the tag passes `after`, and logs that one or
+    // keeps it as the baseline. The boot snapshot's totals are all 0: a
+    // baseline comes after tag 1.
     uint16_t next(uint16_t after, bool log = true) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         while (std::chrono::steady_clock::now() < deadline) {
@@ -80,9 +79,8 @@ TEST_F(MetricLogRoadTest, AConstant350WattLoadReadsBack350) {
     ASSERT_EQ(count, 4);
     for (int i = 0; i < count; ++i) {
         SCOPED_TRACE(i);
-        if (i > 0) {
-            EXPECT_GT(buffers[i].u64Timestamp, buffers[i - 1].u64Timestamp) << "oldest first";
-        }
+        EXPECT_GT(buffers[i].u64Timestamp, i > 0 ? buffers[i - 1].u64Timestamp : 0)
+            << "oldest first";
         EXPECT_EQ(buffers[i].psSystemDC->u64Avg, 350u);
         EXPECT_EQ(buffers[i].psSystemDC->u64Min, 350u) << "histogram bucket 350-400";
         EXPECT_EQ(buffers[i].psSystemDC->u64Max, 400u);

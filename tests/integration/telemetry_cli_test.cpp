@@ -138,11 +138,9 @@ struct Picture {
 };
 
 Picture render(const std::string &svg, const std::string &dir) {
-    const std::string png = dir + "/chart.png", ppm = dir + "/chart.ppm";
+    const std::string ppm = dir + "/chart.ppm";
     Picture p;
-    if (std::system(
-            ("rsvg-convert -o " + png + " " + svg + " && pngtopnm " + png + " > " + ppm).c_str()) !=
-        0)
+    if (std::system(("rsvg-convert " + svg + " | pngtopnm > " + ppm).c_str()) != 0)
         return p;
     std::ifstream in(ppm, std::ios::binary);
     std::string magic;

@@ -33,13 +33,10 @@ class HistoryFilesTest : public PlatformTest {
         hooks->time = [](std::time_t *) { return kNow; };
         hooks->monotonicSeconds = [] { return int64_t{0}; };
         trace::s32PowerHistoryLogLevel = 2;
-        std::filesystem::create_directories(root + "/tmp/zelo_trace");
-        std::filesystem::create_directories(root + "/pstorage/power");
+        for (const char *dir : {"/tmp/zelo_trace", "/pstorage/power"})
+            std::filesystem::create_directories(root + dir);
     }
     Bytes read(const std::string &path) const { return fileBytes(root + path); }
-    void write(const std::string &path, const Bytes &bytes) const {
-        files::writeFile(root + path, bytes);
-    }
 };
 
 // Time stamp and six values, little-endian, in record order.
@@ -50,15 +47,12 @@ Bytes le(uint32_t timestamp, std::array<uint16_t, 6> values) {
         b.insert(b.end(), {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8)});
     return b;
 }
-Bytes zeros(std::size_t n) {
-    return Bytes(n, 0);
-}
 
 TEST_F(HistoryFilesTest, RecordsEndBeforeTheNextIndexAndWalkOnFromTheStart) {
     gPower.ring[0] = {0x01020304, 10, 20, 30, 40, 50, 60};
     int dc = 7, ac = 7;
     EXPECT_EQ(generatePowerHistoryFile("/tmp/h1", 1, 1, &dc, &ac), 1);
-    EXPECT_EQ(read("/tmp/h1"), concat(concat({24, 0}, zeros(23 * 16)),
+    EXPECT_EQ(read("/tmp/h1"), concat(concat({24, 0}, Bytes(23 * 16, 0)),
                                       {4, 3, 2, 1, 10, 0, 20, 0, 30, 0, 40, 0, 50, 0, 60, 0}));
     EXPECT_EQ(dc, -1);
     EXPECT_EQ(ac, -1);
@@ -100,7 +94,7 @@ TEST_F(HistoryFilesTest, HoursFoldValidEntriesOnlyIn16BitSums) {
     };
     // 24 x 3000 = 72 000 wraps to 6464; 6464 / 24 = 269.
     EXPECT_EQ(record(0), le(1000 + 150 * 23, {1000, 269, 5023, 900, 950, 1023}));
-    EXPECT_EQ(record(1), zeros(16));
+    EXPECT_EQ(record(1), Bytes(16, 0));
     EXPECT_EQ(record(2), le(1000 + 150 * 71, {7, 8, 9, 10, 11, 12}));
     EXPECT_EQ(record(3), le(1000 + 150 * 95, {1000, 3000 * 23 % 65536 / 23, 8888, 900, 950, 1095}));
     EXPECT_EQ(dc, -1);
@@ -144,17 +138,14 @@ struct Family {
     int (*load)();
     int (*save)();
     uint16_t *next;
-    void (*stamp)(int slot, uint32_t timestamp);
-    uint32_t (*stampAt)(int slot);
+    uint32_t &(*stamp)(int slot);
 };
 const Family kFamilies[] = {
     {"/pstorage/power/PowerHistoryFull", "power history", loadPowerHistory, savePowerHistory,
-     &gPower.nextIndex, [](int i, uint32_t t) { gPower.ring[i].timestamp = t; },
-     [](int i) { return gPower.ring[i].timestamp; }},
+     &gPower.nextIndex, [](int i) -> uint32_t & { return gPower.ring[i].timestamp; }},
     {"/pstorage/power/PowerPerformanceFull", "power performance", loadPowerPerformance,
      savePowerPerformance, &gPerformance.nextIndex,
-     [](int i, uint32_t t) { gPerformance.ring[i].timestamp = t; },
-     [](int i) { return gPerformance.ring[i].timestamp; }},
+     [](int i) -> uint32_t & { return gPerformance.ring[i].timestamp; }},
 };
 
 using files::ringFile;
@@ -200,17 +191,17 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
             SCOPED_TRACE(std::string(f.noun) + ": " + what);
             std::filesystem::remove(root + f.path);
             if (!file.empty())
-                write(f.path, file);
-            f.stamp(7, 99);
+                files::writeFile(root + f.path, file);
+            f.stamp(7) = 99;
             *f.next = 9;
             EXPECT_EQ(f.load(), 0);
-            EXPECT_EQ(f.stampAt(7), 0u);
+            EXPECT_EQ(f.stamp(7), 0u);
             EXPECT_EQ(*f.next, 0);
         }
         // Only the newest slot is checked against the clock.
-        write(f.path, ringFile(0, {{574, at(kNow + 1)}, {575, at(kNow)}}));
+        files::writeFile(root + f.path, ringFile(0, {{574, at(kNow + 1)}, {575, at(kNow)}}));
         EXPECT_EQ(f.load(), 1);
-        EXPECT_EQ(f.stampAt(574), static_cast<uint32_t>(kNow + 1));
+        EXPECT_EQ(f.stamp(574), static_cast<uint32_t>(kNow + 1));
     }
 }
 
@@ -265,11 +256,11 @@ TEST_F(HistoryFilesTest, ASaveCutShortLeavesThePreviousFilesWhole) {
     trace::s32PowerHistoryLogLevel = 0; // the trace file stays small: the saves meet the limit
     for (const auto &f : kFamilies) {
         SCOPED_TRACE(f.path);
-        f.stamp(0, 1111);
+        f.stamp(0) = 1111;
         *f.next = 1;
         ASSERT_EQ(f.save(), 1);
         const Bytes before = read(f.path);
-        f.stamp(0, 2222);
+        f.stamp(0) = 2222;
         const int status = inLimitedChild(4096, true, f.save);
         EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGXFSZ) << status;
         EXPECT_EQ(read(f.path), before);

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 
 namespace zelo::test {
 namespace {
@@ -18,8 +17,6 @@ class TraceLogTest : public PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
-        trace::u32TraceLogIndex = 0;
-        trace::s32PowerHistoryLogLevel = 0;
         dir = root + "/tmp/zelo_trace/";
         std::filesystem::create_directories(dir);
     }
@@ -27,9 +24,8 @@ class TraceLogTest : public PlatformTest {
         return dir + "zelo_trace_log_" + std::to_string(index) + ".txt";
     }
     std::string contents(int index) const {
-        std::stringstream s;
-        s << std::ifstream(file(index)).rdbuf();
-        return s.str();
+        const Bytes b = fileBytes(file(index));
+        return std::string(b.begin(), b.end());
     }
     std::string dir;
 };
