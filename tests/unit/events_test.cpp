@@ -84,11 +84,6 @@ class EventsTest : public PlatformTest {
                 out.push_back(c);
         return out;
     }
-    // A fresh fixture for the next case of a table.
-    void restart() {
-        TearDown();
-        SetUp();
-    }
     std::unique_ptr<sim::Firmware> fw;
 };
 
@@ -114,7 +109,8 @@ TEST_F(EventsTest, StatusBitsFourAndFive) {
         {{0x16, {}, {0, 0, 0}}, {0x00, {}, {0, 0, 0}}, {0x30, {}, {0, 0, 0}}},
     };
     for (std::size_t n = 0; n < sequences.size(); ++n) {
-        restart();
+        TearDown(); // a fresh fixture per case
+        SetUp();
         for (const Step &step : sequences[n]) {
             SCOPED_TRACE(testing::Message() << "sequence " << n << " status " << int{step.status});
             EXPECT_EQ(check(step.status), step.expected);
@@ -238,7 +234,8 @@ TEST_F(EventsTest, CappingSettingAndPowerUtilisation) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.lines);
-        restart();
+        TearDown(); // a fresh fixture per case
+        SetUp();
         if (c.blade)
             ::setenv("RUX_FAMILY", "blade", 1);
         firmware(c.lines);
