@@ -60,15 +60,6 @@ TEST_F(DiscoveryTest, StoreSaysSupportedSoNoTrafficEver) {
     testing::internal::GetCapturedStdout();
 }
 
-TEST_F(DiscoveryTest, FirstDiscoveryPublishesFlagThenHandle) {
-    expectDiscovery(0, discoveryAnswer(5));
-    EXPECT_EQ(ZELO_IsSupported(0), 1);
-    EXPECT_EQ(fake().storeCalls, (Strings{"get_bool zelo_supported_0", "get_bool zelo_supported_0",
-                                          "set_bool zelo_supported_0=1 flag 1",
-                                          "set_int zelo_module_handle_0=5 flag 1"}));
-    EXPECT_EQ(ZELO_GetModuleHandle(0), 5);
-}
-
 TEST_F(DiscoveryTest, AbsentFirmwareIsAskedAgainOnlyAfterTwoSeconds) {
     expectDiscovery(0, {0xC1});
     testing::internal::CaptureStdout();

@@ -38,6 +38,7 @@ const ReadRow kReads[] = {
     ROW(ZELO_2_6_ReadPowerEventRegister, 0, 1, 2),
     ROW(ZELO_ReadPowerHardwareErrorRegister, 0, 2, 1),
     ROW(ZELO_ReadSMSPowerControlPolicyRegister, 0, 3, 1),
+    ROW(ZELO_ReadPOSTPowerSettingsRegister, 0, 5, 1),
     ROW(ZELO_ReadFirmwarePowerThermalCapabilitiesRegister, 0, 7, 1),
     ROW(ZELO_ReadServerPowerCapabilitiesRegister, 0, 8, 1),
     ROW(ZELO_ReadServerPowerSettingsRegister, 0, 9, 1),
@@ -130,10 +131,16 @@ TEST_F(RegistersTest, WritesSendTheirValueMostSignificantFirst) {
     };
     for (const auto &w : writes) {
         SCOPED_TRACE(w.name);
-        fake().expect({0x2E, 0x81, concat(head(kHandle, w.element, 0x83), w.tail), okResponse({})});
+        const Bytes request = concat(head(kHandle, w.element, 0x83), w.tail);
+        fake().expect({0x2E, 0x81, request, okResponse({})});
         EXPECT_EQ(w.write(), ZELO_RC_SUCCESS);
-        fake().expect({0x2E, 0x81, concat(head(kHandle, w.element, 0x83), w.tail), {0xD5}});
+        EXPECT_EQ(fake().lastCapacity, 4u);
+        fake().expect({0x2E, 0x81, request, {0xD5}});
         EXPECT_EQ(w.write(), 0xD5);
+        fake().expect({0x2E, 0x81, request, {}, -1});
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(w.write(), ZELO_RC_FAILURE);
+        testing::internal::GetCapturedStdout();
     }
 }
 
@@ -156,37 +163,20 @@ TEST_F(RegistersTest, TwoOutputRegistersDecodeEachField) {
     EXPECT_EQ(first | second, 0);
 }
 
-TEST_F(RegistersTest, PostPowerSettingsReadsRegisterFive) {
-    expectRead(0, 5, 1, {0x02});
-    uint8_t value = 0;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZELO_ReadPOSTPowerSettingsRegister(kHandle, &value), 0);
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(value, 2);
-}
-
 TEST_F(RegistersTest, ExtendedCapabilityQueriesTestTheirBits) {
     knownFirmware();
     const struct {
-        uint8_t capabilities;
-        uint32_t extended;
-        int staticSavings;
-        int minHotplug;
-    } cases[] = {
-        {0x80, 0x100, 1, 0},
-        {0x80, 0x040, 0, 1},
-        {0x80, 0x200, 0, 1},
-        {0x80, 0x000, 0, 0},
-    };
+        uint16_t extended;
+        int staticSavings, minHotplug;
+    } cases[] = {{0x100, 1, 0}, {0x040, 0, 1}, {0x200, 0, 1}, {0x000, 0, 0}};
     for (const auto &c : cases) {
-        const Bytes extended = {
-            static_cast<uint8_t>(c.extended >> 24), static_cast<uint8_t>(c.extended >> 16),
-            static_cast<uint8_t>(c.extended >> 8), static_cast<uint8_t>(c.extended)};
-        expectRead(0, 7, 1, {c.capabilities});
-        expectRead(0, 14, 4, extended);
+        for (int query = 0; query < 2; ++query) {
+            expectRead(0, 7, 1, {0x80});
+            expectRead(
+                0, 14, 4,
+                {0, 0, static_cast<uint8_t>(c.extended >> 8), static_cast<uint8_t>(c.extended)});
+        }
         EXPECT_EQ(ZELO_IsStaticPowerSavingsModeSupported(), c.staticSavings) << c.extended;
-        expectRead(0, 7, 1, {c.capabilities});
-        expectRead(0, 14, 4, extended);
         EXPECT_EQ(ZELO_IsSupportPowerCapMinHotplugRegister(), c.minHotplug) << c.extended;
     }
     // Without capabilities bit 7 the extended register is never read.

@@ -201,16 +201,14 @@ TEST_F(SnapshotParseTest, LayoutsThatDoNotFitAreRefused) {
 }
 
 TEST_F(SnapshotParseTest, FailedReadsOfTheDescribingRegistersAreReturned) {
-    const auto histogramRequest = IpmiStep{0x2E, 0x81, head(kHandle, 2, 0x80), {}};
-    const auto capsRequest = IpmiStep{0x2E, 0x81, concat(head(kHandle, 0, 0x82), {7, 1}), {}};
-    const auto extRequest = IpmiStep{0x2E, 0x81, concat(head(kHandle, 0, 0x82), {14, 4}), {}};
-    const auto inputRequest = IpmiStep{0x2E, 0x81, head(kHandle, 11, 0x80), {}};
     // Rows in reading order; the code tells which read failed.
     const struct {
-        IpmiStep failing;
+        Bytes request;
         int rc;
-    } cases[] = {
-        {histogramRequest, 0xC3}, {capsRequest, 0xC4}, {extRequest, 0xC5}, {inputRequest, 255}};
+    } cases[] = {{head(kHandle, 2, 0x80), 0xC3},
+                 {concat(head(kHandle, 0, 0x82), {7, 1}), 0xC4},
+                 {concat(head(kHandle, 0, 0x82), {14, 4}), 0xC5},
+                 {head(kHandle, 11, 0x80), 255}};
     for (int answered = 0; answered < 4; ++answered) {
         const auto &c = cases[answered];
         if (answered > 0)
@@ -219,41 +217,29 @@ TEST_F(SnapshotParseTest, FailedReadsOfTheDescribingRegistersAreReturned) {
             read(0, 7, 1, {0x80});
         if (answered > 2)
             read(0, 14, 4, {0, 0, 0, 0x04});
-        IpmiStep failing = c.failing;
-        failing.response.assign(c.rc == 255 ? 0 : 1, static_cast<uint8_t>(c.rc));
-        failing.rc = c.rc == 255 ? -9 : 0; // 255: no answer at all
-        fake().expect(failing);
+        // 255: no answer at all.
+        fake().expect({0x2E, 0x81, c.request,
+                       Bytes(c.rc == 255 ? 0 : 1, static_cast<uint8_t>(c.rc)),
+                       c.rc == 255 ? -9 : 0});
         EXPECT_EQ(parse(rackHead()), c.rc) << answered;
         EXPECT_EQ(output.find("does not fit"), std::string::npos) << "a failed read, not a layout";
         release();
     }
 }
 
-class GetSnapshotTest : public SnapshotParseTest {
-  protected:
-    void SetUp() override {
-        SnapshotParseTest::SetUp();
-        fake().store["zelo_supported_0"] = 1;
-        fake().store["zelo_module_handle_0"] = kHandle;
-    }
-    void expectBuffer(const Bytes &data, uint16_t tag) {
-        const auto n = static_cast<uint8_t>(data.size());
-        fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), okResponse({0, 0, 0, 64, 0, 0, 0, n})});
-        fake().expect(
-            {0x2E, 0x81, concat(head(kHandle, 3, 0x81), {0, 0, 0, n}),
-             okResponse(
-                 concat({static_cast<uint8_t>(tag >> 8), static_cast<uint8_t>(tag), 0, n}, data))});
-    }
-};
-
-TEST_F(GetSnapshotTest, FailuresLeaveNothingBehind) {
+TEST_F(SnapshotParseTest, GetSnapshotFailuresLeaveNothingBehind) {
+    fake().store["zelo_supported_0"] = 1;
+    fake().store["zelo_module_handle_0"] = kHandle;
     Raw raw = rackHead();
-    raw.be(1, 1).be(9, 1).be(10, 8);
-    expectBuffer(raw.bytes, 3);
+    raw.be(1, 1).be(9, 1).be(10, 8); // an unknown subsystem
+    const auto n = static_cast<uint8_t>(raw.bytes.size());
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), okResponse({0, 0, 0, 64, 0, 0, 0, n})});
+    fake().expect({0x2E, 0x81, concat(head(kHandle, 3, 0x81), {0, 0, 0, n}),
+                   okResponse(concat({0, 3, 0, n}, raw.bytes))});
     expectHistogram(0, 2);
     expectCapabilities(0x80, 0x20);
     testing::internal::CaptureStdout();
-    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 255) << "unknown subsystem";
+    EXPECT_EQ(GetSnapshotBufferFromZELO(&record, &histogram), 255);
     EXPECT_EQ(record, nullptr);
     EXPECT_EQ(histogram.pu8BucketData, nullptr);
 
