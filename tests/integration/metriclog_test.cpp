@@ -8,6 +8,7 @@
 #include <zelo/platform.h>
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <chrono>
 #include <cstdlib>
@@ -101,12 +102,17 @@ TEST_F(MetricLogRoadTest, AConstant350WattLoadReadsBack350) {
     EXPECT_EQ(published, 350 * 100 / 94);
 }
 
-TEST_F(MetricLogRoadTest, ABladeStoresItsInletReadings) {
+// A sensor's text, quotes, backslash and control byte included, reaches
+// scripts as it was and a terminal escaped.
+TEST_F(MetricLogRoadTest, ABladeStoresItsInletReadingsAsTheSensorsTellThem) {
     ::setenv("RUX_FAMILY", "blade", 1);
-    SimProcess sim(root.path(),
-                   "blade yes\nperf none\nsensor \"Inlet Temp\" 0 24 degrees C\n"
-                   "sensor \"Inlet 1 Temp\" 0 Unavailable\nsensor \"CPU Temp\" 0 58 degrees C\n",
-                   {"--time-scale", "1000"});
+    const std::string reading = "24 \"deg\\\" C\x01";
+    SimProcess sim(
+        root.path(),
+        "blade yes\nperf none\nsensor \"Inlet Temp\" 0 " + reading +
+            "\n"
+            "sensor \"Inlet 1 Temp\" 0 Unavailable\nsensor \"CPU Temp\" 0 58 degrees C\n",
+        {"--time-scale", "1000"});
     next(next(1, false));
     SnapshotBuffer *buffers = nullptr;
     BladeInletSensorBuffer *inlets = nullptr;
@@ -116,10 +122,19 @@ TEST_F(MetricLogRoadTest, ABladeStoresItsInletReadings) {
     ASSERT_EQ(count, 1);
     // Collected in reverse platform order, read back in reverse file order.
     ASSERT_EQ(inlets[0].u8SensorNum, 2);
-    EXPECT_STREQ(inlets[0].psSensor->szTemperature, "24 degrees C");
+    EXPECT_EQ(inlets[0].psSensor->szTemperature, reading);
     EXPECT_STREQ(inlets[0].psSensor->psNext->szTemperature, "Unavailable");
     EXPECT_EQ(buffers[0].psSystemDC, nullptr) << "a blade reports no system DC";
     FreeMetricValue(buffers, inlets, perfs, count);
+
+    const auto json = runProgram(ZELO_ZELOCTL_PATH, {"--json", "metrics"});
+    ASSERT_EQ(json.status, 0) << json.err;
+    // In file order, the platform's.
+    EXPECT_EQ(nlohmann::json::parse(json.out)["Records"][0]["InletReadings"][1]["Temperature"],
+              reading);
+    const auto text = runProgram(ZELO_ZELOCTL_PATH, {"metrics"}).out;
+    EXPECT_NE(text.find("24 \"deg\\\" C\\x01"), std::string::npos) << text;
+    EXPECT_EQ(text.find('\x01'), std::string::npos);
 }
 
 } // namespace
