@@ -161,12 +161,7 @@ TEST_F(DaemonTest, AFullMetricLogIsReportedAndCountsNoRecord) {
     control("snapshot-now");
     ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 2))) << zelo.trace();
     ASSERT_TRUE(fs::exists(logFile(0)));
-    {
-        std::ofstream filler(dir + "/filler", std::ios::binary);
-        const std::string block(4096, 'f');
-        for (int i = 0; i < 32 && filler.write(block.data(), block.size()).flush(); ++i) {
-        }
-    }
+    std::ofstream(dir + "/filler", std::ios::binary) << std::string(64 * 1024, 'f'); // fills it
     control("snapshot-now");
     ASSERT_TRUE(zelo.awaitTrace("Can't write file: " + logFile(1))) << zelo.trace();
     EXPECT_FALSE(fs::exists(logFile(1)));

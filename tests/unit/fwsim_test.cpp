@@ -42,7 +42,6 @@ std::uint64_t be(const Bytes &b, std::size_t at, std::size_t width) {
     return v;
 }
 
-// Element-method requests.
 Bytes method(std::uint8_t handle, std::uint8_t element, int m, const Bytes &tail = {}) {
     return cat(cat(kId, {handle, element, static_cast<std::uint8_t>(m)}), tail);
 }
