@@ -118,4 +118,10 @@ RunResult runProgram(const std::string &program, const std::vector<std::string> 
     return result;
 }
 
+std::string scenarioFile(const std::string &name) {
+    std::stringstream s;
+    s << std::ifstream(ZELO_SCENARIO_DIR "/" + name).rdbuf();
+    return s.str();
+}
+
 } // namespace zelo::test

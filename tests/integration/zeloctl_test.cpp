@@ -5,18 +5,10 @@
 #include <nlohmann/json.hpp>
 
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 namespace zelo::test {
 namespace {
-
-std::string scenarioFile(const char *name) {
-    std::ifstream in(std::string(ZELO_SCENARIO_DIR) + "/" + name);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 RunResult zeloctl(const std::vector<std::string> &args) {
     return runProgram(ZELO_ZELOCTL_PATH, args);
