@@ -7,15 +7,11 @@
 namespace zelo::test {
 namespace {
 
-class ControlTest : public ::testing::Test {
-  protected:
-    RunResult control(const std::string &line) {
-        return runProgram(ZELO_FWSIM_PATH, {"--control", line});
-    }
+TEST(ControlTest, RefusedOrUnansweredExitsOne) {
     TempRoot root;
-};
-
-TEST_F(ControlTest, RefusedOrUnansweredExitsOne) {
+    const auto control = [](const std::string &line) {
+        return runProgram(ZELO_FWSIM_PATH, {"--control", line});
+    };
     auto r = control("reg 0 7 2 3500"); // nobody listens yet
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.err.find("zelo-fwsim: "), std::string::npos) << r.err;

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstring>
 #include <filesystem>
 #include <vector>
 
@@ -58,12 +57,11 @@ TEST_F(SocketTest, DiscoveryAndRegistersAsTheScenarioSays) {
     // Eight bytes answered into room for six: the surplus is read and dropped.
     const uint8_t raw[] = {
         ZELO_IANA_ID & 0xFF, (ZELO_IANA_ID >> 8) & 0xFF, ZELO_IANA_ID >> 16, 5, 13, 0x82, 3, 4};
-    uint8_t answer[8];
-    std::memset(answer, 0xEE, sizeof answer);
+    std::vector<uint8_t> answer(8, 0xEE);
     uint32_t length = 6;
-    EXPECT_EQ(IPMI_DoIPMICmd(0x2E, 0x81, raw, sizeof raw, answer, &length), 0);
+    EXPECT_EQ(IPMI_DoIPMICmd(0x2E, 0x81, raw, sizeof raw, answer.data(), &length), 0);
     EXPECT_EQ(length, 6u);
-    EXPECT_EQ(std::vector<uint8_t>(answer + 4, answer + 8),
+    EXPECT_EQ(std::vector<uint8_t>(answer.begin() + 4, answer.end()),
               (std::vector<uint8_t>{0, 0x0A, 0xEE, 0xEE}));
     EXPECT_EQ(readRegister(5, 13, 3, 4).value, 0x000A0003u);
     EXPECT_EQ(readRegister(12, 7, 9, 2).value, 1200u);
