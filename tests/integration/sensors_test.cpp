@@ -8,8 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 namespace zelo::test {
@@ -20,19 +18,13 @@ using Bytes = std::vector<uint8_t>;
 constexpr uint32_t kRecordLen = 1492;
 constexpr uint8_t kTemperature = 1;
 
-std::string readFile(const std::string &path) {
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
-}
-
 class SensorsTest : public ::testing::Test {
   protected:
     TempRoot root;
 };
 
 TEST_F(SensorsTest, BladeSensorsArriveAsRecordsInScenarioOrder) {
-    SimProcess sim(root.path(), readFile(ZELO_SCENARIO_DIR "/blade.scn"));
+    SimProcess sim(root.path(), scenarioFile("blade.scn"));
     const struct {
         uint8_t status;
         std::string name, reading;

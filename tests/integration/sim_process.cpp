@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -16,12 +16,10 @@ namespace zelo::test {
 
 namespace {
 
-// Runs program (under the cross build's emulator) with stdout, and stderr when
-// wanted, on pipes read into the result until they close or, with firstLine,
-// until stdout has given one line; a child whose stderr is not wanted shares
-// the test's, so its reports stay visible. Returns the child's pid.
-pid_t spawnAndRead(const std::string &program, const std::vector<std::string> &args, bool wantErr,
-                   bool firstLine, RunResult &result) {
+// Starts program (under the cross build's emulator) with its standard output
+// on fd out and its standard error on fd err, or the test's when err < 0, so
+// its reports stay visible. Returns the child's pid.
+pid_t spawn(const std::string &program, const std::vector<std::string> &args, int out, int err) {
     std::vector<std::string> argv;
     std::istringstream emulator(ZELO_TEST_EMULATOR);
     for (std::string word; emulator >> word;)
@@ -29,48 +27,27 @@ pid_t spawnAndRead(const std::string &program, const std::vector<std::string> &a
     argv.push_back(program);
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char *> cargv;
-    for (const auto &a : argv)
-        cargv.push_back(const_cast<char *>(a.c_str()));
+    for (auto &a : argv)
+        cargv.push_back(a.data());
     cargv.push_back(nullptr);
-    int out[2], err[2];
-    if (::pipe(out) != 0 || ::pipe(err) != 0)
-        return -1;
     const pid_t pid = ::fork();
     if (pid == 0) {
-        ::dup2(out[1], STDOUT_FILENO);
-        if (wantErr)
-            ::dup2(err[1], STDERR_FILENO);
-        ::close(out[0]);
-        ::close(err[0]);
+        ::dup2(out, STDOUT_FILENO);
+        if (err >= 0)
+            ::dup2(err, STDERR_FILENO);
         ::execvp(cargv[0], cargv.data());
         ::_exit(127);
     }
-    ::close(out[1]);
-    ::close(err[1]);
-    if (!wantErr)
-        ::close(err[0]);
-    struct pollfd fds[2] = {{out[0], POLLIN, 0}, {wantErr ? err[0] : -1, POLLIN, 0}};
-    int open = wantErr ? 2 : 1;
-    while (open > 0 && !(firstLine && result.out.find('\n') != std::string::npos) &&
-           ::poll(fds, 2, 30000) > 0) {
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            char buf[512];
-            const ssize_t n = ::read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                (i == 0 ? result.out : result.err).append(buf, static_cast<std::size_t>(n));
-            } else {
-                ::close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
-    for (const auto &f : fds)
-        if (f.fd >= 0)
-            ::close(f.fd);
     return pid;
+}
+
+std::string readAll(std::FILE *file) {
+    std::string text;
+    std::rewind(file);
+    for (int c; (c = std::fgetc(file)) != EOF;)
+        text += static_cast<char>(c);
+    std::fclose(file);
+    return text;
 }
 
 } // namespace
@@ -97,14 +74,20 @@ SimProcess::SimProcess(const std::string &root, const std::string &scenario,
     std::ofstream(file) << scenario;
     std::vector<std::string> args = {"--scenario", file};
     args.insert(args.end(), arguments.begin(), arguments.end());
-    RunResult started;
-    pid_ = spawnAndRead(ZELO_FWSIM_PATH, args, false, true, started);
-    if (pid_ < 0)
+    int out[2];
+    if (::pipe(out) != 0 || (pid_ = spawn(ZELO_FWSIM_PATH, args, out[1], -1)) < 0)
         throw std::runtime_error("cannot start zelo-fwsim");
+    ::close(out[1]);
     // The simulator announces itself once its socket accepts connections.
-    if (started.out.find("listening") == std::string::npos) {
+    std::string started;
+    struct pollfd ready = {out[0], POLLIN, 0};
+    char c = 0;
+    while (c != '\n' && ::poll(&ready, 1, 30000) > 0 && ::read(out[0], &c, 1) == 1)
+        started += c;
+    ::close(out[0]);
+    if (started.find("listening") == std::string::npos) {
         stop();
-        throw std::runtime_error("zelo-fwsim did not start: " + started.out);
+        throw std::runtime_error("zelo-fwsim did not start: " + started);
     }
 }
 
@@ -125,11 +108,20 @@ void SimProcess::stop() {
 
 RunResult runProgram(const std::string &program, const std::vector<std::string> &args) {
     RunResult result;
-    const pid_t pid = spawnAndRead(program, args, true, false, result);
+    std::FILE *out = std::tmpfile(), *err = std::tmpfile();
+    const pid_t pid = spawn(program, args, ::fileno(out), ::fileno(err));
     int status = 0;
     if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status))
         result.status = WEXITSTATUS(status);
+    result.out = readAll(out);
+    result.err = readAll(err);
     return result;
+}
+
+std::string scenarioFile(const std::string &name) {
+    std::stringstream s;
+    s << std::ifstream(ZELO_SCENARIO_DIR "/" + name).rdbuf();
+    return s.str();
 }
 
 } // namespace zelo::test

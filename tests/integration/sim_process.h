@@ -43,7 +43,10 @@ struct RunResult {
     std::string err;
 };
 
-// Runs a program of the build with the given arguments and environment additions.
+// Runs a program of the build with the given arguments, until it exits.
 RunResult runProgram(const std::string &program, const std::vector<std::string> &args);
+
+// The text of a sample scenario file (sim/scenarios).
+std::string scenarioFile(const std::string &name);
 
 } // namespace zelo::test

@@ -42,7 +42,6 @@ std::uint64_t be(const Bytes &b, std::size_t at, std::size_t width) {
     return v;
 }
 
-// Element-method requests.
 Bytes method(std::uint8_t handle, std::uint8_t element, int m, const Bytes &tail = {}) {
     return cat(cat(kId, {handle, element, static_cast<std::uint8_t>(m)}), tail);
 }
@@ -405,8 +404,12 @@ TEST(FwsimControl, LinesChangeTheRunningFirmware) {
     Sim sim;
     sim.at(1000);
     sim.apply("tag 65535");
+    sim.apply("status-byte 0x12");
+    EXPECT_EQ(sim.tag(), 65535) << "at once, both bytes";
+    EXPECT_EQ(sim.buffer().at(kHead), 0) << "the status byte waits for the next snapshot";
     sim.apply("snapshot-now");
     EXPECT_EQ(sim.tag(), 1) << "0 is skipped";
+    EXPECT_EQ(sim.buffer().at(kHead), 0x12);
     sim.at(40000);
     sim.apply("tag 5");
     sim.apply("restart-at 42000"); // armed once

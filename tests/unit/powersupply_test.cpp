@@ -114,9 +114,9 @@ TEST_F(PowerSupplyTest, PsuTypeEntryIsGatedByTheRedundancyCapability) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(ZELO_ReadSupportedPSUTypesIndexedBuffer(kHandle, 1, &entry), 0);
     EXPECT_EQ(fake().lastCapacity, 11u);
-    EXPECT_EQ(entry.u8PSUTypeByte0, 0xA1);
-    EXPECT_EQ(entry.u8PSUTypeByte1, 0xB2);
-    EXPECT_EQ(entry.u16PSUWattage, 1100);
+    EXPECT_EQ(
+        (std::vector<unsigned>{entry.u8PSUTypeByte0, entry.u8PSUTypeByte1, entry.u16PSUWattage}),
+        (std::vector<unsigned>{0xA1, 0xB2, 1100}));
 
     expectCapabilities(0x02, 0x00);
     fake().expect({0x2E, 0x81, concat(head(kHandle, 10, 0x83), {31, 1, 2}), okResponse({})});

@@ -105,40 +105,31 @@ TEST_F(RedundancyReportTest, NoneOrSeveralActiveEntries) {
     EXPECT_EQ(report.firstPowerMode1Config, 0);
 }
 
-TEST_F(RedundancyReportTest, RefusesWhatItCannotDescribe) {
-    const struct {
-        const char *lines;
-        const char *error;
-    } cases[] = {
-        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list 0,1\n",
-         "Error, PSU index (1) is larger than number of supported types (1)"},
-        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list 0,0,0\n",
-         "Error, unexpected value for u8PSUTypeIndexLen=3"},
-        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list none\n",
-         "Error, unexpected value for u8PSUTypeIndexLen=0"},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.lines);
-        EXPECT_EQ(run(c.lines), 1);
-        EXPECT_STREQ(report.errorText, c.error);
-        ZELO_FreeRedundancyConfigs(&report);
-    }
-}
-
-TEST_F(RedundancyReportTest, FirmwareFailuresNameTheStepAndCode) {
+// What the report cannot describe, and a failed read naming its step and code.
+TEST_F(RedundancyReportTest, RefusalsAndFailuresNameTheirCause) {
     const struct {
         const char *lines;
         uint8_t rc;
         const char *error;
     } cases[] = {
-        {"reg 0 0 14 0x140\n", 255, "supported PSU types indexed buffer for index=0, rc=255"},
-        {"fault 0 10 0x82 0xC9\n", 0xC9, "redundancy target register, rc=201"},
-        {"fault 0 10 0x80 0xC3\n", 0xC3, "power supply element configuration register, rc=195"},
-        {"fault 0 10 0x87 0xCA\n", 0xCA, "supported PSU types indexed buffer for index=0, rc=202"},
+        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list 0,1\n", 1,
+         "Error, PSU index (1) is larger than number of supported types (1)"},
+        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list 0,0,0\n", 1,
+         "Error, unexpected value for u8PSUTypeIndexLen=3"},
+        {"psutype 0 0 800\nredundancy 0 0 1+1 props 0x40 list none\n", 1,
+         "Error, unexpected value for u8PSUTypeIndexLen=0"},
+        {"reg 0 0 14 0x140\n", 255,
+         "Error reading supported PSU types indexed buffer for index=0, rc=255"},
+        {"fault 0 10 0x82 0xC9\n", 0xC9, "Error reading redundancy target register, rc=201"},
+        {"fault 0 10 0x80 0xC3\n", 0xC3,
+         "Error reading power supply element configuration register, rc=195"},
+        {"fault 0 10 0x87 0xCA\n", 0xCA,
+         "Error reading supported PSU types indexed buffer for index=0, rc=202"},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(run(c.lines), c.rc) << c.lines;
-        EXPECT_EQ(std::string(report.errorText), std::string("Error reading ") + c.error);
+        SCOPED_TRACE(c.lines);
+        EXPECT_EQ(run(c.lines), c.rc);
+        EXPECT_STREQ(report.errorText, c.error);
         ZELO_FreeRedundancyConfigs(&report);
     }
 }

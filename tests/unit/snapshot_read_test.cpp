@@ -30,7 +30,7 @@ class SnapshotReadTest : public PlatformTest {
     }
 };
 
-TEST_F(SnapshotReadTest, ConfigurationBlocksDecodeTheirFields) {
+TEST_F(SnapshotReadTest, ConfigurationBlocksDecodeTheirFieldsOrZeroThem) {
     fake().expect({0x2E, 0x81, head(kHandle, 2, 0x80),
                    okResponse({0xEE, 0xEE, 0x00, 0x64, 0x12, 0x34, 10, 50, 4, 9})});
     uint16_t base = 1, second = 1;
@@ -48,6 +48,13 @@ TEST_F(SnapshotReadTest, ConfigurationBlocksDecodeTheirFields) {
     EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 0);
     EXPECT_EQ(fake().lastCapacity, 12u);
     EXPECT_EQ((std::vector<unsigned>{chunk, second, total}), (std::vector<unsigned>{64, 1, 150}));
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {0xC9}});
+    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {}, -4});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 0xC9);
+    EXPECT_EQ(chunk | second | total, 0) << "zeroed on failure";
+    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 255);
+    testing::internal::GetCapturedStdout();
 
     fake().expect(
         {0x2E, 0x81, head(kHandle, 11, 0x80), okResponse({0, 0, 1, 2, 3, 4, 5, 6, 7, 8})});
@@ -56,17 +63,6 @@ TEST_F(SnapshotReadTest, ConfigurationBlocksDecodeTheirFields) {
                                                      &o[5], &o[6], &o[7]),
               0);
     EXPECT_EQ(Bytes(o, o + 8), (Bytes{1, 2, 3, 4, 5, 6, 7, 8}));
-}
-
-TEST_F(SnapshotReadTest, ConfigurationFailuresZeroTheOutputs) {
-    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {0xC9}});
-    fake().expect({0x2E, 0x81, head(kHandle, 3, 0x80), {}, -4});
-    uint16_t chunk = 7, second = 7, total = 7;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 0xC9);
-    EXPECT_EQ(chunk | second | total, 0);
-    EXPECT_EQ(ZELO_ReadSnapshotBufferConfiguration(kHandle, &chunk, &second, &total), 255);
-    testing::internal::GetCapturedStdout();
 }
 
 TEST_F(SnapshotReadTest, OneChunkRefusesAnOverlongAnswer) {
@@ -89,24 +85,8 @@ TEST_F(SnapshotReadTest, OneChunkRefusesAnOverlongAnswer) {
     EXPECT_EQ(dest[0], 1) << "nothing copied";
 }
 
-TEST_F(SnapshotReadTest, WholeBufferInChunksUnderOneTag) {
-    const Bytes data = fill(150, 0);
-    expectChunk(0, 64, 5, Bytes(data.begin(), data.begin() + 64));
-    expectChunk(64, 64, 5, Bytes(data.begin() + 64, data.begin() + 128));
-    expectChunk(128, 22, 5, Bytes(data.begin() + 128, data.end()));
-    uint8_t dest[150] = {};
-    uint16_t bytesRead = 0, tag = 0;
-    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 150, &bytesRead, dest, &tag), 0);
-    EXPECT_EQ(bytesRead, 150);
-    EXPECT_EQ(tag, 5);
-    EXPECT_EQ(Bytes(dest, dest + 150), data);
-
-    expectChunk(0, 40, 6, fill(40, 0));
-    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 40, &bytesRead, dest, &tag), 0);
-    EXPECT_EQ(tag, 6) << "one chunk, its tag";
-}
-
-TEST_F(SnapshotReadTest, ChangedTagRestartsFromTheStart) {
+// Chunks are put together under one tag; a changed one starts over.
+TEST_F(SnapshotReadTest, WholeBufferUnderOneTag) {
     expectChunk(0, 64, 5, fill(64, 0));
     expectChunk(64, 64, 5, fill(64, 64));
     expectChunk(128, 22, 6, fill(22, 1)); // a new snapshot between chunks
@@ -118,8 +98,11 @@ TEST_F(SnapshotReadTest, ChangedTagRestartsFromTheStart) {
     EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 150, &bytesRead, dest, &tag), 0);
     EXPECT_EQ(bytesRead, 150);
     EXPECT_EQ(tag, 6);
-    EXPECT_EQ(dest[0], 2);
-    EXPECT_EQ(dest[149], 4 + 21);
+    EXPECT_EQ(Bytes(dest, dest + 150), concat(concat(fill(64, 2), fill(64, 3)), fill(22, 4)));
+
+    expectChunk(0, 40, 7, fill(40, 0));
+    EXPECT_EQ(ReadTotalSnapshotBuffer(kHandle, 64, 40, &bytesRead, dest, &tag), 0);
+    EXPECT_EQ(tag, 7) << "one chunk, its tag";
 }
 
 // Seven reads at most, whether the seventh completes the buffer, the answers
