@@ -2,7 +2,7 @@
 
 #include "firmware/discovery_internal.h"
 #include "history/history_internal.h"
-#include "metriclog/state.h"
+#include "metriclog/cycle.h"
 #include "tracelog/state.h"
 
 #include <zelo/firmware.h>
@@ -48,16 +48,6 @@ int fakeGet(const char *what, const char *key, T *value) {
     return it != gFake.store.end();
 }
 
-// The last snapshot and histogram the calculation keeps, and the log counters.
-void resetMetricLog() {
-    namespace ml = metriclog;
-    FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
-    ml::sLastSnapshotBuffer = SnapshotBuffer{};
-    std::free(ml::sLastHistogramData.pu8BucketData);
-    ml::sLastHistogramData = HistogramData{};
-    ml::u8LogFileIndex = ml::u8LogFileNum = 0;
-}
-
 } // namespace
 
 FakePlatform &fake() {
@@ -68,7 +58,8 @@ void PlatformTest::SetUp() {
     gFake = FakePlatform{};
     firmware::resetSupportCache();
     history::resetHistories();
-    resetMetricLog();
+    metriclog::resetBaseline();
+    metriclog::restartFileNumbering();
     trace::u32TraceLogIndex = 0;
     trace::s32PowerHistoryLogLevel = 0;
     hooks->sysinfo = fakeSysinfo;
@@ -81,7 +72,7 @@ void PlatformTest::SetUp() {
 
 void PlatformTest::TearDown() {
     EXPECT_EQ(gFake.pending(), 0u) << "scripted IPMI exchanges were not sent";
-    resetMetricLog();
+    metriclog::resetBaseline(); // frees what the test left
     ::unsetenv("RUX_FAMILY");
     ::unsetenv("ZELO_ROOT");
     std::error_code ec;

@@ -280,16 +280,12 @@ TEST_F(MetricLogTest, RotatesOverOneHundredTwentyFilesAndReadsOldestFirst) {
 
     // File 1 is the oldest, file 0 the newest; a missing file is skipped.
     for (const int expected : {120, 119}) {
-        SnapshotBuffer *buffers = nullptr;
-        BladeInletSensorBuffer *inlets = nullptr;
-        PerfMetricSet *perfs = nullptr;
-        uint8_t count = 0;
-        ASSERT_EQ(GetMetricValue(&buffers, &inlets, &perfs, &count), 0);
-        ASSERT_EQ(count, expected);
-        EXPECT_EQ(buffers[0].u64Timestamp, 2u * 30000);
-        EXPECT_EQ(buffers[count - 1].u64Timestamp, 121u * 30000);
-        EXPECT_EQ(perfs, nullptr) << "no performance figures on this firmware";
-        FreeMetricValue(buffers, inlets, perfs, count);
+        files::LogRead log;
+        ASSERT_EQ(log.get(), 0);
+        ASSERT_EQ(log.count, expected);
+        EXPECT_EQ(log.buffers[0].u64Timestamp, 2u * 30000);
+        EXPECT_EQ(log.buffers[log.count - 1].u64Timestamp, 121u * 30000);
+        EXPECT_EQ(log.perfs, nullptr) << "no performance figures on this firmware";
         std::filesystem::remove(file(50));
     }
     EXPECT_FALSE(std::filesystem::exists(dir + "zelo.lock")) << "released";

@@ -115,22 +115,20 @@ TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
         fs::remove(std::string(std::getenv("ZELO_ROOT")) + "/tmp/zelo_log/zelo.lock");
         return 0;
     };
-    SnapshotBuffer *buffers = nullptr;
-    BladeInletSensorBuffer *inlets = nullptr;
-    PerfMetricSet *perfs = nullptr;
-    uint8_t count = 0, skipped = 9;
-    const uint8_t rc = ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped);
-    ASSERT_EQ(rc, ZELO_RC_SUCCESS);
-    ASSERT_EQ(count, kFiles);
+    LogRead log;
+    uint8_t skipped = 9;
+    ASSERT_EQ(ReadMetricLog(&log.buffers, &log.inlets, &log.perfs, &log.count, &skipped),
+              ZELO_RC_SUCCESS);
+    ASSERT_EQ(log.count, kFiles);
     EXPECT_EQ(skipped, 0);
     EXPECT_FALSE(fs::exists(root + "/tmp/zelo_log/zelo.lock"));
-    for (unsigned i = 0; i < count; ++i)
-        EXPECT_EQ(buffers[i].u64Timestamp, (i + 3) * 30000ull) << i;
+    for (unsigned i = 0; i < log.count; ++i)
+        EXPECT_EQ(log.buffers[i].u64Timestamp, (i + 3) * 30000ull) << i;
     // The fields themselves: zeloctl's metrics test. Here the inlet order.
-    ASSERT_EQ(inlets[count - 1].u8SensorNum, 2);
-    EXPECT_STREQ(inlets[count - 1].psSensor->szTemperature, "20.5") << "file order";
-    EXPECT_EQ(inlets[count - 1].psSensor->psNext->u32SensorIndex, 3u);
-    FreeMetricValue(buffers, inlets, perfs, count);
+    const auto &newest = log.inlets[log.count - 1];
+    ASSERT_EQ(newest.u8SensorNum, 2);
+    EXPECT_STREQ(newest.psSensor->szTemperature, "20.5") << "file order";
+    EXPECT_EQ(newest.psSensor->psNext->u32SensorIndex, 3u);
 }
 
 TEST_F(TelemetryTest, AMetricFileThatIsNotOneWholeRecordIsLeftOut) {
@@ -144,23 +142,19 @@ TEST_F(TelemetryTest, AMetricFileThatIsNotOneWholeRecordIsLeftOut) {
         {"counts beyond the file", Bytes{255, 1, 2, 3}},
         {"empty", {}},
     };
-    SnapshotBuffer *buffers = nullptr;
-    BladeInletSensorBuffer *inlets = nullptr;
-    PerfMetricSet *perfs = nullptr;
-    uint8_t count = 0, skipped = 0;
     for (const auto &[what, bytes] : cases) {
-        writeLog(root, {good, bytes}, 1);
-        EXPECT_EQ(ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped), ZELO_RC_SUCCESS)
-            << what;
-        EXPECT_EQ(count, 1) << what;
-        EXPECT_EQ(skipped, 1) << what;
-        FreeMetricValue(buffers, inlets, perfs, count);
-
-        writeLog(root, {bytes}, 0);
-        EXPECT_EQ(ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped), ZELO_RC_BAD_FILE)
-            << what;
-        EXPECT_EQ(buffers, nullptr);
-        EXPECT_EQ(count, 0);
+        SCOPED_TRACE(what);
+        for (const bool alone : {false, true}) {
+            writeLog(root, alone ? std::vector<Bytes>{bytes} : std::vector<Bytes>{good, bytes},
+                     alone ? 0 : 1);
+            LogRead log;
+            uint8_t skipped = 0;
+            EXPECT_EQ(ReadMetricLog(&log.buffers, &log.inlets, &log.perfs, &log.count, &skipped),
+                      alone ? ZELO_RC_BAD_FILE : ZELO_RC_SUCCESS);
+            EXPECT_EQ(log.count, alone ? 0 : 1);
+            EXPECT_EQ(skipped, 1);
+            EXPECT_EQ(log.buffers == nullptr, alone);
+        }
     }
 }
 
