@@ -93,10 +93,6 @@ Bytes head(uint8_t handle, uint8_t element, uint8_t method) {
     return {kIana[0], kIana[1], kIana[2], handle, element, method};
 }
 
-Bytes discoveryRequest(uint8_t instance) {
-    return {kIana[0], kIana[1], kIana[2], instance, 0, 1};
-}
-
 Bytes concat(Bytes a, const Bytes &b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;

@@ -91,7 +91,9 @@ Bytes fileBytes(const std::string &path);
 Bytes head(uint8_t handle, uint8_t element, uint8_t method);
 Bytes concat(Bytes a, const Bytes &b);
 // The discovery request for an instance.
-Bytes discoveryRequest(uint8_t instance);
+inline Bytes discoveryRequest(uint8_t instance) {
+    return head(instance, 0, 1);
+}
 // A successful response: completion code 0, id echo, data.
 Bytes okResponse(const Bytes &data);
 

@@ -41,10 +41,10 @@ class HistoryFilesTest : public PlatformTest {
 
 // Time stamp and six values, little-endian, in record order.
 Bytes le(uint32_t timestamp, std::array<uint16_t, 6> values) {
-    Bytes b{static_cast<uint8_t>(timestamp), static_cast<uint8_t>(timestamp >> 8),
-            static_cast<uint8_t>(timestamp >> 16), static_cast<uint8_t>(timestamp >> 24)};
+    Bytes b;
+    files::putLe(b, timestamp, 4);
     for (uint16_t v : values)
-        b.insert(b.end(), {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8)});
+        files::putLe(b, v, 2);
     return b;
 }
 

@@ -44,15 +44,19 @@ class HistoryTrackerTest : public PlatformTest {
     }
 };
 
-void expectSample(const PowerHistorySample &s, uint64_t t, std::array<uint16_t, 6> values) {
-    EXPECT_EQ(s.timestamp, static_cast<uint32_t>(t));
-    const std::array<uint16_t, 6> got{s.minAC, s.avgAC, s.maxAC, s.minDC, s.avgDC, s.maxDC};
-    EXPECT_EQ(got, values) << "sample stamped " << s.timestamp;
+using Values = std::array<uint16_t, 6>;
+Values values(const PowerHistorySample &s) {
+    return {s.minAC, s.avgAC, s.maxAC, s.minDC, s.avgDC, s.maxDC};
 }
-
+Values values(const PowerPerformanceSample &s) {
+    return {s.min, s.avg, s.max, s.cpu, s.mem, s.io};
+}
+void expectSample(const PowerHistorySample &s, uint64_t t, Values expected) {
+    EXPECT_EQ(s.timestamp, static_cast<uint32_t>(t));
+    EXPECT_EQ(values(s), expected) << "sample stamped " << s.timestamp;
+}
 bool isUnknown(const PowerHistorySample &s) {
-    return s.minAC == 8888 && s.avgAC == 8888 && s.maxAC == 8888 && s.minDC == 8888 &&
-           s.avgDC == 8888 && s.maxDC == 8888;
+    return values(s) == Values{8888, 8888, 8888, 8888, 8888, 8888};
 }
 
 TEST_F(HistoryTrackerTest, FirstIntervalIs120SecondsThenTheGridIs150) {
@@ -204,16 +208,12 @@ TEST_F(HistoryTrackerTest, PerformanceCountsZeroReadingsAndFillsGapsWithZeros) {
     trackPowerPerformance(0, 0, 0, 0, 0);
     for (uint64_t i = 0; i < 5; ++i)
         trackPowerPerformance(kT0 + 30 * i, i == 0 ? 0 : 40 + i, 10 * i, 7, 70'001);
-    const auto &s = gPerformance.ring[0];
-    EXPECT_EQ(s.timestamp, kT0 + 120);
-    EXPECT_EQ((std::array<uint16_t, 6>{s.min, s.avg, s.max, s.cpu, s.mem, s.io}),
-              (std::array<uint16_t, 6>{0, 34, 44, 20, 7, 4465}));
+    EXPECT_EQ(gPerformance.ring[0].timestamp, kT0 + 120);
+    EXPECT_EQ(values(gPerformance.ring[0]), (Values{0, 34, 44, 20, 7, 4465}));
 
     trackPowerPerformance(kT0 + 270 + 180, 50, 50, 50, 50);
-    const auto &gap = gPerformance.ring[1];
-    EXPECT_EQ(gap.timestamp, kT0 + 420);
-    EXPECT_EQ((std::array<uint16_t, 6>{gap.min, gap.avg, gap.max, gap.cpu, gap.mem, gap.io}),
-              (std::array<uint16_t, 6>{}));
+    EXPECT_EQ(gPerformance.ring[1].timestamp, kT0 + 420);
+    EXPECT_EQ(values(gPerformance.ring[1]), Values{});
     // Its interval line is always wanted; the power tracker's is not.
     EXPECT_TRUE(traced("\"trackPowerPerformance\": timestamp=1700000030, endtime=1700000120, "
                        "nextPerformanceSampleIndex=0, maxsystem=41, accsystem=41, minsystem=0, "

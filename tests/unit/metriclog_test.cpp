@@ -32,9 +32,8 @@ class MetricLogTest : public PlatformTest {
     void SetUp() override {
         PlatformTest::SetUp();
         dir = root + "/tmp/zelo_log/";
-        std::filesystem::create_directories(dir);
-        std::filesystem::create_directories(root + "/tmp/zelo_trace");
-        std::filesystem::create_directories(root + "/pstorage/power");
+        for (const char *d : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
+            std::filesystem::create_directories(root + d);
         hooks->usleep = [](useconds_t) { return 0; }; // busy retries need no real wait
         useFirmware("perf none\n");
         testing::internal::CaptureStdout(); // the writer and reader report as they go
@@ -300,37 +299,33 @@ TEST_F(MetricLogTest, ReaderCopesWithCutAndForeignFiles) {
     BladeInletSensorBuffer l{};
     PerfMetricSet f{};
     const auto read = [&](const std::string &path) {
+        FreeSignalMetricValue(&r, &l, &f);
+        r = {}, l = {};
         return ReadMeticValueFromFile(path.c_str(), &r, &l, &f);
     };
-    EXPECT_EQ(read(file(0)), 0);
+    EXPECT_EQ(ReadMeticValueFromFile(file(0).c_str(), &r, &l, &f), 0);
     EXPECT_EQ(r.psSystemDC->u64Avg, 350u);
     EXPECT_EQ(r.u8PowerStatus, 0x21);
     EXPECT_EQ(r.u16Tag, 7) << "not in the file";
-    FreeSignalMetricValue(&r, &l, &f);
 
     // Cut after row 14 (no inlet count), and a foreign file promising 255
     // readings with a 64-byte text lacking its end.
     Bytes foreign = fileBytes(file(0));
     foreign.pop_back();
     files::writeFile(file(1), foreign);
-    r = {};
-    l = {};
     EXPECT_EQ(read(file(1)), -1);
-    FreeSignalMetricValue(&r, &l, &f);
     foreign.insert(foreign.end(), {255, 9, 0, 0, 0});
     foreign.insert(foreign.end(), 64, 'x');
     files::writeFile(file(2), foreign);
-    r = {};
-    l = {};
     EXPECT_EQ(read(file(2)), 0);
     EXPECT_EQ(l.u8SensorNum, 1) << "only what the file holds";
     EXPECT_EQ(std::strlen(l.psSensor->szTemperature), 63u);
     output();
     PrintAllMetricValue(&r, &l, &f);
-    FreeSignalMetricValue(&r, &l, &f);
     EXPECT_NE(output().find("InletSensorName:Unknown  Temperature:xxx"), std::string::npos);
     EXPECT_EQ(read(dir + "none"), 2);
     EXPECT_EQ(ReadMeticValueFromFile(nullptr, &r, &l, &f), 1);
+    FreeSignalMetricValue(&r, &l, &f);
 }
 
 } // namespace

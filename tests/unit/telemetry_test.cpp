@@ -40,8 +40,6 @@ class TelemetryTest : public PlatformTest {
     }
 };
 
-// ---- history items ----
-
 TEST_F(TelemetryTest, HistoryItemsComeOldestFirstWithoutEmptySlotsAndUnknownsMarked) {
     // Wrapped ring: next slot 2 holds the oldest (t=1000), slots 0 and 1 the newest.
     writeHistory(ringFile(2, {{2, {1000, 1, 2, 3, 4, 5, 6}},
@@ -100,8 +98,6 @@ TEST_F(TelemetryTest, AHistoryFileThatIsNotExactlyOneRingIsRefused) {
     EXPECT_EQ(ReadPowerHistoryItems(nullptr, 1, &count), ZELO_RC_INVALID_PARAMETER);
 }
 
-// ---- metric log ----
-
 TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
     // A rotated log: file 2 was written last, so file 3 is the oldest.
     constexpr unsigned kFiles = 5;
@@ -157,8 +153,6 @@ TEST_F(TelemetryTest, AMetricFileThatIsNotOneWholeRecordIsLeftOut) {
         }
     }
 }
-
-// ---- power over a window ----
 
 TEST_F(TelemetryTest, NothingToSummariseAndWindowsOutOfRange) {
     window(3600, ZELO_RC_NO_DATA);  // no log directory
