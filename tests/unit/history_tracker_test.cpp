@@ -1,6 +1,6 @@
-// The history trackers on explicit figures: the 150-second grid, gaps, clock
-// steps, the save pacing, restarts, and what the performance twin does
-// otherwise. The 16-bit arithmetic and long gaps: history_equivalence_test.
+// The history trackers on explicit figures: the 150-second grid, clock steps,
+// a failed save, restarts, and what the performance twin does otherwise. Gaps,
+// the save pacing and the 16-bit arithmetic: history_equivalence_test.
 #include "fake_platform.h"
 
 #include "history/history_internal.h"
@@ -76,44 +76,6 @@ TEST_F(HistoryTrackerTest, FirstIntervalIs120SecondsThenTheGridIs150) {
     EXPECT_EQ(gPower.acc.count, 0);
 }
 
-TEST_F(HistoryTrackerTest, GapsCloseOnTheGridAndAddUnknownSamplesFrom180Seconds) {
-    struct Case {
-        uint64_t late;                // snapshot this long after endtime
-        std::vector<uint64_t> stamps; // appended, relative to the old endtime
-        uint64_t endtime;             // new endtime, relative to the old one
-        uint16_t open;                // snapshots left in the open interval
-    };
-    const Case cases[] = {
-        {1, {0}, 150, 1},
-        {29, {0}, 150, 1},
-        {59, {0}, 150, 1},
-        {150, {0, 150}, 300, 0},
-        {179, {0}, 150, 1},
-        {180, {0, 150}, 300, 1},
-        {330, {0, 150, 300}, 450, 1},
-        {450, {0, 150, 300, 450}, 600, 0},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.late);
-        restart();
-        for (uint64_t i = 0; i < 4; ++i)
-            snap(kT0 + 30 * i, 300, 200);
-        const uint64_t end = gPower.endtime;
-        snap(end + c.late, 900, 700);
-        ASSERT_EQ(gPower.nextIndex, c.stamps.size());
-        expectSample(gPower.ring[0], end, {300, 300, 300, 200, 200, 200});
-        for (std::size_t i = 1; i < c.stamps.size(); ++i) {
-            EXPECT_EQ(gPower.ring[i].timestamp, end + c.stamps[i]);
-            EXPECT_EQ(isUnknown(gPower.ring[i]), end + c.stamps[i] != end + c.late);
-        }
-        if (c.open == 0)
-            expectSample(gPower.ring[c.stamps.size() - 1], end + c.late,
-                         {900, 900, 900, 700, 700, 700});
-        EXPECT_EQ(gPower.endtime, end + c.endtime);
-        EXPECT_EQ(gPower.acc.count, c.open);
-    }
-}
-
 TEST_F(HistoryTrackerTest, ClockGoingBackShiftsEverySlotBy16BitsOfTheStep) {
     for (uint64_t i = 0; i < 6; ++i)
         snap(kT0 + 30 * i);
@@ -170,14 +132,10 @@ TEST_F(HistoryTrackerTest, AStepThatWouldStampASampleZeroStartsANewGrid) {
     EXPECT_EQ(gPower.endtime, 150u);
 }
 
-TEST_F(HistoryTrackerTest, SavesWhen600MonotonicSecondsHavePassed) {
-    const std::string full = root + "/pstorage/power/PowerHistoryFull";
+TEST_F(HistoryTrackerTest, AFailedSaveIsRetriedWithTheNextSample) {
     const PowerHistorySample s{static_cast<uint32_t>(kT0), 1, 2, 3, 4, 5, 6};
-    gMonotonic = 599;
-    addSampleToPowerHistory(&s);
-    EXPECT_FALSE(std::filesystem::exists(full));
-
-    // A failed save keeps the old save time, so the next sample tries again.
+    // The pacing itself: history_equivalence_test. A failed save keeps the
+    // old save time, so the next sample tries again.
     std::filesystem::remove_all(root + "/pstorage/power");
     gMonotonic = 600;
     addSampleToPowerHistory(&s);
@@ -186,7 +144,7 @@ TEST_F(HistoryTrackerTest, SavesWhen600MonotonicSecondsHavePassed) {
     gMonotonic = 601;
     addSampleToPowerHistory(&s);
     EXPECT_EQ(gPower.lastSaveTime, 601);
-    EXPECT_EQ(std::filesystem::file_size(full), 9218u);
+    EXPECT_EQ(std::filesystem::file_size(root + "/pstorage/power/PowerHistoryFull"), 9218u);
 }
 
 TEST_F(HistoryTrackerTest, RestartContinuesOnTheGridOfTheStoredSamples) {
