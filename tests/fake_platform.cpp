@@ -3,6 +3,7 @@
 #include "firmware/discovery_internal.h"
 #include "history/history_internal.h"
 #include "metriclog/cycle.h"
+#include "scenario.h"
 #include "tracelog/state.h"
 
 #include <zelo/firmware.h>
@@ -77,6 +78,14 @@ void PlatformTest::TearDown() {
     ::unsetenv("ZELO_ROOT");
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
+}
+
+void PlatformTest::useFirmware(const std::string &scenario) {
+    sim::Scenario parsed;
+    std::string error;
+    ASSERT_TRUE(sim::parseScenario(scenario, "t.scn", parsed, error)) << error;
+    firmware = std::make_unique<sim::Firmware>(parsed);
+    gFake.firmware = firmware.get();
 }
 
 std::string PlatformTest::trace() const {

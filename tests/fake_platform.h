@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -80,8 +81,11 @@ class PlatformTest : public ::testing::Test {
     // The root's first trace file, and whether it holds text.
     std::string trace() const;
     bool traced(const std::string &text) const { return trace().find(text) != std::string::npos; }
+    // The in-process simulated firmware of the scenario answers every request.
+    void useFirmware(const std::string &scenario);
     std::string root;
     HooksOverride hooks;
+    std::unique_ptr<sim::Firmware> firmware;
 };
 
 // A file's bytes; none when it cannot be read.

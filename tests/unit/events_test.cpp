@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
 namespace zelo::test {
 namespace {
@@ -46,12 +45,8 @@ class EventsTest : public PlatformTest {
         return raised();
     }
     // The firmware of the scenario answers; the store knows it as instance 0.
-    void firmware(const std::string &scenario) {
-        sim::Scenario s;
-        std::string error;
-        ASSERT_TRUE(sim::parseScenario(scenario, "t.scn", s, error)) << error;
-        fw = std::make_unique<sim::Firmware>(std::move(s));
-        fake().firmware = fw.get();
+    void knownFirmware(const std::string &scenario) {
+        useFirmware(scenario);
         fake().store["zelo_supported_0"] = 1;
         fake().store["zelo_module_handle_0"] = 5;
     }
@@ -74,7 +69,6 @@ class EventsTest : public PlatformTest {
                 out.push_back(c);
         return out;
     }
-    std::unique_ptr<sim::Firmware> fw;
 };
 
 // Built-in firmware limits: maximum 650, minimum 200, soft minimum 250.
@@ -114,23 +108,19 @@ TEST_F(EventsTest, EventWordBitsThreeAndTwo) {
     // Outside the watched power state the event word is not looked at.
     EXPECT_EQ(check(0x16, 0x0000), Ids{});
     EXPECT_EQ(check(0x00, 0x0004), Ids{});
-    EXPECT_EQ(events::u8PowerEventBit3Reported, 1);
-    EXPECT_EQ(events::u8PowerEventBit2Reported, 0);
 }
 
 TEST_F(EventsTest, FailedHandOverIsLoggedAndNotRetried) {
     fake().eventResult = 1;
     EXPECT_EQ(check(0x12, 0x0008), (Ids{127, 117})); // the second runs despite the first
     EXPECT_EQ(check(0x12, 0x0008), Ids{});
-    EXPECT_EQ(events::u8StatusBit4Reported, 1);
-    EXPECT_EQ(events::u8PowerEventBit3Reported, 1);
     EXPECT_TRUE(traced("Generate sw message 117 failed!!"));
     CheckBufForSendSWEvent(nullptr);
     EXPECT_TRUE(traced("Null parament."));
 }
 
 TEST_F(EventsTest, ChangedMaximumRaisesOnceWithBothTexts) {
-    firmware(std::string(kCapping) + "reg 0 7 2 3500\n");
+    knownFirmware(std::string(kCapping) + "reg 0 7 2 3500\n");
     publish(3000, 200, 250);
     checkCaps();
     ASSERT_EQ(fake().events.size(), 1u);
@@ -155,7 +145,7 @@ TEST_F(EventsTest, ChangedMaximumRaisesOnceWithBothTexts) {
 }
 
 TEST_F(EventsTest, EveryChangedLimitInMaximumMinimumSoftMinimumOrder) {
-    firmware(kCapping);
+    knownFirmware(kCapping);
     publish(600, 100, 300);
     fake().eventResult = 7;
     fake().failingSets.insert("pcap_max_kiv_element_zelo");
@@ -174,7 +164,7 @@ TEST_F(EventsTest, EveryChangedLimitInMaximumMinimumSoftMinimumOrder) {
 // value, without an event; a limit rising from 0 is raised.
 TEST_F(EventsTest, UnreadableLimitsAndMissingKeysAreWrittenSilently) {
     // Every element-7 read fails; the status element still answers.
-    firmware(std::string(kCapping) + "fault 0 7 0x82 0xFF\n");
+    knownFirmware(std::string(kCapping) + "fault 0 7 0x82 0xFF\n");
     fake().store["pcap_max_kiv_element_zelo"] = 650;
     checkCaps();
     EXPECT_EQ(raised(), Ids{});
@@ -183,7 +173,7 @@ TEST_F(EventsTest, UnreadableLimitsAndMissingKeysAreWrittenSilently) {
                                         "set_int pcap_soft_min_kiv_element_zelo=0 flag 1"}));
     auto store = fake().store;
     store.erase("pcap_soft_min_kiv_element_zelo");
-    firmware(kCapping);
+    knownFirmware(kCapping);
     fake().store = store;
     fake().storeCalls.clear();
     checkCaps();
@@ -211,7 +201,7 @@ TEST_F(EventsTest, CappingSettingAndPowerUtilisation) {
         SetUp();
         if (c.blade)
             ::setenv("RUX_FAMILY", "blade", 1);
-        firmware(c.lines);
+        knownFirmware(c.lines);
         checkCaps();
         EXPECT_EQ(traced("capping is not enabled"), c.warned);
         EXPECT_EQ(raised(), Ids{}) << "missing keys are written without an event";

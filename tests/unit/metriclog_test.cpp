@@ -4,7 +4,6 @@
 #include "telemetry_files.h"
 
 #include "metriclog/state.h"
-#include "scenario.h"
 
 #include <zelo.h>
 
@@ -26,7 +25,6 @@ MetricStat *stat(uint64_t avg) {
     return s;
 }
 
-// Answers every firmware request from the in-process simulator.
 class MetricLogTest : public PlatformTest {
   protected:
     void SetUp() override {
@@ -46,13 +44,6 @@ class MetricLogTest : public PlatformTest {
         std::string out = testing::internal::GetCapturedStdout();
         testing::internal::CaptureStdout();
         return out;
-    }
-    void useFirmware(const std::string &lines) {
-        sim::Scenario scenario;
-        std::string error;
-        ASSERT_TRUE(sim::parseScenario(lines, "t.scn", scenario, error)) << error;
-        firmware = std::make_unique<sim::Firmware>(scenario);
-        fake().firmware = firmware.get();
     }
     // A rack snapshot: six single records with running totals at time t.
     static SnapshotBuffer snapshot(uint64_t t, uint64_t scale) {
@@ -84,7 +75,6 @@ class MetricLogTest : public PlatformTest {
     std::string file(int i) const { return dir + "zelo_" + std::to_string(i) + ".log"; }
 
     std::string dir;
-    std::unique_ptr<sim::Firmware> firmware;
 };
 
 // The lock file holds its holder's pid. A holder killed with the lock leaves
