@@ -51,9 +51,6 @@ Values values(const PowerHistorySample &s) {
 Values values(const PowerPerformanceSample &s) {
     return {s.min, s.avg, s.max, s.cpu, s.mem, s.io};
 }
-bool isUnknown(const PowerHistorySample &s) {
-    return values(s) == Values{8888, 8888, 8888, 8888, 8888, 8888};
-}
 
 TEST_F(HistoryTrackerTest, TheStartUpCallWritesTheSummaries) {
     for (const char *name : {"1Hour", "6Hours", "12Hours", "24Hours"})
@@ -141,7 +138,7 @@ TEST_F(HistoryTrackerTest, RestartContinuesOnTheGridOfTheStoredSamples) {
     EXPECT_EQ(gPower.endtime, kT0 + 270);
     snap(kT0 + 270 + 600);
     EXPECT_EQ(gPower.nextIndex, 2 + 3 + 1);
-    EXPECT_TRUE(isUnknown(gPower.ring[2]));
+    EXPECT_EQ(values(gPower.ring[2]), (Values{8888, 8888, 8888, 8888, 8888, 8888})) << "unknown";
     EXPECT_EQ(gPower.ring[5].timestamp, kT0 + 870);
 }
 
