@@ -8,11 +8,9 @@
 
 #include <zelo/history.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
