@@ -2,7 +2,8 @@
 
 #include "firmware/discovery_internal.h"
 #include "history/history_internal.h"
-#include "metriclog/state.h"
+#include "metriclog/cycle.h"
+#include "scenario.h"
 #include "tracelog/state.h"
 
 #include <zelo/firmware.h>
@@ -48,16 +49,6 @@ int fakeGet(const char *what, const char *key, T *value) {
     return it != gFake.store.end();
 }
 
-// The last snapshot and histogram the calculation keeps, and the log counters.
-void resetMetricLog() {
-    namespace ml = metriclog;
-    FreeSignalMetricValue(&ml::sLastSnapshotBuffer, nullptr, nullptr);
-    ml::sLastSnapshotBuffer = SnapshotBuffer{};
-    std::free(ml::sLastHistogramData.pu8BucketData);
-    ml::sLastHistogramData = HistogramData{};
-    ml::u8LogFileIndex = ml::u8LogFileNum = 0;
-}
-
 } // namespace
 
 FakePlatform &fake() {
@@ -68,7 +59,8 @@ void PlatformTest::SetUp() {
     gFake = FakePlatform{};
     firmware::resetSupportCache();
     history::resetHistories();
-    resetMetricLog();
+    metriclog::resetBaseline();
+    metriclog::restartFileNumbering();
     trace::u32TraceLogIndex = 0;
     trace::s32PowerHistoryLogLevel = 0;
     hooks->sysinfo = fakeSysinfo;
@@ -81,11 +73,19 @@ void PlatformTest::SetUp() {
 
 void PlatformTest::TearDown() {
     EXPECT_EQ(gFake.pending(), 0u) << "scripted IPMI exchanges were not sent";
-    resetMetricLog();
+    metriclog::resetBaseline(); // frees what the test left
     ::unsetenv("RUX_FAMILY");
     ::unsetenv("ZELO_ROOT");
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
+}
+
+void PlatformTest::useFirmware(const std::string &scenario) {
+    sim::Scenario parsed;
+    std::string error;
+    ASSERT_TRUE(sim::parseScenario(scenario, "t.scn", parsed, error)) << error;
+    firmware = std::make_unique<sim::Firmware>(parsed);
+    gFake.firmware = firmware.get();
 }
 
 std::string PlatformTest::trace() const {
@@ -100,10 +100,6 @@ Bytes fileBytes(const std::string &path) {
 
 Bytes head(uint8_t handle, uint8_t element, uint8_t method) {
     return {kIana[0], kIana[1], kIana[2], handle, element, method};
-}
-
-Bytes discoveryRequest(uint8_t instance) {
-    return {kIana[0], kIana[1], kIana[2], instance, 0, 1};
 }
 
 Bytes concat(Bytes a, const Bytes &b) {

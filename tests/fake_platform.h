@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -80,8 +81,11 @@ class PlatformTest : public ::testing::Test {
     // The root's first trace file, and whether it holds text.
     std::string trace() const;
     bool traced(const std::string &text) const { return trace().find(text) != std::string::npos; }
+    // The in-process simulated firmware of the scenario answers every request.
+    void useFirmware(const std::string &scenario);
     std::string root;
     HooksOverride hooks;
+    std::unique_ptr<sim::Firmware> firmware;
 };
 
 // A file's bytes; none when it cannot be read.
@@ -91,7 +95,9 @@ Bytes fileBytes(const std::string &path);
 Bytes head(uint8_t handle, uint8_t element, uint8_t method);
 Bytes concat(Bytes a, const Bytes &b);
 // The discovery request for an instance.
-Bytes discoveryRequest(uint8_t instance);
+inline Bytes discoveryRequest(uint8_t instance) {
+    return head(instance, 0, 1);
+}
 // A successful response: completion code 0, id echo, data.
 Bytes okResponse(const Bytes &data);
 

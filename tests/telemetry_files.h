@@ -78,6 +78,16 @@ inline Bytes recordFile(const Record &r, bool perf = false, const std::string &r
     return out;
 }
 
+// The whole metric log as a reader gets it, released with the scope.
+struct LogRead {
+    SnapshotBuffer *buffers = nullptr;
+    BladeInletSensorBuffer *inlets = nullptr;
+    PerfMetricSet *perfs = nullptr;
+    uint8_t count = 0;
+    ~LogRead() { FreeMetricValue(buffers, inlets, perfs, count); }
+    int get() { return GetMetricValue(&buffers, &inlets, &perfs, &count); }
+};
+
 inline void writeLog(const std::string &root, const std::vector<Bytes> &records, uint8_t last) {
     const std::string dir = root + "/tmp/zelo_log/";
     std::filesystem::create_directories(dir);

@@ -72,7 +72,6 @@ class DaemonProcess {
             ::waitpid(pid_, nullptr, 0);
         }
     }
-    // Sends SIGTERM to the daemon and waits for its status.
     int terminate() {
         ::kill(pid_, SIGTERM);
         return wait();

@@ -1,8 +1,9 @@
 // The road of a snapshot against the real simulator: fetch, calculate,
 // write the metric log, publish, and read it back oldest first.
 #include "sim_process.h"
+#include "telemetry_files.h"
 
-#include "metriclog/state.h"
+#include "metriclog/cycle.h"
 
 #include <zelo.h>
 #include <zelo/platform.h>
@@ -28,11 +29,8 @@ class MetricLogRoadTest : public ::testing::Test {
     }
     void TearDown() override {
         testing::internal::GetCapturedStdout();
-        FreeSignalMetricValue(&metriclog::sLastSnapshotBuffer, nullptr, nullptr);
-        metriclog::sLastSnapshotBuffer = SnapshotBuffer{};
-        std::free(metriclog::sLastHistogramData.pu8BucketData);
-        metriclog::sLastHistogramData = HistogramData{};
-        metriclog::u8LogFileIndex = metriclog::u8LogFileNum = 0;
+        metriclog::resetBaseline();
+        metriclog::restartFileNumbering();
         ::unsetenv("RUX_FAMILY");
     }
     // Fetches snapshots until the tag passes `after`, and logs that one or
@@ -53,8 +51,7 @@ class MetricLogRoadTest : public ::testing::Test {
             } else if (log) {
                 CreateDataLog(s, h); // takes the bucket data
             } else {
-                CopySnapshotBuffer(&metriclog::sLastSnapshotBuffer, s);
-                metriclog::sLastHistogramData = h;
+                metriclog::setBaseline(*s, h);
             }
             FreeSnapshotBuffer(s);
             if (tag > after)
@@ -72,28 +69,24 @@ TEST_F(MetricLogRoadTest, AConstant350WattLoadReadsBack350) {
     for (int i = 0; i < 4; ++i)
         tag = next(tag);
 
-    SnapshotBuffer *buffers = nullptr;
-    BladeInletSensorBuffer *inlets = nullptr;
-    PerfMetricSet *perfs = nullptr;
-    uint8_t count = 0;
-    ASSERT_EQ(GetMetricValue(&buffers, &inlets, &perfs, &count), 0);
-    ASSERT_EQ(count, 4);
-    for (int i = 0; i < count; ++i) {
+    files::LogRead log;
+    ASSERT_EQ(log.get(), 0);
+    ASSERT_EQ(log.count, 4);
+    ASSERT_NE(log.perfs, nullptr);
+    for (int i = 0; i < log.count; ++i) {
         SCOPED_TRACE(i);
-        EXPECT_GT(buffers[i].u64Timestamp, i > 0 ? buffers[i - 1].u64Timestamp : 0)
-            << "oldest first";
-        EXPECT_EQ(buffers[i].psSystemDC->u64Avg, 350u);
-        EXPECT_EQ(buffers[i].psSystemDC->u64Min, 350u) << "histogram bucket 350-400";
-        EXPECT_EQ(buffers[i].psSystemDC->u64Max, 400u);
-        EXPECT_EQ(buffers[i].psSystemAC->u64Avg, 350u * 100 / 94);
-        EXPECT_EQ(buffers[i].psCPUPower->u64Avg, 350u * 45 / 100);
-        EXPECT_EQ(buffers[i].psEffectiveCPU->u64Avg, 40u);
-        EXPECT_EQ(buffers[i].u8InletTemperature, 24);
-        ASSERT_NE(perfs, nullptr);
-        EXPECT_EQ(perfs[i].psSystemPerf->u64Avg, 35u);
-        EXPECT_EQ(perfs[i].psIOPerf->u64Avg, 10u);
+        const SnapshotBuffer &b = log.buffers[i];
+        EXPECT_GT(b.u64Timestamp, i > 0 ? log.buffers[i - 1].u64Timestamp : 0) << "oldest first";
+        EXPECT_EQ(b.psSystemDC->u64Avg, 350u);
+        EXPECT_EQ(b.psSystemDC->u64Min, 350u) << "histogram bucket 350-400";
+        EXPECT_EQ(b.psSystemDC->u64Max, 400u);
+        EXPECT_EQ(b.psSystemAC->u64Avg, 350u * 100 / 94);
+        EXPECT_EQ(b.psCPUPower->u64Avg, 350u * 45 / 100);
+        EXPECT_EQ(b.psEffectiveCPU->u64Avg, 40u);
+        EXPECT_EQ(b.u8InletTemperature, 24);
+        EXPECT_EQ(log.perfs[i].psSystemPerf->u64Avg, 35u);
+        EXPECT_EQ(log.perfs[i].psIOPerf->u64Avg, 10u);
     }
-    FreeMetricValue(buffers, inlets, perfs, count);
 
     int published = 0;
     ASSERT_NE(kiv_config_get_int("ZELO_total_dc_power_in_use_Avg", &published), 0);
@@ -114,18 +107,14 @@ TEST_F(MetricLogRoadTest, ABladeStoresItsInletReadingsAsTheSensorsTellThem) {
             "sensor \"Inlet 1 Temp\" 0 Unavailable\nsensor \"CPU Temp\" 0 58 degrees C\n",
         {"--time-scale", "1000"});
     next(next(1, false));
-    SnapshotBuffer *buffers = nullptr;
-    BladeInletSensorBuffer *inlets = nullptr;
-    PerfMetricSet *perfs = nullptr;
-    uint8_t count = 0;
-    ASSERT_EQ(GetMetricValue(&buffers, &inlets, &perfs, &count), 0);
-    ASSERT_EQ(count, 1);
+    files::LogRead log;
+    ASSERT_EQ(log.get(), 0);
+    ASSERT_EQ(log.count, 1);
     // Collected in reverse platform order, read back in reverse file order.
-    ASSERT_EQ(inlets[0].u8SensorNum, 2);
-    EXPECT_EQ(inlets[0].psSensor->szTemperature, reading);
-    EXPECT_STREQ(inlets[0].psSensor->psNext->szTemperature, "Unavailable");
-    EXPECT_EQ(buffers[0].psSystemDC, nullptr) << "a blade reports no system DC";
-    FreeMetricValue(buffers, inlets, perfs, count);
+    ASSERT_EQ(log.inlets[0].u8SensorNum, 2);
+    EXPECT_EQ(log.inlets[0].psSensor->szTemperature, reading);
+    EXPECT_STREQ(log.inlets[0].psSensor->psNext->szTemperature, "Unavailable");
+    EXPECT_EQ(log.buffers[0].psSystemDC, nullptr) << "a blade reports no system DC";
 
     const auto json = runProgram(ZELO_ZELOCTL_PATH, {"--json", "metrics"});
     ASSERT_EQ(json.status, 0) << json.err;

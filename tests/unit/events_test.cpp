@@ -4,14 +4,12 @@
 #include "fake_platform.h"
 
 #include "events/events_internal.h"
-#include "tracelog/state.h"
 
 #include <zelo/events.h>
 
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
 namespace zelo::test {
 namespace {
@@ -27,14 +25,7 @@ class EventsTest : public PlatformTest {
         events::u8StatusBothReported = 0;
         events::u8PowerEventBit3Reported = 0;
         events::u8PowerEventBit2Reported = 0;
-        trace::u32TraceLogIndex = 0;
         std::filesystem::create_directories(root + "/tmp/zelo_trace");
-        ::unsetenv("RUX_FAMILY");
-    }
-    void TearDown() override {
-        ::unsetenv("RUX_FAMILY");
-        fake().firmware = nullptr;
-        PlatformTest::TearDown();
     }
     // Ids raised since the last call.
     Ids raised() {
@@ -54,12 +45,8 @@ class EventsTest : public PlatformTest {
         return raised();
     }
     // The firmware of the scenario answers; the store knows it as instance 0.
-    void firmware(const std::string &scenario) {
-        sim::Scenario s;
-        std::string error;
-        ASSERT_TRUE(sim::parseScenario(scenario, "t.scn", s, error)) << error;
-        fw = std::make_unique<sim::Firmware>(std::move(s));
-        fake().firmware = fw.get();
+    void knownFirmware(const std::string &scenario) {
+        useFirmware(scenario);
         fake().store["zelo_supported_0"] = 1;
         fake().store["zelo_module_handle_0"] = 5;
     }
@@ -82,7 +69,6 @@ class EventsTest : public PlatformTest {
                 out.push_back(c);
         return out;
     }
-    std::unique_ptr<sim::Firmware> fw;
 };
 
 // Built-in firmware limits: maximum 650, minimum 200, soft minimum 250.
@@ -122,23 +108,19 @@ TEST_F(EventsTest, EventWordBitsThreeAndTwo) {
     // Outside the watched power state the event word is not looked at.
     EXPECT_EQ(check(0x16, 0x0000), Ids{});
     EXPECT_EQ(check(0x00, 0x0004), Ids{});
-    EXPECT_EQ(events::u8PowerEventBit3Reported, 1);
-    EXPECT_EQ(events::u8PowerEventBit2Reported, 0);
 }
 
 TEST_F(EventsTest, FailedHandOverIsLoggedAndNotRetried) {
     fake().eventResult = 1;
     EXPECT_EQ(check(0x12, 0x0008), (Ids{127, 117})); // the second runs despite the first
     EXPECT_EQ(check(0x12, 0x0008), Ids{});
-    EXPECT_EQ(events::u8StatusBit4Reported, 1);
-    EXPECT_EQ(events::u8PowerEventBit3Reported, 1);
     EXPECT_TRUE(traced("Generate sw message 117 failed!!"));
     CheckBufForSendSWEvent(nullptr);
     EXPECT_TRUE(traced("Null parament."));
 }
 
 TEST_F(EventsTest, ChangedMaximumRaisesOnceWithBothTexts) {
-    firmware(std::string(kCapping) + "reg 0 7 2 3500\n");
+    knownFirmware(std::string(kCapping) + "reg 0 7 2 3500\n");
     publish(3000, 200, 250);
     checkCaps();
     ASSERT_EQ(fake().events.size(), 1u);
@@ -163,34 +145,26 @@ TEST_F(EventsTest, ChangedMaximumRaisesOnceWithBothTexts) {
 }
 
 TEST_F(EventsTest, EveryChangedLimitInMaximumMinimumSoftMinimumOrder) {
-    firmware(kCapping);
+    knownFirmware(kCapping);
     publish(600, 100, 300);
     fake().eventResult = 7;
+    fake().failingSets.insert("pcap_max_kiv_element_zelo");
     checkCaps();
     EXPECT_EQ(raised(), (Ids{115, 114, 116}));
     EXPECT_EQ(capWrites(),
               (std::vector<std::string>{"set_int pcap_max_kiv_element_zelo=650 flag 1",
                                         "set_int pcap_min_kiv_element_zelo=200 flag 1",
                                         "set_int pcap_soft_min_kiv_element_zelo=250 flag 1"}));
-    // Refused by the event service, yet the store moved on.
+    // Refused by the event service, yet the store moved on where it could.
     checkCaps();
-    EXPECT_EQ(raised(), Ids{});
-}
-
-TEST_F(EventsTest, FailedStoreWriteRaisesAgainNextCycle) {
-    firmware(kCapping);
-    publish(600, 200, 250);
-    fake().failingSets.insert("pcap_max_kiv_element_zelo");
-    checkCaps();
-    checkCaps();
-    EXPECT_EQ(raised(), (Ids{115, 115}));
+    EXPECT_EQ(raised(), Ids{115}) << "the failed store write raises again";
 }
 
 // Unreadable limits are written as 0 and missing keys with the firmware's
 // value, without an event; a limit rising from 0 is raised.
 TEST_F(EventsTest, UnreadableLimitsAndMissingKeysAreWrittenSilently) {
     // Every element-7 read fails; the status element still answers.
-    firmware(std::string(kCapping) + "fault 0 7 0x82 0xFF\n");
+    knownFirmware(std::string(kCapping) + "fault 0 7 0x82 0xFF\n");
     fake().store["pcap_max_kiv_element_zelo"] = 650;
     checkCaps();
     EXPECT_EQ(raised(), Ids{});
@@ -199,7 +173,7 @@ TEST_F(EventsTest, UnreadableLimitsAndMissingKeysAreWrittenSilently) {
                                         "set_int pcap_soft_min_kiv_element_zelo=0 flag 1"}));
     auto store = fake().store;
     store.erase("pcap_soft_min_kiv_element_zelo");
-    firmware(kCapping);
+    knownFirmware(kCapping);
     fake().store = store;
     fake().storeCalls.clear();
     checkCaps();
@@ -227,7 +201,7 @@ TEST_F(EventsTest, CappingSettingAndPowerUtilisation) {
         SetUp();
         if (c.blade)
             ::setenv("RUX_FAMILY", "blade", 1);
-        firmware(c.lines);
+        knownFirmware(c.lines);
         checkCaps();
         EXPECT_EQ(traced("capping is not enabled"), c.warned);
         EXPECT_EQ(raised(), Ids{}) << "missing keys are written without an event";

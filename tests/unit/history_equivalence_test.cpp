@@ -113,13 +113,13 @@ struct Reference {
 void expectSame(const Reference &ref, int call) {
     const auto &real = history::gPower;
     const auto &a = real.acc;
-    ASSERT_EQ(
-        (std::array<uint64_t, 11>{real.nextIndex, real.endtime, real.lastTimestamp,
-                                  static_cast<uint64_t>(real.lastSaveTime), a.sum[0], a.sum[1],
-                                  a.count, a.min[0], a.max[0], a.min[1], a.max[1]}),
-        (std::array<uint64_t, 11>{ref.next, ref.endtime, ref.lastTimestamp,
-                                  static_cast<uint64_t>(ref.lastSaveTime), ref.sum[0], ref.sum[1],
-                                  ref.count, ref.min[0], ref.max[0], ref.min[1], ref.max[1]}))
+    const auto row = [](auto... v) {
+        return std::array<uint64_t, 11>{static_cast<uint64_t>(v)...};
+    };
+    ASSERT_EQ(row(real.nextIndex, real.endtime, real.lastTimestamp, real.lastSaveTime, a.sum[0],
+                  a.sum[1], a.count, a.min[0], a.max[0], a.min[1], a.max[1]),
+              row(ref.next, ref.endtime, ref.lastTimestamp, ref.lastSaveTime, ref.sum[0],
+                  ref.sum[1], ref.count, ref.min[0], ref.max[0], ref.min[1], ref.max[1]))
         << "call " << call;
     // Samples have no padding, so the rings compare as bytes.
     ASSERT_EQ(std::memcmp(real.ring, ref.ring, sizeof ref.ring), 0) << "call " << call;

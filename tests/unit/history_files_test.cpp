@@ -8,11 +8,9 @@
 
 #include <zelo/history.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -41,14 +39,14 @@ class HistoryFilesTest : public PlatformTest {
 
 // Time stamp and six values, little-endian, in record order.
 Bytes le(uint32_t timestamp, std::array<uint16_t, 6> values) {
-    Bytes b{static_cast<uint8_t>(timestamp), static_cast<uint8_t>(timestamp >> 8),
-            static_cast<uint8_t>(timestamp >> 16), static_cast<uint8_t>(timestamp >> 24)};
+    Bytes b;
+    files::putLe(b, timestamp, 4);
     for (uint16_t v : values)
-        b.insert(b.end(), {static_cast<uint8_t>(v), static_cast<uint8_t>(v >> 8)});
+        files::putLe(b, v, 2);
     return b;
 }
 
-TEST_F(HistoryFilesTest, RecordsEndBeforeTheNextIndexAndWalkOnFromTheStart) {
+TEST_F(HistoryFilesTest, RecordsEndBeforeTheNextIndexWalkOnFromTheStartOrAreNotWritten) {
     gPower.ring[0] = {0x01020304, 10, 20, 30, 40, 50, 60};
     int dc = 7, ac = 7;
     EXPECT_EQ(generatePowerHistoryFile("/tmp/h1", 1, 1, &dc, &ac), 1);
@@ -66,6 +64,15 @@ TEST_F(HistoryFilesTest, RecordsEndBeforeTheNextIndexAndWalkOnFromTheStart) {
     EXPECT_EQ(Bytes(six.end() - 16, six.end()), le(1099, {1, 2, 3, 4, 5, 6}));
     EXPECT_EQ(dc, 6);
     EXPECT_EQ(ac, 3);
+
+    // A file that cannot be written leaves the outputs at zero; an index or
+    // a count out of range writes nothing.
+    EXPECT_EQ(generatePowerHistoryFile("/missing/dir/file", 0, 1, &dc, &ac), 0);
+    EXPECT_EQ(dc, 0);
+    EXPECT_EQ(ac, 0);
+    EXPECT_EQ(generatePowerHistoryFile("/tmp/x", 576, 1, &dc, &ac), 0);
+    EXPECT_EQ(generatePowerHistoryFile("/tmp/x", 0, 25, &dc, &ac), 0);
+    EXPECT_FALSE(std::filesystem::exists(root + "/tmp/x"));
 }
 
 TEST_F(HistoryFilesTest, HoursFoldValidEntriesOnlyIn16BitSums) {
@@ -119,16 +126,6 @@ TEST_F(HistoryFilesTest, PerformanceUnknownSamplesCountAsZeroAndNoKeyIsWritten) 
     EXPECT_EQ(Bytes(hour.end() - 16, hour.end()),
               le(675, {0, 30 * 23 / 24, 40, 12 * 23 / 24, 13 * 23 / 24, 14 * 23 / 24}));
     EXPECT_TRUE(fake().storeCalls.empty());
-}
-
-TEST_F(HistoryFilesTest, ASummaryFileThatCannotBeWrittenKeepsItsOutputsAtZero) {
-    int dc = 5, ac = 5;
-    EXPECT_EQ(generatePowerHistoryFile("/missing/dir/file", 0, 1, &dc, &ac), 0);
-    EXPECT_EQ(dc, 0);
-    EXPECT_EQ(ac, 0);
-    EXPECT_EQ(generatePowerHistoryFile("/tmp/x", 576, 1, &dc, &ac), 0);
-    EXPECT_EQ(generatePowerHistoryFile("/tmp/x", 0, 25, &dc, &ac), 0);
-    EXPECT_FALSE(std::filesystem::exists(root + "/tmp/x"));
 }
 
 // What the full-file tests need of either family.

@@ -4,7 +4,6 @@
 #include "telemetry_files.h"
 
 #include "metriclog/state.h"
-#include "scenario.h"
 
 #include <zelo.h>
 
@@ -26,15 +25,13 @@ MetricStat *stat(uint64_t avg) {
     return s;
 }
 
-// Answers every firmware request from the in-process simulator.
 class MetricLogTest : public PlatformTest {
   protected:
     void SetUp() override {
         PlatformTest::SetUp();
         dir = root + "/tmp/zelo_log/";
-        std::filesystem::create_directories(dir);
-        std::filesystem::create_directories(root + "/tmp/zelo_trace");
-        std::filesystem::create_directories(root + "/pstorage/power");
+        for (const char *d : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
+            std::filesystem::create_directories(root + d);
         hooks->usleep = [](useconds_t) { return 0; }; // busy retries need no real wait
         useFirmware("perf none\n");
         testing::internal::CaptureStdout(); // the writer and reader report as they go
@@ -47,13 +44,6 @@ class MetricLogTest : public PlatformTest {
         std::string out = testing::internal::GetCapturedStdout();
         testing::internal::CaptureStdout();
         return out;
-    }
-    void useFirmware(const std::string &lines) {
-        sim::Scenario scenario;
-        std::string error;
-        ASSERT_TRUE(sim::parseScenario(lines, "t.scn", scenario, error)) << error;
-        firmware = std::make_unique<sim::Firmware>(scenario);
-        fake().firmware = firmware.get();
     }
     // A rack snapshot: six single records with running totals at time t.
     static SnapshotBuffer snapshot(uint64_t t, uint64_t scale) {
@@ -85,7 +75,6 @@ class MetricLogTest : public PlatformTest {
     std::string file(int i) const { return dir + "zelo_" + std::to_string(i) + ".log"; }
 
     std::string dir;
-    std::unique_ptr<sim::Firmware> firmware;
 };
 
 // The lock file holds its holder's pid. A holder killed with the lock leaves
@@ -280,16 +269,12 @@ TEST_F(MetricLogTest, RotatesOverOneHundredTwentyFilesAndReadsOldestFirst) {
 
     // File 1 is the oldest, file 0 the newest; a missing file is skipped.
     for (const int expected : {120, 119}) {
-        SnapshotBuffer *buffers = nullptr;
-        BladeInletSensorBuffer *inlets = nullptr;
-        PerfMetricSet *perfs = nullptr;
-        uint8_t count = 0;
-        ASSERT_EQ(GetMetricValue(&buffers, &inlets, &perfs, &count), 0);
-        ASSERT_EQ(count, expected);
-        EXPECT_EQ(buffers[0].u64Timestamp, 2u * 30000);
-        EXPECT_EQ(buffers[count - 1].u64Timestamp, 121u * 30000);
-        EXPECT_EQ(perfs, nullptr) << "no performance figures on this firmware";
-        FreeMetricValue(buffers, inlets, perfs, count);
+        files::LogRead log;
+        ASSERT_EQ(log.get(), 0);
+        ASSERT_EQ(log.count, expected);
+        EXPECT_EQ(log.buffers[0].u64Timestamp, 2u * 30000);
+        EXPECT_EQ(log.buffers[log.count - 1].u64Timestamp, 121u * 30000);
+        EXPECT_EQ(log.perfs, nullptr) << "no performance figures on this firmware";
         std::filesystem::remove(file(50));
     }
     EXPECT_FALSE(std::filesystem::exists(dir + "zelo.lock")) << "released";
@@ -304,37 +289,33 @@ TEST_F(MetricLogTest, ReaderCopesWithCutAndForeignFiles) {
     BladeInletSensorBuffer l{};
     PerfMetricSet f{};
     const auto read = [&](const std::string &path) {
+        FreeSignalMetricValue(&r, &l, &f);
+        r = {}, l = {};
         return ReadMeticValueFromFile(path.c_str(), &r, &l, &f);
     };
-    EXPECT_EQ(read(file(0)), 0);
+    EXPECT_EQ(ReadMeticValueFromFile(file(0).c_str(), &r, &l, &f), 0);
     EXPECT_EQ(r.psSystemDC->u64Avg, 350u);
     EXPECT_EQ(r.u8PowerStatus, 0x21);
     EXPECT_EQ(r.u16Tag, 7) << "not in the file";
-    FreeSignalMetricValue(&r, &l, &f);
 
     // Cut after row 14 (no inlet count), and a foreign file promising 255
     // readings with a 64-byte text lacking its end.
     Bytes foreign = fileBytes(file(0));
     foreign.pop_back();
     files::writeFile(file(1), foreign);
-    r = {};
-    l = {};
     EXPECT_EQ(read(file(1)), -1);
-    FreeSignalMetricValue(&r, &l, &f);
     foreign.insert(foreign.end(), {255, 9, 0, 0, 0});
     foreign.insert(foreign.end(), 64, 'x');
     files::writeFile(file(2), foreign);
-    r = {};
-    l = {};
     EXPECT_EQ(read(file(2)), 0);
     EXPECT_EQ(l.u8SensorNum, 1) << "only what the file holds";
     EXPECT_EQ(std::strlen(l.psSensor->szTemperature), 63u);
     output();
     PrintAllMetricValue(&r, &l, &f);
-    FreeSignalMetricValue(&r, &l, &f);
     EXPECT_NE(output().find("InletSensorName:Unknown  Temperature:xxx"), std::string::npos);
     EXPECT_EQ(read(dir + "none"), 2);
     EXPECT_EQ(ReadMeticValueFromFile(nullptr, &r, &l, &f), 1);
+    FreeSignalMetricValue(&r, &l, &f);
 }
 
 } // namespace

@@ -34,7 +34,6 @@ class TrafficTest : public PlatformTest {
         operation();
         return fake().exchanges - before;
     }
-    std::unique_ptr<sim::Firmware> firmware;
 };
 
 TEST_F(TrafficTest, AFullMetricLogIsReadAndReleasedWithOneQuestion) {
