@@ -23,13 +23,13 @@ uint32_t u32TraceLogIndex = 0;
 
 namespace {
 
-// The file written to stays open and its size is counted as lines go in, so
-// a line costs a write and no path lookup; it is reopened when it rotates,
-// when its path changes or when it was removed.
+// The file written to stays open, so a line costs an fstat and a write and
+// no path lookup; it is reopened when it rotates, when its path changes or
+// when it was removed. Its size is taken from the file at every line: other
+// processes linking the library write the same two files.
 struct OpenLog {
     FILE *file = nullptr;
     char path[PATH_MAX] = "";
-    uint64_t size = 0;
 };
 thread_local OpenLog gLog; // per thread, as each caller's own stream
 
@@ -111,21 +111,19 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
     }
     // A file removed under the open stream (an administrator clearing the
     // trace) would swallow every later line: the name is opened again.
-    struct stat open {};
+    struct stat st {};
     if (gLog.file != nullptr && (std::strcmp(gLog.path, path) != 0 ||
-                                 ::fstat(::fileno(gLog.file), &open) != 0 || open.st_nlink == 0))
+                                 ::fstat(::fileno(gLog.file), &st) != 0 || st.st_nlink == 0))
         closeLog();
     if (gLog.file == nullptr) {
         gLog.file = openTrace(path, false);
-        struct stat st {};
         if (gLog.file == nullptr || ::fstat(::fileno(gLog.file), &st) != 0) {
             closeLog();
             return 0;
         }
         std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
-        gLog.size = st.st_size < 0 ? 0 : static_cast<uint64_t>(st.st_size);
     }
-    if (gLog.size > kRotateAboveBytes) {
+    if (st.st_size > static_cast<off_t>(kRotateAboveBytes)) {
         closeLog();
         u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
         if (!currentLogPath(path, sizeof path) || (gLog.file = openTrace(path, true)) == nullptr)
@@ -144,10 +142,8 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
                             whole ? "\": " : "",
                             whole ? pszMessage : "",
                             whole ? "\n" : ""};
-    for (const char *piece : pieces) {
-        const std::size_t length = std::strlen(piece);
-        gLog.size += std::fwrite(piece, 1, length, gLog.file);
-    }
+    for (const char *piece : pieces)
+        std::fwrite(piece, 1, std::strlen(piece), gLog.file);
     // Readers see every line at once, as when the file was closed after each.
     return std::fflush(gLog.file);
 }

@@ -64,12 +64,20 @@ TEST_F(TraceLogTest, RotatesOnlyAboveTheLimitAndTruncatesTheOtherFile) {
         std::regex_match(contents(1), std::regex("[0-9-]{15} \\[Log\\] \"f\": now file 1\n")))
         << "file 1 was truncated first";
 
-    // The size is counted as lines go in: one long line takes file 1 past it.
-    WriteToLog("f", "Log", std::string(524288, 'y').c_str());
+    // Another process fills file 1 past the limit: the next line sees it.
+    std::ofstream(file(1), std::ios::app) << std::string(524288, 'y');
     WriteToLog("f", "Log", "back to 0");
     EXPECT_EQ(trace::u32TraceLogIndex, 0u);
     EXPECT_TRUE(
         std::regex_match(contents(0), std::regex("[0-9-]{15} \\[Log\\] \"f\": back to 0\n")));
+
+    // So does a file emptied through OpenCurrentLog and refilled by another.
+    std::fclose(OpenCurrentLog(1));
+    std::ofstream(file(0), std::ios::app) << std::string(524289, 'z');
+    WriteToLog("f", "Log", "file 1 again");
+    EXPECT_EQ(trace::u32TraceLogIndex, 1u);
+    EXPECT_TRUE(
+        std::regex_match(contents(1), std::regex("[0-9-]{15} \\[Log\\] \"f\": file 1 again\n")));
 }
 
 // Escapes whole or not at all when room runs out; the result's length comes
