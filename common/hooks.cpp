@@ -1,6 +1,7 @@
 // The real calls behind the hooks, and their replacement for a test's duration.
 #include "hooks.h"
 
+#include <cstdlib>
 #include <syslog.h>
 
 namespace zelo {
@@ -17,7 +18,8 @@ void toSyslog(int priority, const char *message) {
     ::syslog(LOG_USER | priority, "%s", message);
 }
 
-Hooks gHooks{::sysinfo, ::sleep, ::usleep, monotonicSeconds, std::time, ::fsync, toSyslog};
+Hooks gHooks{::sysinfo, ::sleep, ::usleep, monotonicSeconds,
+             std::time, ::fsync, toSyslog, std::malloc};
 
 } // namespace
 

@@ -3,6 +3,7 @@
 // hooks(); a test replaces them for its own duration with a HooksOverride.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <sys/sysinfo.h>
@@ -18,6 +19,7 @@ struct Hooks {
     std::time_t (*time)(std::time_t *);     // wall time of the history files
     int (*sync)(int fd);                    // a replaced history file to stable storage
     void (*syslog)(int priority, const char *message);
+    void *(*malloc)(std::size_t size); // response areas, which a test may refuse
 };
 
 const Hooks &hooks();

@@ -1,5 +1,7 @@
 #include "exchange.h"
 
+#include "hooks.h"
+
 #include <zelo/platform.h>
 
 #include <algorithm>
@@ -19,33 +21,32 @@ bool Reader::copy(uint32_t offset, std::span<uint8_t> out) {
 
 Exchange::~Exchange() {
     std::free(request);
-    if (area_ != small_.data())
+    if (area_ != small_.data() && !borrowed_)
         std::free(area_);
 }
 
+void Exchange::answerInto(uint8_t *area, uint32_t capacity) {
+    if (area_ != small_.data() && !borrowed_)
+        std::free(area_);
+    area_ = area;
+    capacity_ = capacity;
+    borrowed_ = true;
+}
+
 bool Exchange::allocate(uint32_t capacity) {
-    if (area_ == nullptr || capacity != capacity_) {
+    if (borrowed_) {
+        if (capacity > capacity_)
+            return false;
+    } else if (area_ == nullptr || capacity != capacity_) {
         if (area_ != small_.data())
             std::free(area_);
         area_ = capacity <= small_.size() ? small_.data()
-                                          : static_cast<uint8_t *>(std::malloc(capacity));
+                                          : static_cast<uint8_t *>(hooks().malloc(capacity));
         capacity_ = area_ != nullptr ? capacity : 0;
     }
     if (area_ != nullptr)
         std::memset(area_, 0, capacity_);
     return area_ != nullptr;
-}
-
-uint8_t *Exchange::releaseArea() {
-    uint8_t *area = area_;
-    if (area == small_.data()) {
-        area = static_cast<uint8_t *>(std::malloc(capacity_));
-        if (area != nullptr)
-            std::memcpy(area, small_.data(), capacity_);
-    }
-    area_ = nullptr;
-    capacity_ = 0;
-    return area;
 }
 
 uint8_t Exchange::run(const char *name, uint8_t command, uint32_t requestLen, uint32_t capacity,

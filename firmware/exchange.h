@@ -68,6 +68,10 @@ class Exchange {
 
     uint8_t *request = nullptr; // made by one of the request builders
 
+    // Answers go into the caller's area of `capacity` bytes, which the
+    // exchange neither frees nor replaces.
+    void answerInto(uint8_t *area, uint32_t capacity);
+
     // Sends the request's first requestLen bytes (or `bytes`) with `command`
     // into a zero-filled area of `capacity` bytes. 0 when the firmware
     // answered with completion code 0; else the allocation result, 255 for
@@ -81,8 +85,6 @@ class Exchange {
     uint8_t completionCode() const { return area_ != nullptr ? area_[0] : 0; }
     uint32_t received() const { return received_; }
     Reader answer() const { return Reader(area_, capacity_); }
-    // Hands the response area to the caller, who frees it.
-    uint8_t *releaseArea();
 
   private:
     bool allocate(uint32_t capacity);
@@ -91,6 +93,7 @@ class Exchange {
     uint8_t *area_ = nullptr;
     uint32_t capacity_ = 0;
     uint32_t received_ = 0;
+    bool borrowed_ = false;
     bool transportFailed_ = false;
 };
 

@@ -1,6 +1,7 @@
 // Element-method transport: request builders and the two register
 // transactions every firmware operation is written against.
 #include "exchange.h"
+#include "hooks.h"
 
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
@@ -108,11 +109,16 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
     *ppu8Response = nullptr;
     if (pu8Request == nullptr) // our own guard: nothing to send
         return ZELO_RC_FAILURE;
+    // The caller's area first: without it nothing is sent.
+    const uint32_t capacity = uint32_t{u8DataLen} + ZELO_RESPONSE_HEAD_LEN;
+    *ppu8Response = static_cast<uint8_t *>(zelo::hooks().malloc(capacity));
+    if (*ppu8Response == nullptr) {
+        report(kRegisterTexts.notice, kRegisterTexts.allocation, "ReadRegister");
+        return ZELO_RC_NO_MEMORY;
+    }
     Exchange x;
-    const uint8_t rc = readRegister(x, pu8Request, u8RegisterId, u8DataLen);
-    // The caller releases the area whatever the answer, as before any exchange.
-    *ppu8Response = x.releaseArea();
-    return rc;
+    x.answerInto(*ppu8Response, capacity);
+    return readRegister(x, pu8Request, u8RegisterId, u8DataLen);
 }
 
 uint8_t WriteRegister(uint8_t *pu8Request, uint32_t u32RequestLen) {

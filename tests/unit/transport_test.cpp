@@ -1,6 +1,7 @@
 // Element-method frames and register transactions, checked on the wire.
 #include "fake_platform.h"
 
+#include <zelo/acquisition.h>
 #include <zelo/firmware.h>
 
 #include <cstdlib>
@@ -37,6 +38,27 @@ TEST_F(TransportTest, ReadPassesCompletionCodeThroughAndZeroFillsShortAnswers) {
     EXPECT_EQ(ReadRegister(request, 1, 8, &response), ZELO_RC_FAILURE);
     testing::internal::GetCapturedStdout();
     CleanReadBuffer(request, response);
+}
+
+// No room for the answer: nothing goes to the firmware, and the caller is
+// told so rather than handed a null area with a success.
+TEST_F(TransportTest, AnAnswerWithoutRoomIsNeverAsked) {
+    uint8_t *request = nullptr;
+    ASSERT_EQ(GetReadEnergyAccumulatorRegisterRequestBuffer(5, &request), 0);
+    HooksOverride over;
+    over->malloc = [](std::size_t) -> void * { return nullptr; };
+    uint8_t *response = reinterpret_cast<uint8_t *>(1);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ReadRegister(request, 1, 8, &response), ZELO_RC_NO_MEMORY);
+    EXPECT_EQ(response, nullptr);
+    uint8_t chunk[32];
+    uint16_t tag = 1, got = 1;
+    EXPECT_EQ(ZELO_ReadSnapshotBuffer(5, 0, sizeof chunk, &tag, &got, chunk), ZELO_RC_NO_MEMORY);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "[ReadRegister] Failed to allocate memory for response buffer.\n"
+              "[ZELO_ReadSnapshotBuffer] Failed to allocate memory for response buffer.\n");
+    EXPECT_EQ(fake().exchanges, 0u);
+    CleanReadBuffer(request, nullptr);
 }
 
 // Every width is read by the register tests; these are the edges.
