@@ -135,13 +135,14 @@ bool totalFell(const MetricStat *now, const MetricStat *base) {
     return now != nullptr && base != nullptr && now->u64Avg < base->u64Avg;
 }
 
-// The firmware restarted, whether or not a cycle saw its tag 1: the tag, the
+// The firmware restarted, whether or not a cycle saw its tag 1: the
 // snapshot's time or a running total went back. Differenced against the old
-// baseline, such a snapshot would publish raw counters as power.
+// baseline, such a snapshot would publish raw counters as power. A smaller
+// tag alone is no restart: the 16-bit tag wraps every few weeks.
 bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, uint16_t lastTag) {
     if (now.u16Tag == lastTag)
         return false;
-    if (now.u16Tag < lastTag || now.u64Timestamp < base.u64Timestamp)
+    if (now.u64Timestamp < base.u64Timestamp)
         return true;
     return totalFell(now.psSystemAC, base.psSystemAC) ||
            totalFell(now.psSystemDC, base.psSystemDC) ||

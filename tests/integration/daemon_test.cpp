@@ -92,6 +92,34 @@ TEST_F(DaemonTest, AMissedRestartIsANewBaselineNotPower) {
     EXPECT_EQ(zelo.terminate(), 15);
 }
 
+// The 16-bit tag wraps every few weeks, to 1 here and to 0 or anything smaller
+// on other firmware, while time and totals run on: new snapshots, logged and
+// published as any other.
+TEST_F(DaemonTest, ATagThatFallsWhileTotalsGrowIsANewSnapshot) {
+    SimProcess sim(root.path(), scenarioHead + "power constant 350\nsnapshot-period 86400000\n");
+    control("tag 65534");
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(65534, 65534))) << zelo.trace();
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(65535, 65535))) << zelo.trace();
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(1, 1))) << zelo.trace();
+    {
+        LockHeld lock(root.path());
+        control("snapshot-now");
+        control("tag 0");
+    }
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(0, 0))) << zelo.trace();
+    EXPECT_EQ(occurrences(zelo.trace(), "Reset the ZELO."), 0);
+    for (int n = 0; n < 3; ++n)
+        EXPECT_TRUE(fs::exists(logFile(n))) << n;
+    EXPECT_EQ(readFile(root.path() + "/tmp/zelo_log/zelo_num.log"), std::string(1, '\x03'));
+    int watts = -1;
+    EXPECT_NE(kiv_config_get_int("ZELO_total_dc_power_in_use_Avg", &watts), 0);
+    EXPECT_EQ(watts, 350);
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
 // Another process named zelo, an administrator's `zelo -P | less` say, is no
 // daemon of this root; a second daemon is.
 TEST_F(DaemonTest, OnlyASecondInstanceExitsAndTermSavesBothHistories) {
