@@ -73,9 +73,9 @@ int save(const Tracker<P> &h) {
 }
 
 // Reads the full file into the ring; false when it is missing, not exactly
-// one ring long, names a slot outside the ring, ends in the future or holds
-// a time stamp before 1970 (left by an older step back on written and
-// unwritten slots alike: such a ring would never close an interval again).
+// one ring long, names a slot outside the ring or ends in the future. A slot
+// stamped at or after 2^31 is kept empty: a step back of the clock moves
+// empty slots at 0 there, and such a stamp would never close an interval.
 template <class P>
 bool readFull(Tracker<P> &h, FILE *in, const char *path) {
     uint8_t image[kFullFileBytes + 1];
@@ -102,12 +102,8 @@ bool readFull(Tracker<P> &h, FILE *in, const char *path) {
     h.nextIndex = next;
     for (uint16_t i = 0; i < kSlots; ++i) {
         h.ring[i] = decode<P>(image + 2 + i * kSampleBytes);
-        if (static_cast<int32_t>(h.ring[i].timestamp) < 0) {
-            traceLine(0, P::kNames.load, "Error",
-                      "Sample %i in file '%s' has the negative time stamp %i", i, path,
-                      static_cast<int>(static_cast<int32_t>(h.ring[i].timestamp)));
-            return false;
-        }
+        if (h.ring[i].timestamp > static_cast<uint32_t>(INT32_MAX))
+            h.ring[i] = {};
     }
     const auto last = static_cast<int32_t>(newest(h).timestamp);
     const std::time_t now = hooks().time(nullptr);

@@ -176,9 +176,6 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
         {"header short", {1}},
         {"one byte short", Bytes(9217, 0)},
         {"one byte long", Bytes(9219, 0)},
-        {"newest sample before 1970", ringFile(1, {{0, at(0xFFFFFC22u)}})},
-        {"an unwritten slot stamped by an old shift",
-         ringFile(1, {{0, at(1000)}, {9, at(0xFFFFFC22u)}})},
         {"index out of range", ringFile(576, {})},
         {"newest sample (575 when the index is 0) in the future",
          ringFile(0, {{575, at(kNow + 1)}})},
@@ -200,6 +197,33 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
         EXPECT_EQ(f.load(), 1);
         EXPECT_EQ(f.stamp(574), static_cast<uint32_t>(kNow + 1));
     }
+}
+
+// A step back of the clock moves empty slots at 0 to just below 2^32: such
+// slots load empty, and the rest of the day is kept, newest included.
+TEST_F(HistoryFilesTest, SlotsStampedBeforeZeroByAStepBackLoadEmpty) {
+    const PowerHistorySample kept{1'700'000'000, 1, 2, 3, 4, 5, 6};
+    const Bytes file =
+        ringFile(3, {{0, {0x80000000u, 1, 1, 1, 1, 1, 1}}, {1, kept}, {2, at(0xFFFFFFE2u)}});
+    files::writeFile(root + "/pstorage/power/PowerHistoryFull", file);
+    files::writeFile(root + "/pstorage/power/PowerPerformanceFull", file);
+    ASSERT_EQ(loadPowerHistory(), 1);
+    ASSERT_EQ(loadPowerPerformance(), 1);
+    const PowerHistorySample empty{};
+    for (int slot : {0, 2}) {
+        EXPECT_EQ(std::memcmp(&gPower.ring[slot], &empty, sizeof empty), 0) << slot;
+        EXPECT_EQ(std::memcmp(&gPerformance.ring[slot], &empty, sizeof empty), 0) << slot;
+    }
+    EXPECT_EQ(std::memcmp(&gPower.ring[1], &kept, sizeof kept), 0);
+    EXPECT_EQ(std::memcmp(&gPerformance.ring[1], &kept, sizeof kept), 0);
+
+    testing::internal::CaptureStdout();
+    printFullPowerHistory();
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.find("Error"), std::string::npos) << out;
+    EXPECT_NE(out.find("    1  1700000000     4     5     6     1     2     3\n"),
+              std::string::npos)
+        << out;
 }
 
 TEST_F(HistoryFilesTest, LoadCreatesTheMissingDirectoryForTheGroupOnly) {
