@@ -25,7 +25,11 @@ if(ZELO_SCDOC AND ZELO_GZIP)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/zeloctl.1.gz
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT daemon)
 else()
-  message(STATUS "scdoc or gzip not found: no manual pages")
+  # A build without them is fine; an installation or a package never ships
+  # without its manual.
+  message(STATUS "scdoc or gzip not found: no manual pages, so no installation or package")
+  install(CODE "message(FATAL_ERROR \"The manual pages need scdoc and gzip (apt-get install scdoc gzip), then cmake again.\")"
+          COMPONENT daemon)
 endif()
 
 install(TARGETS zelo LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT lib
