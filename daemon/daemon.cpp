@@ -56,6 +56,17 @@ void trace(const char *level, const char *message) {
     WriteToLog("main", level, message);
 }
 
+// What an operator acts on goes to standard error (the journal under
+// systemd); errors go to the trace as well.
+void journal(const char *message) {
+    std::fprintf(stderr, "zelo: %s\n", message);
+}
+
+void alert(const char *message) {
+    trace("ERROR", message);
+    journal(message);
+}
+
 // Sleeps unless SIGTERM arrives, which cuts the sleep short.
 void pause(unsigned seconds) {
     struct timespec left = {static_cast<time_t>(seconds), 0};
@@ -85,7 +96,7 @@ int openOwnDir(const char *absPath) {
 }
 
 // Says so when a directory is not the daemon's own: nothing in it is then
-// written or removed. The trace's own directory is reported on standard error.
+// written or removed.
 bool checkOwnDir(const char *absPath) {
     const int fd = openOwnDir(absPath);
     if (fd >= 0) {
@@ -97,10 +108,7 @@ bool checkOwnDir(const char *absPath) {
                   "Directory '%s' is not used: %s (it must be no link, the daemon's user's, "
                   "and not writable by others)",
                   absPath, std::strerror(errno));
-    if (std::strcmp(absPath, trace::kTraceDir) == 0)
-        std::fprintf(stderr, "zelo: %s\n", message);
-    else
-        trace("ERROR", message);
+    alert(message);
     return false;
 }
 
@@ -175,6 +183,13 @@ int Daemon::saveAndEnd() {
     return static_cast<int>(gTerminateSignal);
 }
 
+void Daemon::snapshotRead(bool read) {
+    if (read == snapshotFailing)
+        alert(read ? "The firmware's snapshot is read again."
+                   : "The firmware's snapshot cannot be read; no power figures until it can.");
+    snapshotFailing = !read;
+}
+
 void Daemon::seedFirstSnapshot() {
     while (!terminating()) {
         WaitValueLock();
@@ -184,12 +199,14 @@ void Daemon::seedFirstSnapshot() {
         HistogramData sHistogramData{};
         if (GetSnapshotBufferFromZELO(&psBuffer, &sHistogramData) != ZELO_RC_SUCCESS) {
             trace("ERROR", "Get Snapshot buffer from ZELO is fail when get first data");
+            snapshotRead(false);
             FreeSnapshotBuffer(psBuffer);
             ml::releaseHistogram(sHistogramData);
             unlock();
             pause(kCycleSeconds);
             continue;
         }
+        snapshotRead(true);
         ml::setBaseline(*psBuffer, sHistogramData);
         u16LastTag = psBuffer->u16Tag;
         FreeSnapshotBuffer(psBuffer);
@@ -227,15 +244,19 @@ void Daemon::cycle() {
     SnapshotBuffer *psBuffer = nullptr;
     if (acquisition::fetchSnapshot(&psBuffer, &sHistogramData, blade) != ZELO_RC_SUCCESS) {
         trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
+        snapshotRead(false);
         FreeSnapshotBuffer(psBuffer);
         ml::releaseHistogram(sHistogramData);
     } else {
+        snapshotRead(true);
         std::snprintf(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
                       "main", psBuffer->u16Tag, u16LastTag);
         WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
         if (firmwareRestarted(*psBuffer, ml::baseline(), u16LastTag)) {
             // This snapshot is the new baseline; nothing is published for it.
             trace("Log", "Reset the ZELO.");
+            journal("The firmware restarted: its snapshot is the new baseline and the metric "
+                    "log starts afresh.");
             ml::setBaseline(*psBuffer, sHistogramData);
             u16LastTag = psBuffer->u16Tag;
             if (!emptyLogDirectory())
@@ -285,8 +306,18 @@ int runDaemon(bool debug) {
     makeDir(ml::kLogDir);
     (void)checkOwnDir(trace::kTraceDir);
     if (CheckProcess() == 0) {
-        trace("ERROR", "Process ZELO is executing.");
+        alert("Process ZELO is executing.");
         return 0;
+    }
+    // The library reports every exchange on standard output, some 125 lines a
+    // cycle: under systemd a flood of the journal. Only -d asks for them.
+    if (!debug) {
+        const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        if (null >= 0) {
+            std::fflush(stdout);
+            (void)::dup2(null, STDOUT_FILENO);
+            ::close(null);
+        }
     }
     readLogLevel();
 

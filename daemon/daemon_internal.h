@@ -18,8 +18,12 @@ int CheckProcess();
 struct Daemon {
     bool debug = false;
     uint16_t u16LastTag = 0;
+    bool snapshotFailing = false;
     PerformanceData sPerformanceData{};
 
+    // A snapshot that cannot be read is told once when it starts and once
+    // when it ends, not every cycle.
+    void snapshotRead(bool read);
     void seedFirstSnapshot();
     void firstPerformance();
     // One ten-second cycle under the metric log lock: the snapshot, and the
