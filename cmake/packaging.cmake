@@ -48,10 +48,6 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelo.service DESTINATION ${ZELO_SYSTEM
         COMPONENT daemon)
 install(FILES completions/zeloctl completions/zelo
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT daemon)
-if("zelo_platform" IN_LIST ZELO_PLATFORM_LIBS)
-  install(FILES cmake/debian/zelo.lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
-          RENAME zelo COMPONENT daemon)
-endif()
 
 # Every package carries its copyright file and changelog.
 configure_file(cmake/debian/changelog.in debian/changelog @ONLY)
@@ -65,6 +61,18 @@ foreach(pair "lib;libzelo0" "dev;libzelo-dev" "daemon;zelo")
   list(GET pair 1 package)
   install(FILES cmake/debian/copyright ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz
           DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
+  # Lintian overrides, each with its reason.
+  set(overrides "# Built from the zelo tree, never uploaded to a distribution: no bug\n"
+                "# report is closed by it.\n${package}: initial-upload-closes-no-bugs\n")
+  if(package STREQUAL "zelo" AND "zelo_platform" IN_LIST ZELO_PLATFORM_LIBS)
+    file(READ cmake/debian/zelo-platform.lintian-overrides platform)
+    list(APPEND overrides "${platform}")
+  endif()
+  string(CONCAT overrides ${overrides})
+  file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/debian/${package}.lintian-overrides "${overrides}")
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/debian/${package}.lintian-overrides
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${package}
+          COMPONENT ${component})
 endforeach()
 
 set(CPACK_GENERATOR DEB)
@@ -78,12 +86,14 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(ZELO_DEB_VERSION ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 set(CPACK_STRIP_FILES ON)
-# The library's shlibs file gives dependants a proper dependency; ldconfig
-# runs from a trigger, not from maintainer scripts.
+# The library's shlibs and symbols files give dependants a proper
+# dependency; ldconfig runs from a trigger, not from maintainer scripts.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
+set(CPACK_DEBIAN_LIB_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers
+    ${PROJECT_SOURCE_DIR}/cmake/debian/libzelo0/symbols)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/debian/triggers)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/drop-ldconfig-scripts.cmake)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

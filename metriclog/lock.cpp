@@ -119,7 +119,10 @@ void WaitValueLock(void) {
     }
     char pid[16];
     const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
-    (void)::write(fd, pid, static_cast<std::size_t>(n));
+    // A lock that names no pid is still the lock; waiters break it only
+    // once it is old, so a failed write costs nothing but that.
+    if (::write(fd, pid, static_cast<std::size_t>(n)) != n)
+        WriteToLog("WaitValueLock", "ERROR", "Can't write the pid into the lock file");
     ::close(fd);
 }
 
