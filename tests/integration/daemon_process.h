@@ -49,7 +49,8 @@ class DaemonProcess {
         pid_ = ::fork();
         if (pid_ == 0) {
             const std::string out = root + "/daemon.out";
-            (void)std::freopen(out.c_str(), "w", stdout);
+            if (std::freopen(out.c_str(), "w", stdout) == nullptr)
+                ::_exit(126);
             // The library preloaded into the daemon itself (the faketime
             // wrapper would stand between the test and the daemon's signals).
             ::setenv("LD_PRELOAD", ZELO_LIBFAKETIME, 1);

@@ -166,7 +166,8 @@ TEST_F(DaemonTest, AReaderKilledHoldingTheLockHoldsTheDaemonUpBriefly) {
     const pid_t reader = ::fork();
     if (reader == 0) {
         WaitValueLock();
-        (void)::write(ready[1], "1", 1);
+        if (::write(ready[1], "1", 1) != 1)
+            ::_exit(1);
         for (;;)
             ::pause();
     }
