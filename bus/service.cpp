@@ -26,8 +26,11 @@
 #include <memory>
 #include <optional>
 #include <pwd.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
 namespace zelo::bus {
@@ -62,17 +65,17 @@ std::optional<uint32_t> stored(const char *key) {
     return static_cast<uint32_t>(value);
 }
 
-// The daemon runs while the pid its pid file names is a live process named
-// zelo. The file's lock is not tried: holding it even briefly could keep a
-// starting daemon out.
-bool daemonRunning(const std::string &pidFile) {
+// The daemon's pid while the process its pid file names runs and is named
+// zelo, else 0. The file's lock is not tried: holding it even briefly could
+// keep a starting daemon out.
+pid_t runningDaemon(const std::string &pidFile) {
     long pid = 0;
     std::ifstream(pidFile) >> pid;
     if (pid <= 0 || pid > INT_MAX)
-        return false;
+        return 0;
     std::string name;
     std::ifstream("/proc/" + std::to_string(pid) + "/comm") >> name;
-    return name == "zelo";
+    return name == "zelo" ? static_cast<pid_t>(pid) : 0;
 }
 
 struct Service;
@@ -98,6 +101,8 @@ struct Service {
     sd_event_source *logWatch = nullptr;
     sd_event_source *runWatch = nullptr;
     sd_event_source *timer = nullptr;
+    sd_event_source *daemonExit = nullptr; // the running daemon's pidfd
+    pid_t daemonPid = 0;
     std::vector<sd_bus_slot *> slots;
 
     std::vector<SensorObject> sensors;
@@ -112,6 +117,7 @@ struct Service {
         sd_event_source_unref(logWatch);
         sd_event_source_unref(runWatch);
         sd_event_source_unref(timer);
+        sd_event_source_disable_unref(daemonExit);
         sd_bus_flush_close_unref(bus);
         sd_event_unref(event);
     }
@@ -120,6 +126,8 @@ struct Service {
     void refreshCap();
     void watch();
     void armTimer(double seconds);
+    bool watchDaemon();
+    void readMissingLimits();
     bool mayChangeCap(sd_bus_message *call) const;
 };
 
@@ -184,6 +192,15 @@ int getCap(sd_bus *, const char *, const char *, const char *property, sd_bus_me
     const CapLimits &c = static_cast<Service *>(userdata)->cap;
     if (std::strcmp(property, "PowerCapEnable") == 0)
         return sd_bus_message_append(reply, "b", static_cast<int>(c.enabled));
+    if (std::strcmp(property, "PowerCap") == 0 && !c.cap) {
+        // The daemon keeps the limits in the store, not the cap: the firmware
+        // is asked, only when someone asks for it.
+        const uint8_t handle = ZELO_GetModuleHandle(0);
+        uint16_t watts = 0;
+        if (handle == 0 || ZELO_ReadPcapRegister(handle, &watts) != ZELO_RC_SUCCESS)
+            watts = 0;
+        return sd_bus_message_append(reply, "u", uint32_t{watts});
+    }
     const std::optional<uint32_t> &value = std::strcmp(property, "PowerCap") == 0           ? c.cap
                                            : std::strcmp(property, "MinPowerCapValue") == 0 ? c.min
                                            : std::strcmp(property, "MaxPowerCapValue") == 0
@@ -245,14 +262,12 @@ int setCap(sd_bus *bus, const char *, const char *, const char *property, sd_bus
     if (r < 0)
         return r;
     // The limits the daemon published, else the firmware's own.
+    service->readMissingLimits();
     const uint8_t handle = ZELO_GetModuleHandle(0);
-    uint16_t min = 0, max = 0;
-    const auto storedMin = service->cap.min, storedMax = service->cap.max;
-    if (handle == 0 || (!storedMin && ZELO_ReadPcapMinRegister(handle, &min) != ZELO_RC_SUCCESS) ||
-        (!storedMax && ZELO_ReadPcapMaxRegister(handle, &max) != ZELO_RC_SUCCESS))
+    if (handle == 0 || !service->cap.min || !service->cap.max)
         return sd_bus_error_set(error, kInternalFailure,
                                 "The firmware's power cap limits cannot be read");
-    const uint32_t low = storedMin.value_or(min), high = storedMax.value_or(max);
+    const uint32_t low = *service->cap.min, high = *service->cap.max;
     const bool enabled = ZELO_IsPowerCappingEnabled() != 0;
     if (enabled != service->cap.enabled) {
         service->cap.enabled = enabled;
@@ -273,8 +288,8 @@ int setCap(sd_bus *bus, const char *, const char *, const char *property, sd_bus
     if (rc != ZELO_RC_SUCCESS)
         return sd_bus_error_setf(error, kInternalFailure,
                                  "The firmware refused the power cap, result code %u", rc);
-    // The daemon publishes it to the store, and raises its event, next cycle.
-    service->cap.cap = watts;
+    if (service->cap.cap)
+        service->cap.cap = watts;
     return 0;
 }
 
@@ -290,6 +305,22 @@ constexpr sd_bus_vtable kCapTable[] = {
     SD_BUS_VTABLE_END};
 
 // ---- Keeping current ----
+
+// Limits the daemon has not published yet come from the firmware.
+void Service::readMissingLimits() {
+    const uint8_t handle = !cap.min || !cap.max || !cap.softMin ? ZELO_GetModuleHandle(0) : 0;
+    if (handle == 0)
+        return;
+    const std::pair<std::optional<uint32_t> *, uint8_t (*)(uint8_t, uint16_t *)> limits[] = {
+        {&cap.min, ZELO_ReadPcapMinRegister},
+        {&cap.max, ZELO_ReadPcapMaxRegister},
+        {&cap.softMin, ZELO_ReadPcapSoftMinRegister}};
+    for (const auto &[limit, read] : limits) {
+        uint16_t watts = 0;
+        if (!*limit && read(handle, &watts) == ZELO_RC_SUCCESS)
+            *limit = watts;
+    }
+}
 
 void Service::refreshCap() {
     // What the store lacks stays as the firmware last told it.
@@ -327,7 +358,7 @@ void Service::refresh() {
         FreeMetricValue(buffers, inlets, perfs, count);
     }
     energy.add(records);
-    Freshness fresh{daemonRunning(pidFile), 0};
+    Freshness fresh{watchDaemon(), 0};
     if (::stat(lastFile.c_str(), &st) == 0)
         fresh.ageSeconds = std::difftime(std::time(nullptr), st.st_mtime);
     const auto now = readings(records, fresh, energy.joules());
@@ -351,6 +382,32 @@ void Service::refresh() {
     if (live)
         armTimer(3 * periodSeconds(records) - fresh.ageSeconds + 1);
     logChanged = false;
+}
+
+int onDaemonExit(sd_event_source *, int, uint32_t, void *userdata) {
+    auto *service = static_cast<Service *>(userdata);
+    service->daemonExit = sd_event_source_disable_unref(service->daemonExit);
+    service->daemonPid = 0;
+    service->refresh();
+    return 0;
+}
+
+// Whether the daemon runs; its end, however it comes, is noticed at once
+// through a descriptor of its process.
+bool Service::watchDaemon() {
+    const pid_t pid = runningDaemon(pidFile);
+    if (pid != daemonPid) {
+        daemonExit = sd_event_source_disable_unref(daemonExit);
+        daemonPid = 0;
+        const int fd = pid > 0 ? static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)) : -1;
+        if (fd >= 0 && sd_event_add_io(event, &daemonExit, fd, EPOLLIN, onDaemonExit, this) >= 0) {
+            (void)sd_event_source_set_io_fd_own(daemonExit, 1);
+            daemonPid = pid;
+        } else if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    return pid > 0;
 }
 
 int onTimer(sd_event_source *, uint64_t, void *userdata) {
@@ -404,7 +461,7 @@ void Service::watch() {
         logWatch = nullptr;
     if (runWatch == nullptr &&
         sd_event_add_inotify(event, &runWatch, runDir.c_str(),
-                             IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_ONLYDIR, onRunEvent,
+                             IN_MODIFY | IN_CLOSE_WRITE | IN_DELETE | IN_ONLYDIR, onRunEvent,
                              this) < 0)
         runWatch = nullptr;
     if (logWatch == nullptr)
@@ -476,13 +533,10 @@ int serve(const Options &options) {
 
     s.watch();
     s.refresh();
-    // Whether capping is on, and the cap while the daemon has published none,
-    // only the firmware tells: asked once here, and again at every set.
+    // Whether capping is on only the firmware tells: asked once here, and
+    // again at every set.
     s.cap.enabled = ZELO_IsPowerCappingEnabled() != 0;
-    uint16_t watts = 0;
-    const uint8_t handle = s.cap.cap ? 0 : ZELO_GetModuleHandle(0);
-    if (handle != 0 && ZELO_ReadPcapRegister(handle, &watts) == ZELO_RC_SUCCESS)
-        s.cap.cap = watts;
+    s.readMissingLimits();
     if ((r = sd_bus_request_name(s.bus, kBusName, 0)) < 0)
         return fail("cannot own the bus name", r);
     for (const SensorObject &object : s.sensors)
