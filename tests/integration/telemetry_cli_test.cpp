@@ -126,8 +126,10 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_EQ(day["End"], "2023-11-14T22:16:30Z");
     EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 90 + 30) / 60);
     EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
-    const double energyWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
-    EXPECT_NEAR(day["EnergykWh"].get<double>(), energyWh / 1000, 0.001);
+    const double acWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
+    const double dcWh = (300.0 * 86 * 150 + 305.0 * 90) / 3600;
+    EXPECT_NEAR(day["EnergykWh"].get<double>(), acWh / 1000, 0.001);
+    EXPECT_NEAR(day["DC"]["EnergykWh"].get<double>(), dcWh / 1000, 0.001);
 }
 
 // Decoded picture: rsvg-convert draws the SVG, pngtopnm makes it raw RGB.

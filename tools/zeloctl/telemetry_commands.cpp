@@ -29,16 +29,14 @@ bool parseWindow(const std::string &text, uint32_t *seconds) {
     return true;
 }
 
-Json figures(const PowerWindowFigures &f, uint32_t minutes) {
-    return {{"PowerConsumedWatts", f.u32Newest},
-            {"AverageConsumedWatts", f.u32Avg},
-            {"MinConsumedWatts", f.u32Min},
-            {"MaxConsumedWatts", f.u32Max},
-            {"IntervalInMin", minutes}};
-}
-
 double kWh(uint64_t joules) {
     return std::round(static_cast<double>(joules) / 3600.0) / 1000.0; // Wh precision
+}
+
+Json figures(const PowerWindowFigures &f, uint32_t minutes) {
+    return {{"PowerConsumedWatts", f.u32Newest}, {"AverageConsumedWatts", f.u32Avg},
+            {"MinConsumedWatts", f.u32Min},      {"MaxConsumedWatts", f.u32Max},
+            {"IntervalInMin", minutes},          {"EnergykWh", kWh(f.u64EnergyJ)}};
 }
 
 // The field names and values of one history sample, in record order.
@@ -212,7 +210,6 @@ int cmdPower(const std::string &windowText) {
     const std::string end = isoUtc(static_cast<std::time_t>(st.u64End));
     if (gOutput.json) {
         Json object = figures(st.sAC, minutes);
-        object["EnergykWh"] = kWh(st.sAC.u64EnergyJ);
         object["Start"] = start;
         object["End"] = end;
         object["Intervals"] = st.u32Intervals;
