@@ -34,11 +34,14 @@ Json parsed(const RunResult &r) {
 
 class TelemetryCliTest : public ::testing::Test {
   protected:
-    // Four hours of samples ending at kEnd, slots 40-49 unknown: AC 380/400/420,
-    // DC 290/300/310, CPU 50 %, memory 30 %, I/O 10 %.
+    // Four hours of samples ending at kEnd, slots 40-49 unknown, the interval
+    // of item 60 never written: AC 380/400/420, DC 290/300/310, CPU 50 %,
+    // memory 30 %, I/O 10 %.
     void writeHistories() {
         std::map<uint16_t, PowerHistorySample> power, perf;
         for (uint16_t i = 0; i < 96; ++i) {
+            if (i == 60)
+                continue;
             const auto t = static_cast<uint32_t>(kEnd - (95 - i) * 150);
             const bool unknown = i >= 40 && i < 50;
             power[i] = unknown ? PowerHistorySample{t, U, U, U, U, U, U}
@@ -73,10 +76,14 @@ TEST_F(TelemetryCliTest, HistoryItemsAreDatedAndUnknownIsExplicitInEveryFormat) 
     EXPECT_EQ(history["Items"][95]["Date"], "2023-11-14T22:15:00Z");
     EXPECT_EQ(history["Items"][95]["AvgACWatts"], 400);
     EXPECT_TRUE(history["Items"][40]["AvgDCWatts"].is_null());
+    // The interval never written is listed, unknown, as power counts it.
+    EXPECT_EQ(history["Items"][60]["Date"], "2023-11-14T20:47:30Z");
+    EXPECT_TRUE(history["Items"][60]["AvgDCWatts"].is_null());
     EXPECT_EQ(parsed(zeloctl("--json history --hours 1"))["Items"].size(), 24u);
     const Json perf = parsed(zeloctl("history --performance --json"));
     EXPECT_EQ(perf["Items"][0]["CPUPercent"], 50);
     EXPECT_TRUE(perf["Items"][45]["CPUPercent"].is_null());
+    EXPECT_TRUE(perf["Items"][60]["CPUPercent"].is_null());
 
     std::istringstream lines(zeloctl("history --csv --hours 4").out);
     std::vector<std::string> rows;
@@ -116,18 +123,19 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_NE(read.out.find("Temperature:\"24\\\" C\\x01\\x1B[31m"), std::string::npos) << read.out;
     EXPECT_EQ(read.out.find('\x1b'), std::string::npos);
 
-    // A day: the history, then the three records newer than it.
+    // A day: the history, then the three records newer than it. Unknown: ten
+    // samples and the interval never written.
     const Json day = parsed(zeloctl("--json power --window 24h"));
     EXPECT_EQ(day["PowerConsumedWatts"], 410);
     EXPECT_EQ(day["MinConsumedWatts"], 380);
     EXPECT_EQ(day["MaxConsumedWatts"], 420);
-    EXPECT_EQ(day["Intervals"], 86 + 3);
-    EXPECT_EQ(day["UnknownIntervals"], 10);
+    EXPECT_EQ(day["Intervals"], 85 + 3);
+    EXPECT_EQ(day["UnknownIntervals"], 10 + 1);
     EXPECT_EQ(day["End"], "2023-11-14T22:16:30Z");
     EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 90 + 30) / 60);
     EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
-    const double acWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
-    const double dcWh = (300.0 * 86 * 150 + 305.0 * 90) / 3600;
+    const double acWh = (400.0 * 85 * 150 + 410.0 * 90) / 3600;
+    const double dcWh = (300.0 * 85 * 150 + 305.0 * 90) / 3600;
     EXPECT_NEAR(day["EnergykWh"].get<double>(), acWh / 1000, 0.001);
     EXPECT_NEAR(day["DC"]["EnergykWh"].get<double>(), dcWh / 1000, 0.001);
 }
@@ -182,12 +190,15 @@ TEST_F(TelemetryCliTest, TheChartDrawsLinesWhereTheDataIsAndShadesTheUnknown) {
         return c[0] == c[1] && c[1] == c[2] && c[0] > 200 && c[0] < 230;
     };
     const int known = x(3600), unknown = x(55 * 150 - 700); // inside slots 40-49
+    const int unwritten = x(35 * 150 + 75);                 // the middle of item 60
     EXPECT_TRUE(near(p, known, 114, 3, red)) << "AC at 400 W";
     EXPECT_TRUE(near(p, known, 168, 3, blue)) << "DC at 300 W";
     EXPECT_TRUE(near(p, known, 455, 3, orange)) << "CPU at 50 %";
     EXPECT_TRUE(grey(p.at(unknown, 200))) << "power panel shaded where no reading came";
     EXPECT_TRUE(grey(p.at(unknown, 500))) << "utilisation panel shaded too";
     EXPECT_FALSE(near(p, unknown, 114, 3, red)) << "no line across the gap";
+    EXPECT_TRUE(grey(p.at(unwritten, 200))) << "an interval never written is no reading either";
+    EXPECT_FALSE(near(p, unwritten, 114, 3, red));
     EXPECT_FALSE(grey(p.at(known, 200))) << "no shade where readings came";
 }
 

@@ -7,6 +7,7 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 namespace zeloctl {
@@ -94,17 +95,13 @@ void printHistory(const std::vector<Item> &items, const char *kind, HistoryForma
     }
 }
 
-// The items of the last `hours` before the newest one.
+// The items of the last `hours` before the newest one, gaps listed unknown.
 template <class Item>
-std::vector<Item> lastHours(const Item *items, uint16_t count, unsigned hours) {
-    std::vector<Item> kept;
-    if (count == 0)
-        return kept;
-    const uint64_t newest = items[count - 1].sSample.timestamp;
-    for (uint16_t i = 0; i < count; ++i)
-        if (uint64_t{items[i].sSample.timestamp} + uint64_t{hours} * 3600 > newest)
-            kept.push_back(items[i]);
-    return kept;
+std::vector<Item> lastHours(std::vector<Item> items, uint16_t count, unsigned hours) {
+    items.resize(count);
+    const uint64_t newest = count != 0 ? items.back().sSample.timestamp : 0;
+    const uint64_t span = uint64_t{hours} * 3600;
+    return itemsAfter(items, newest > span ? newest - span : 0);
 }
 
 Json stat(const MetricStat *s) {
@@ -239,13 +236,13 @@ int cmdHistory(bool performance, const std::string &hoursText, HistoryFormat for
         const uint8_t rc = ReadPowerPerformanceItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
             return telemetryFailure("performance history", rc);
-        printHistory(lastHours(items.data(), count, hours), "performance", format);
+        printHistory(lastHours(std::move(items), count, hours), "performance", format);
     } else {
         std::vector<PowerHistoryItem> items(ZELO_HISTORY_SLOTS);
         const uint8_t rc = ReadPowerHistoryItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
             return telemetryFailure("power history", rc);
-        printHistory(lastHours(items.data(), count, hours), "power", format);
+        printHistory(lastHours(std::move(items), count, hours), "power", format);
     }
     return 0;
 }
