@@ -100,10 +100,11 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     // Readings as a foreign sensor may name them: quotes, backslashes,
     // control bytes and bytes that are not UTF-8.
     const std::string hostile = "\"24\\\" C\x01\x1b[31m\xff\xfe";
-    std::vector<Bytes> records;
-    for (uint64_t i = 0; i < 3; ++i)
-        records.push_back(recordFile({(kEnd + 30 * (i + 1)) * 1000ull, 410, 305}, i == 2, hostile));
-    writeLog(root.path(), records, 2);
+    // The first record after a firmware restart has no figure: all zeros.
+    std::vector<Bytes> records = {recordFile({(kEnd + 30) * 1000ull, 0, 0})};
+    for (uint64_t i = 1; i < 4; ++i)
+        records.push_back(recordFile({(kEnd + 30 * (i + 1)) * 1000ull, 410, 305}, i == 3, hostile));
+    writeLog(root.path(), records, 3);
 
     const Json metrics = parsed(zeloctl("--json metrics --last 2"));
     ASSERT_EQ(metrics["Records"].size(), 2u);
@@ -116,23 +117,28 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_EQ(newest["InletReadings"][0]["Temperature"].get<std::string>().substr(0, 7),
               "\"24\\\" C");
     EXPECT_EQ(zeloctl("metrics").out.find('\x1b'), std::string::npos) << "no raw control bytes";
+    const Json placeholder = parsed(zeloctl("--json metrics"))["Records"][0];
+    EXPECT_TRUE(placeholder["SystemAC"]["Avg"].is_null());
+    EXPECT_TRUE(placeholder["SystemDC"]["Max"].is_null());
+    EXPECT_EQ(placeholder["PowerSupplyAC"][0]["Avg"], 200) << "read, not differenced";
+    EXPECT_NE(zeloctl("metrics").out.find("SystemAC           unknown\n"), std::string::npos);
     // The daemon's printout of a file escapes them the same way.
     const auto read =
-        runProgram(ZELO_DAEMON_PATH, {"-r", root.path() + "/tmp/zelo_log/zelo_0.log"});
+        runProgram(ZELO_DAEMON_PATH, {"-r", root.path() + "/tmp/zelo_log/zelo_1.log"});
     EXPECT_EQ(read.status, 0);
     EXPECT_NE(read.out.find("Temperature:\"24\\\" C\\x01\\x1B[31m"), std::string::npos) << read.out;
     EXPECT_EQ(read.out.find('\x1b'), std::string::npos);
 
-    // A day: the history, then the three records newer than it. Unknown: ten
-    // samples and the interval never written.
+    // A day: the history, then the records newer than it. Unknown: ten
+    // samples, the interval never written, the record without a figure.
     const Json day = parsed(zeloctl("--json power --window 24h"));
     EXPECT_EQ(day["PowerConsumedWatts"], 410);
     EXPECT_EQ(day["MinConsumedWatts"], 380);
     EXPECT_EQ(day["MaxConsumedWatts"], 420);
     EXPECT_EQ(day["Intervals"], 85 + 3);
-    EXPECT_EQ(day["UnknownIntervals"], 10 + 1);
-    EXPECT_EQ(day["End"], "2023-11-14T22:16:30Z");
-    EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 90 + 30) / 60);
+    EXPECT_EQ(day["UnknownIntervals"], 10 + 1 + 1);
+    EXPECT_EQ(day["End"], "2023-11-14T22:17:00Z");
+    EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 120 + 30) / 60);
     EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
     const double acWh = (400.0 * 85 * 150 + 410.0 * 90) / 3600;
     const double dcWh = (300.0 * 85 * 150 + 305.0 * 90) / 3600;

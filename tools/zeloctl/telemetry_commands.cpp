@@ -110,6 +110,16 @@ Json stat(const MetricStat *s) {
     return {{"Avg", s->u64Avg}, {"Max", s->u64Max}, {"Min", s->u64Min}};
 }
 
+// A figure differenced from running totals, in a record without a DC
+// reading: an average of 0 there is no figure but the lack of an earlier
+// total (the first record after a firmware restart). It reads unknown, as
+// power counts such a record; the history leaves its reading out.
+Json differenced(const MetricStat *s, bool noReading) {
+    if (s == nullptr || !noReading || s->u64Avg != 0)
+        return stat(s);
+    return {{"Avg", nullptr}, {"Max", nullptr}, {"Min", nullptr}};
+}
+
 Json stats(const MetricStat *s, uint8_t count) {
     Json list = Json::array();
     for (uint8_t i = 0; s != nullptr && i < count; ++i)
@@ -117,8 +127,11 @@ Json stats(const MetricStat *s, uint8_t count) {
     return list;
 }
 
-Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet,
-            const PerfMetricSet &perf) {
+// On a blade the DC figures are in the AC record.
+Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet, const PerfMetricSet &perf,
+            bool blade) {
+    const MetricStat *dc = blade ? s.psSystemAC : s.psSystemDC;
+    const bool noReading = dc == nullptr || dc->u64Avg == 0;
     Json readings = Json::array();
     const InletSensorTemperature *node = inlet.psSensor;
     for (unsigned i = 0; i < inlet.u8SensorNum && node != nullptr; ++i, node = node->psNext)
@@ -131,12 +144,12 @@ Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet,
             {"PowerStatus", s.u8PowerStatus},
             {"PowerSupplyAC", stats(s.psPowerSupplyAC, s.u8PowerSupplyACNum)},
             {"PowerSupplyDC", stats(s.psPowerSupplyDC, s.u8PowerSupplyDCNum)},
-            {"SystemAC", stat(s.psSystemAC)},
-            {"SystemDC", stat(s.psSystemDC)},
-            {"CPUPower", stat(s.psCPUPower)},
-            {"MemoryPower", stat(s.psMemoryPower)},
-            {"CoolingPower", stat(s.psCoolingPower)},
-            {"EffectiveCPU", stat(s.psEffectiveCPU)},
+            {"SystemAC", differenced(s.psSystemAC, noReading)},
+            {"SystemDC", differenced(s.psSystemDC, noReading)},
+            {"CPUPower", differenced(s.psCPUPower, noReading)},
+            {"MemoryPower", differenced(s.psMemoryPower, noReading)},
+            {"CoolingPower", differenced(s.psCoolingPower, noReading)},
+            {"EffectiveCPU", differenced(s.psEffectiveCPU, noReading)},
             {"InletTemperature", s.u8InletTemperature},
             {"OutletTemperature", s.u8OutletTemperature},
             {"InletReadings", readings},
@@ -153,6 +166,8 @@ void printField(const std::string &label, const Json &value, int indent) {
     std::string text;
     if (value.is_null())
         text = "-";
+    else if (value.is_object() && value.contains("Avg") && value["Avg"].is_null())
+        text = "unknown";
     else if (value.is_object() && value.contains("Avg"))
         text = "avg " + value["Avg"].dump() + ", max " + value["Max"].dump() + ", min " +
                value["Min"].dump();
@@ -259,9 +274,10 @@ int cmdMetrics(const std::string &lastText) {
     if (rc != ZELO_RC_SUCCESS)
         return telemetryFailure("metric records", rc);
     const unsigned first = count > last ? count - static_cast<unsigned>(last) : 0;
+    const bool blade = IsBladeServer() != 0;
     Json records = Json::array();
     for (unsigned i = first; i < count; ++i)
-        records.push_back(record(buffers[i], inlets[i], perfs[i]));
+        records.push_back(record(buffers[i], inlets[i], perfs[i], blade));
     FreeMetricValue(buffers, inlets, perfs, count);
     if (gOutput.json) {
         emit({{"Records", records}, {"Skipped", skipped}});
