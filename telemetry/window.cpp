@@ -52,17 +52,22 @@ uint32_t saturated(uint64_t value) {
     return static_cast<uint32_t>(std::min<uint64_t>(value, UINT32_MAX));
 }
 
+// A trough and a peak widened, where needed, to take in the average.
+Watts bounded(uint32_t min, uint32_t avg, uint32_t max) {
+    return {std::min(min, avg), avg, std::max(max, avg)};
+}
+
 // A record carries its interval's trough and peak: for DC the edges of the
 // histogram buckets that grew, which may fall on either side of the average
-// (the top bucket is open-ended), so they are widened to take it in; for AC
-// the average itself. Both 0: no bucket grew, the average stands for them.
+// (the top bucket is open-ended); for AC the average itself. Both 0: no
+// bucket grew, the average stands for them.
 Watts wattsOf(const MetricStat *stat) {
     if (stat == nullptr)
         return {0, 0, 0};
     const uint32_t avg = saturated(stat->u64Avg);
     if (stat->u64Min == 0 && stat->u64Max == 0)
         return {avg, avg, avg};
-    return {std::min(saturated(stat->u64Min), avg), avg, std::max(saturated(stat->u64Max), avg)};
+    return bounded(saturated(stat->u64Min), avg, saturated(stat->u64Max));
 }
 
 // The figures the writer publishes: on a blade the DC power is in the AC
@@ -77,8 +82,8 @@ Span recordSpan(const SnapshotBuffer &s, bool blade) {
 
 Span sampleSpan(const PowerHistoryItem &item) {
     const PowerHistorySample &s = item.sSample;
-    return {0,     uint64_t{s.timestamp} * 1000,     item.u8Unknown == 0,
-            false, Watts{s.minAC, s.avgAC, s.maxAC}, Watts{s.minDC, s.avgDC, s.maxDC}};
+    const Watts ac = bounded(s.minAC, s.avgAC, s.maxAC), dc = bounded(s.minDC, s.avgDC, s.maxDC);
+    return {0, uint64_t{s.timestamp} * 1000, item.u8Unknown == 0, false, ac, dc};
 }
 
 // Sorts the spans by end and lets each start where the one before ended,
