@@ -18,7 +18,8 @@ constexpr uint32_t kMaxWindowSeconds = 86400;
 constexpr uint64_t kRecordMs = 30'000;
 constexpr uint64_t kSampleMs = 150'000;
 constexpr std::size_t kMaxRecords = UINT8_MAX;
-// A sample is cut once more by each record inside it.
+// A piece per record and per sample, and one more for each record that
+// starts inside a sample.
 constexpr std::size_t kMaxPieces = ZELO_HISTORY_SLOTS + 2 * kMaxRecords;
 
 // Trough, average and peak watts of one quantity over one stretch.
@@ -34,7 +35,8 @@ struct Span {
     Watts ac, dc;
 };
 
-// A part of a span inside the window that no record covers.
+// What counts of a span: its part inside the window and, for a sample,
+// outside every record.
 struct Piece {
     uint64_t startMs, endMs;
     Span *source;
