@@ -43,7 +43,7 @@ inline Bytes ringFile(uint16_t next, const std::map<uint16_t, PowerHistorySample
 
 struct Record {
     uint64_t ms;
-    uint32_t ac, dc; // average; minimum and maximum 10 below and above
+    uint32_t ac, dc; // average; minimum and maximum 10 below and above, or 0 with it
 };
 
 // A metric log file: two AC supplies, system AC and DC, two inlet readings.
@@ -57,10 +57,14 @@ inline Bytes recordFile(const Record &r, bool perf = false, const std::string &r
     out.push_back(2);
     stat(200, 210, 190);
     stat(201, 211, 191);
+    // No figure is all zeros, as in the first record after a firmware restart.
+    const auto figure = [&stat](uint64_t avg) {
+        stat(avg, avg == 0 ? 0 : avg + 10, avg == 0 ? 0 : avg - 10);
+    };
     out.insert(out.end(), {0, 1}); // no DC supplies, system AC
-    stat(r.ac, r.ac + 10, r.ac - 10);
+    figure(r.ac);
     out.push_back(1);
-    stat(r.dc, r.dc + 10, r.dc - 10);
+    figure(r.dc);
     out.insert(out.end(), {0, 0, 0, 0, 24, 31}); // four absent records, inlet, outlet
     putLe(out, r.ms, 8);
     out.insert(out.end(), {0x21, 2});

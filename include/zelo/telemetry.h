@@ -31,24 +31,30 @@ typedef struct {
     uint8_t u8Unknown;
 } PowerPerformanceItem;
 
-/* One power quantity over a window, in watts. Minimum and maximum are the
- * extremes of the 30-second averages, as the 24-hour history keeps them. */
+/* One power quantity over a window, in watts. Each instant of the window is
+ * read from the metric record that covers it, else from the history sample
+ * that covers it; minimum and maximum are the troughs and peaks those carry
+ * (a record its interval's, a history sample the extremes of its 30-second
+ * averages), not extremes of averages. */
 typedef struct {
-    uint32_t u32Newest; /* average of the newest metric record */
+    uint32_t u32Newest; /* average of the newest record (or sample) with a reading */
     uint32_t u32Min;
-    uint32_t u32Avg; /* time-weighted over the known intervals: energy / known seconds */
+    uint32_t u32Avg; /* energy / the seconds with a reading */
     uint32_t u32Max;
-    uint64_t u64EnergyJ; /* watt-seconds: each known interval's average x its duration */
+    uint64_t u64EnergyJ; /* watt-seconds: each stretch's average x its duration in the window */
 } PowerWindowFigures;
 
 /* Power over a window ending at the newest metric record. */
 typedef struct {
     PowerWindowFigures sAC; /* input power: what ZELO_total_ac_power_in_use_* publish */
     PowerWindowFigures sDC; /* DC power: what ZELO_total_dc_power_in_use_* publish */
-    uint64_t u64Start;      /* seconds since the epoch: start of the oldest interval used */
+    uint64_t u64Start;      /* seconds since the epoch: start of the oldest stretch used */
     uint64_t u64End;        /* seconds since the epoch: the newest metric record's time */
-    uint32_t u32Intervals;  /* known intervals used (metric records and history samples) */
-    uint32_t u32UnknownIntervals; /* intervals with no reading, or none with DC power */
+    uint32_t u32Intervals;  /* records and history samples with a reading that supplied time */
+    /* Records and samples without a reading (no DC power) that supplied time,
+     * and the time between them that none covers, in 30-second periods from
+     * the oldest record on and in 150-second periods before it, rounded up. */
+    uint32_t u32UnknownIntervals;
 } PowerWindowStats;
 
 ZELO_BEGIN_DECLS
@@ -75,13 +81,13 @@ ZELO_API uint8_t ReadMetricLog(SnapshotBuffer **ppsBuffers, BladeInletSensorBuff
                                PerfMetricSet **ppsPerfs, uint8_t *pu8Count, uint8_t *pu8Skipped);
 
 /* Power over the u32WindowSeconds (1 to 86400) that end at the newest metric
- * record. Windows up to an hour come from the metric log (30-second
- * intervals); longer ones from the persisted power history (150-second
- * intervals), completed with the metric records newer than its newest
- * sample. The newest metric record is always included; without any, a long
- * window ends at the newest history sample. *psStats is cleared first.
- * ZELO_RC_INVALID_PARAMETER for a window out of range, ZELO_RC_NO_DATA when
- * there is nothing to summarise, ZELO_RC_BAD_FILE as the readers above. */
+ * record. The metric records (30-second intervals) are preferred; where they
+ * do not cover the window, the persisted power history (150-second samples)
+ * fills in, so no time is counted twice and a stretch gives the same energy
+ * in every window. Without any record the window ends at the newest history
+ * sample. *psStats is cleared first. ZELO_RC_INVALID_PARAMETER for a window
+ * out of range, ZELO_RC_NO_DATA when there is nothing to summarise,
+ * ZELO_RC_BAD_FILE as the readers above. */
 ZELO_API uint8_t GetPowerWindowStats(uint32_t u32WindowSeconds, PowerWindowStats *psStats);
 
 ZELO_END_DECLS

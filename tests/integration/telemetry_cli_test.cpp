@@ -34,11 +34,14 @@ Json parsed(const RunResult &r) {
 
 class TelemetryCliTest : public ::testing::Test {
   protected:
-    // Four hours of samples ending at kEnd, slots 40-49 unknown: AC 380/400/420,
-    // DC 290/300/310, CPU 50 %, memory 30 %, I/O 10 %.
+    // Four hours of samples ending at kEnd, slots 40-49 unknown, the interval
+    // of item 60 never written: AC 380/400/420, DC 290/300/310, CPU 50 %,
+    // memory 30 %, I/O 10 %.
     void writeHistories() {
         std::map<uint16_t, PowerHistorySample> power, perf;
         for (uint16_t i = 0; i < 96; ++i) {
+            if (i == 60)
+                continue;
             const auto t = static_cast<uint32_t>(kEnd - (95 - i) * 150);
             const bool unknown = i >= 40 && i < 50;
             power[i] = unknown ? PowerHistorySample{t, U, U, U, U, U, U}
@@ -73,10 +76,14 @@ TEST_F(TelemetryCliTest, HistoryItemsAreDatedAndUnknownIsExplicitInEveryFormat) 
     EXPECT_EQ(history["Items"][95]["Date"], "2023-11-14T22:15:00Z");
     EXPECT_EQ(history["Items"][95]["AvgACWatts"], 400);
     EXPECT_TRUE(history["Items"][40]["AvgDCWatts"].is_null());
+    // The interval never written is listed, unknown, as power counts it.
+    EXPECT_EQ(history["Items"][60]["Date"], "2023-11-14T20:47:30Z");
+    EXPECT_TRUE(history["Items"][60]["AvgDCWatts"].is_null());
     EXPECT_EQ(parsed(zeloctl("--json history --hours 1"))["Items"].size(), 24u);
     const Json perf = parsed(zeloctl("history --performance --json"));
     EXPECT_EQ(perf["Items"][0]["CPUPercent"], 50);
     EXPECT_TRUE(perf["Items"][45]["CPUPercent"].is_null());
+    EXPECT_TRUE(perf["Items"][60]["CPUPercent"].is_null());
 
     std::istringstream lines(zeloctl("history --csv --hours 4").out);
     std::vector<std::string> rows;
@@ -93,10 +100,11 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     // Readings as a foreign sensor may name them: quotes, backslashes,
     // control bytes and bytes that are not UTF-8.
     const std::string hostile = "\"24\\\" C\x01\x1b[31m\xff\xfe";
-    std::vector<Bytes> records;
-    for (uint64_t i = 0; i < 3; ++i)
-        records.push_back(recordFile({(kEnd + 30 * (i + 1)) * 1000ull, 410, 305}, i == 2, hostile));
-    writeLog(root.path(), records, 2);
+    // The first record after a firmware restart has no figure: all zeros.
+    std::vector<Bytes> records = {recordFile({(kEnd + 30) * 1000ull, 0, 0})};
+    for (uint64_t i = 1; i < 4; ++i)
+        records.push_back(recordFile({(kEnd + 30 * (i + 1)) * 1000ull, 410, 305}, i == 3, hostile));
+    writeLog(root.path(), records, 3);
 
     const Json metrics = parsed(zeloctl("--json metrics --last 2"));
     ASSERT_EQ(metrics["Records"].size(), 2u);
@@ -109,25 +117,33 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_EQ(newest["InletReadings"][0]["Temperature"].get<std::string>().substr(0, 7),
               "\"24\\\" C");
     EXPECT_EQ(zeloctl("metrics").out.find('\x1b'), std::string::npos) << "no raw control bytes";
+    const Json placeholder = parsed(zeloctl("--json metrics"))["Records"][0];
+    EXPECT_TRUE(placeholder["SystemAC"]["Avg"].is_null());
+    EXPECT_TRUE(placeholder["SystemDC"]["Max"].is_null());
+    EXPECT_EQ(placeholder["PowerSupplyAC"][0]["Avg"], 200) << "read, not differenced";
+    EXPECT_NE(zeloctl("metrics").out.find("SystemAC           unknown\n"), std::string::npos);
     // The daemon's printout of a file escapes them the same way.
     const auto read =
-        runProgram(ZELO_DAEMON_PATH, {"-r", root.path() + "/tmp/zelo_log/zelo_0.log"});
+        runProgram(ZELO_DAEMON_PATH, {"-r", root.path() + "/tmp/zelo_log/zelo_1.log"});
     EXPECT_EQ(read.status, 0);
     EXPECT_NE(read.out.find("Temperature:\"24\\\" C\\x01\\x1B[31m"), std::string::npos) << read.out;
     EXPECT_EQ(read.out.find('\x1b'), std::string::npos);
 
-    // A day: the history, then the three records newer than it.
+    // A day: the history, then the records newer than it. Unknown: ten
+    // samples, the interval never written, the record without a figure.
     const Json day = parsed(zeloctl("--json power --window 24h"));
     EXPECT_EQ(day["PowerConsumedWatts"], 410);
     EXPECT_EQ(day["MinConsumedWatts"], 380);
     EXPECT_EQ(day["MaxConsumedWatts"], 420);
-    EXPECT_EQ(day["Intervals"], 86 + 3);
-    EXPECT_EQ(day["UnknownIntervals"], 10);
-    EXPECT_EQ(day["End"], "2023-11-14T22:16:30Z");
-    EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 90 + 30) / 60);
+    EXPECT_EQ(day["Intervals"], 85 + 3);
+    EXPECT_EQ(day["UnknownIntervals"], 10 + 1 + 1);
+    EXPECT_EQ(day["End"], "2023-11-14T22:17:00Z");
+    EXPECT_EQ(day["IntervalInMin"], (96 * 150 + 120 + 30) / 60);
     EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
-    const double energyWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
-    EXPECT_NEAR(day["EnergykWh"].get<double>(), energyWh / 1000, 0.001);
+    const double acWh = (400.0 * 85 * 150 + 410.0 * 90) / 3600;
+    const double dcWh = (300.0 * 85 * 150 + 305.0 * 90) / 3600;
+    EXPECT_NEAR(day["EnergykWh"].get<double>(), acWh / 1000, 0.001);
+    EXPECT_NEAR(day["DC"]["EnergykWh"].get<double>(), dcWh / 1000, 0.001);
 }
 
 // Decoded picture: rsvg-convert draws the SVG, pngtopnm makes it raw RGB.
@@ -180,12 +196,15 @@ TEST_F(TelemetryCliTest, TheChartDrawsLinesWhereTheDataIsAndShadesTheUnknown) {
         return c[0] == c[1] && c[1] == c[2] && c[0] > 200 && c[0] < 230;
     };
     const int known = x(3600), unknown = x(55 * 150 - 700); // inside slots 40-49
+    const int unwritten = x(35 * 150 + 75);                 // the middle of item 60
     EXPECT_TRUE(near(p, known, 114, 3, red)) << "AC at 400 W";
     EXPECT_TRUE(near(p, known, 168, 3, blue)) << "DC at 300 W";
     EXPECT_TRUE(near(p, known, 455, 3, orange)) << "CPU at 50 %";
     EXPECT_TRUE(grey(p.at(unknown, 200))) << "power panel shaded where no reading came";
     EXPECT_TRUE(grey(p.at(unknown, 500))) << "utilisation panel shaded too";
     EXPECT_FALSE(near(p, unknown, 114, 3, red)) << "no line across the gap";
+    EXPECT_TRUE(grey(p.at(unwritten, 200))) << "an interval never written is no reading either";
+    EXPECT_FALSE(near(p, unwritten, 114, 3, red));
     EXPECT_FALSE(grey(p.at(known, 200))) << "no shade where readings came";
 }
 

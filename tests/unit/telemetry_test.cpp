@@ -9,6 +9,7 @@
 
 #include <zelo.h>
 
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <sys/stat.h>
@@ -163,7 +164,99 @@ TEST_F(TelemetryTest, NothingToSummariseAndWindowsOutOfRange) {
     window(60, ZELO_RC_NO_DATA);
 }
 
-TEST_F(TelemetryTest, WindowsAgainstHandComputedFigures) {
+// Start, end, known and unknown intervals; then AC and DC each: energy,
+// newest, minimum, average, maximum.
+using Want = std::array<uint64_t, 14>;
+Want figuresOf(const PowerWindowStats &st) {
+    const auto &a = st.sAC, &d = st.sDC;
+    return {st.u64Start,  st.u64End,    st.u32Intervals, st.u32UnknownIntervals,
+            a.u64EnergyJ, a.u32Newest,  a.u32Min,        a.u32Avg,
+            a.u32Max,     d.u64EnergyJ, d.u32Newest,     d.u32Min,
+            d.u32Avg,     d.u32Max};
+}
+
+uint64_t avg(uint64_t joules, uint64_t seconds) {
+    return static_cast<uint64_t>(std::lround(static_cast<double>(joules) / seconds));
+}
+
+TEST_F(TelemetryTest, ADayOfKnownStepsAgainstHandComputedFigures) {
+    // Eight hours of history ending at E, and the metric log of the 21
+    // minutes since a firmware restart emptied it. The sample ending at
+    // E - 150 k, by its age k:
+    //   k 120-191  DC 50/200/600 W (trough/average/peak), AC 230/250/290
+    //   k 9-119    DC 380/400/450, AC 460/480/520; k 100 unknown, k 30-31 never
+    //              written (five minutes without a reading)
+    //   k 8        the restart's interval: DC 280/350/410, AC 340/420/490
+    //   k 0-7      what the records below made of it, newest at E: the save
+    //              came with the newest record
+    // The records: the placeholder at E - 1230 (no figure), then DC 300 W and
+    // AC 360 W up to E - 600, DC 500 W and AC 600 W after, each 10 W either
+    // side of its average at its trough and peak.
+    constexpr uint64_t E = 1'700'000'100; // on the 150-second grid
+    std::map<uint16_t, PowerHistorySample> ring;
+    for (uint16_t k = 0; k < 192; ++k) {
+        const auto t = static_cast<uint32_t>(E - 150 * k);
+        const auto slot = static_cast<uint16_t>(191 - k);
+        if (k == 30 || k == 31)
+            continue;
+        ring[slot] = k == 100  ? PowerHistorySample{t, U, U, U, U, U, U}
+                     : k > 119 ? PowerHistorySample{t, 230, 250, 290, 50, 200, 600}
+                     : k > 8   ? PowerHistorySample{t, 460, 480, 520, 380, 400, 450}
+                     : k == 8  ? PowerHistorySample{t, 340, 420, 490, 280, 350, 410}
+                     : k > 3   ? PowerHistorySample{t, 360, 360, 360, 300, 300, 300}
+                               : PowerHistorySample{t, 600, 600, 600, 500, 500, 500};
+    }
+    writeHistory(ringFile(192, ring));
+    std::vector<Record> records = {{(E - 1230) * 1000, 0, 0}};
+    for (uint64_t t = E - 1200; t <= E; t += 30)
+        records.push_back({t * 1000, t <= E - 600 ? 360u : 600u, t <= E - 600 ? 300u : 500u});
+    writeRecords(records);
+
+    // The records' 1230 s with a reading: 630 s at the first step, 600 at the second.
+    constexpr uint64_t acRecords = 360 * 630 + 600 * 600, dcRecords = 300 * 630 + 500 * 600;
+    // The history before them starts with 90 s of the restart's sample.
+    constexpr uint64_t acBefore = 420 * 90, dcBefore = 350 * 90;
+    // Full samples at 400 W DC between the restart and two hours back, the
+    // gap's two left out: k 9-47 but 30 and 31; up to six hours also k 48-119
+    // but 100.
+    constexpr uint64_t twoHours = 37 * 150, sixHours = twoHours + 71 * 150;
+    // Newest 600 W AC and 500 W DC in every window; the averages are energy
+    // over the seconds with a reading.
+    const auto figures = [&](uint64_t start, uint32_t known, uint32_t unknown, uint64_t acJ,
+                             uint64_t dcJ, uint64_t seconds, std::array<uint64_t, 4> extremes) {
+        const uint64_t acAvg = avg(acJ, seconds), dcAvg = avg(dcJ, seconds);
+        const auto [acMin, acMax, dcMin, dcMax] = extremes;
+        return Want{start, E,     known, unknown, acJ,   600,   acMin,
+                    acAvg, acMax, dcJ,   500,     dcMin, dcAvg, dcMax};
+    };
+    const std::vector<std::pair<uint32_t, Want>> windows = {
+        // The newest record alone.
+        {30, {E - 30, E, 1, 0, 600 * 30, 600, 590, 600, 610, 500 * 30, 500, 490, 500, 510}},
+        // 37 minutes: the records, the restart's 90 s, k 9-13 and 120 s of k 14.
+        {37 * 60, figures(E - 37 * 60, 41 + 7, 1, acBefore + 480 * 870 + acRecords,
+                          dcBefore + 400 * 870 + dcRecords, 2220 - 30, {340, 610, 280, 510})},
+        {3600, figures(E - 3600, 41 + 16, 1, acBefore + 480 * 2250 + acRecords,
+                       dcBefore + 400 * 2250 + dcRecords, 3600 - 30, {340, 610, 280, 510})},
+        // The gap: two unknown 150-second periods.
+        {7200,
+         figures(E - 7200, 41 + 1 + 37, 1 + 2, acBefore + 480 * twoHours + acRecords,
+                 dcBefore + 400 * twoHours + dcRecords, 7200 - 30 - 300, {340, 610, 280, 510})},
+        // Three hours more: 24 samples of the first step and the unknown one.
+        {6 * 3600, figures(E - 6 * 3600, 41 + 1 + 108 + 24, 1 + 2 + 1,
+                           acBefore + 480 * sixHours + 250 * 24 * 150 + acRecords,
+                           dcBefore + 400 * sixHours + 200 * 24 * 150 + dcRecords,
+                           6 * 3600 - 30 - 300 - 150, {230, 610, 50, 600})},
+        // The whole history: eight hours.
+        {86400, figures(E - 8 * 3600, 41 + 1 + 108 + 72, 1 + 2 + 1,
+                        acBefore + 480 * sixHours + 250 * 72 * 150 + acRecords,
+                        dcBefore + 400 * sixHours + 200 * 72 * 150 + dcRecords,
+                        8 * 3600 - 30 - 300 - 150, {230, 610, 50, 600})},
+    };
+    for (const auto &[seconds, want] : windows)
+        EXPECT_EQ(figuresOf(window(seconds)), want) << seconds << " s";
+}
+
+TEST_F(TelemetryTest, WindowsAtTheEdges) {
     using Ring = std::map<uint16_t, PowerHistorySample>;
     constexpr uint64_t T = 1'700'000'000, E = T + 119 * 30;
     std::vector<Record> hour; // 120 records, one at 400 W DC
@@ -176,24 +269,14 @@ TEST_F(TelemetryTest, WindowsAgainstHandComputedFigures) {
                                       {390000, 400, 500},
                                       {420000, 400, 500},
                                       {450000, 0, 0}};
-    // On the 150-s grid ending at 1500 s, one sample unknown; of the records
-    // only those after 1500 s count.
     const Ring grid = {{0, {1200, 90, 100, 110, 80, 90, 100}},
                        {1, {1350, U, U, U, U, U, U}},
                        {2, {1500, 190, 200, 210, 180, 190, 200}}};
-    const std::vector<Record> after = {{1470000, 1000, 1000},
-                                       {1500000, 1000, 1000},
-                                       {1530000, 300, 250},
-                                       {1560000, 300, 250},
-                                       {1590000, 310, 260}};
     // The history ran ahead before the firmware clock was set back.
     const Ring ahead = {{0, {5000, 100, 100, 100, 100, 100, 100}},
                         {1, {5150, 100, 100, 100, 100, 100, 100}}};
     const std::vector<Record> stepped = {{4000000, 200, 200}, {1000000, 300, 300}};
     const std::vector<Record> one = {{30000, 400, 350}};
-    // Start, end, known and unknown intervals; then AC and DC each: energy,
-    // newest, minimum, average, maximum.
-    using Want = std::array<uint64_t, 14>;
     const auto check = [&](const char *what, const Ring *history,
                            const std::vector<Record> *records, uint32_t seconds, const Want &want) {
         SCOPED_TRACE(what);
@@ -203,36 +286,25 @@ TEST_F(TelemetryTest, WindowsAgainstHandComputedFigures) {
             writeHistory(ringFile(static_cast<uint16_t>(history->size()), *history));
         if (records != nullptr)
             writeRecords(*records);
-        const auto st = window(seconds);
-        const auto &a = st.sAC, &d = st.sDC;
-        EXPECT_EQ(want, (Want{st.u64Start, st.u64End, st.u32Intervals, st.u32UnknownIntervals,
-                              a.u64EnergyJ, a.u32Newest, a.u32Min, a.u32Avg, a.u32Max, d.u64EnergyJ,
-                              d.u32Newest, d.u32Min, d.u32Avg, d.u32Max}));
+        EXPECT_EQ(figuresOf(window(seconds)), want);
     };
     check("an hour of records covers exactly the hour", nullptr, &hour, 3600,
-          {E - 3600, E, 120, 0, 372 * 3600, 372, 372, 372, 372, //
-           350 * 3600 + 50 * 30, 350, 350, 350, 400});
-    check("the shortest window is the newest record", nullptr, &hour, 30,
-          {E - 30, E, 1, 0, 372 * 30, 372, 372, 372, 372, 350 * 30, 350, 350, 350, 350});
+          {E - 3600, E, 120, 0, 372 * 3600, 372, 362, 372, 382, //
+           350 * 3600 + 50 * 30, 350, 340, 350, 410});
     check("a window cuts the oldest record it reaches", nullptr, &hour, 45,
-          {E - 45, E, 2, 0, 372 * 45, 372, 372, 372, 372, 350 * 45, 350, 350, 350, 350});
+          {E - 45, E, 2, 0, 372 * 45, 372, 362, 372, 382, 350 * 45, 350, 340, 350, 360});
     check("gaps folded or counted unknown", nullptr, &gaps, 3600,
-          {0, 450, 4, 10, 400 * 150, 400, 400, 400, 400, 300 * 90 + 500 * 60, 500, 300, 380, 500});
-    check("history, then the records newer than it", &grid, &after, 86400,
-          {1050, 1590, 5, 1, 100 * 150 + 200 * 150 + 300 * 60 + 310 * 30, 310, 90, 185, 310, //
-           90 * 150 + 190 * 150 + 250 * 60 + 260 * 30, 260, 80, 166, 260});
-    check("history only", &grid, nullptr, 86400,
+          {0, 450, 4, 10, 400 * 150, 400, 390, 400, 410, 300 * 90 + 500 * 60, 500, 290, 380, 510});
+    check("the history alone", &grid, nullptr, 86400,
           {1050, 1500, 2, 1, 100 * 150 + 200 * 150, 200, 90, 150, 210, //
            90 * 150 + 190 * 150, 190, 80, 140, 200});
+    check("a short window from the history alone", &grid, nullptr, 60,
+          {1440, 1500, 1, 0, 200 * 60, 200, 190, 200, 210, 190 * 60, 190, 180, 190, 200});
     check("a clock step back ends the window at the newest record", &ahead, &stepped, 86400,
-          {970, 1000, 1, 0, 300 * 30, 300, 300, 300, 300, 300 * 30, 300, 300, 300, 300});
+          {970, 1000, 1, 0, 300 * 30, 300, 290, 300, 310, 300 * 30, 300, 290, 300, 310});
     ::setenv("RUX_FAMILY", "blade", 1);
     check("on a blade the DC figures come from the AC record", nullptr, &one, 30,
-          {0, 30, 1, 0, 350 * 30, 350, 350, 350, 350, 400 * 30, 400, 400, 400, 400});
-    // A short window needs the log.
-    fs::remove_all(root + "/tmp/zelo_log");
-    writeHistory(ringFile(3, grid));
-    window(3600, ZELO_RC_NO_DATA);
+          {0, 30, 1, 0, 350 * 30, 350, 340, 350, 360, 400 * 30, 400, 390, 400, 410});
 }
 
 } // namespace

@@ -88,9 +88,9 @@ double niceCeiling(double v) {
     return 10 * magnitude;
 }
 
-// Grey where no reading came: unknown samples and gaps in the history, one
-// rectangle for each stretch so that no seams show between samples.
-void shadeGaps(Svg &svg, const std::vector<Point> &points, int top, int bottom) {
+// Grey where no reading came: the unknown items, gaps in the history
+// included, one rectangle for each stretch so that no seams show.
+void shadeUnknown(Svg &svg, const std::vector<Point> &points, int top, int bottom) {
     uint64_t from = 0, to = 0;
     const auto flush = [&] {
         if (to > from && to > svg.start())
@@ -99,30 +99,28 @@ void shadeGaps(Svg &svg, const std::vector<Point> &points, int top, int bottom) 
                     std::to_string(bottom - top) + "\" fill=\"" + kNoReading + "\"/>");
         from = to = 0;
     };
-    const auto shade = [&](uint64_t a, uint64_t b) {
-        if (to != 0 && a > to)
+    for (const Point &p : points) {
+        if (p.known)
+            continue;
+        const uint64_t start = p.t > kSampleSeconds ? p.t - kSampleSeconds : 0;
+        if (to != 0 && start > to)
             flush();
         if (to == 0)
-            from = a;
-        to = b;
-    };
-    uint64_t previous = 0;
-    for (const Point &p : points) {
-        if (!p.known)
-            shade(p.t - kSampleSeconds, p.t);
-        else if (previous != 0 && p.t > previous + 2 * kSampleSeconds)
-            shade(previous, p.t - kSampleSeconds);
-        previous = p.t;
+            from = start;
+        to = p.t;
     }
     flush();
 }
 
-// Runs of consecutive known samples, each drawn on its own.
+// Runs of consecutive known samples, each drawn on its own; a step of the
+// clock back breaks one too.
 void forEachRun(const std::vector<Point> &points,
                 const std::function<void(const std::vector<const Point *> &)> &draw) {
     std::vector<const Point *> run;
     for (const Point &p : points) {
-        const bool breaks = !p.known || (!run.empty() && p.t - run.back()->t > 2 * kSampleSeconds);
+        const bool breaks =
+            !p.known ||
+            (!run.empty() && (p.t <= run.back()->t || p.t - run.back()->t > kSampleSeconds));
         if (breaks && !run.empty()) {
             draw(run);
             run.clear();
@@ -237,25 +235,23 @@ void legend(Svg &svg, int y, std::initializer_list<Series> entries, bool band) {
 
 std::vector<Point> powerPoints(const std::vector<PowerHistoryItem> &items, uint64_t start) {
     std::vector<Point> points;
-    for (const auto &item : items) {
+    for (const auto &item : itemsAfter(items, start)) {
         const PowerHistorySample &s = item.sSample;
-        if (s.timestamp > start)
-            points.push_back({s.timestamp,
-                              item.u8Unknown == 0,
-                              {double(s.minAC), double(s.avgAC), double(s.maxAC), double(s.minDC),
-                               double(s.avgDC), double(s.maxDC)}});
+        points.push_back({s.timestamp,
+                          item.u8Unknown == 0,
+                          {double(s.minAC), double(s.avgAC), double(s.maxAC), double(s.minDC),
+                           double(s.avgDC), double(s.maxDC)}});
     }
     return points;
 }
 
 std::vector<Point> perfPoints(const std::vector<PowerPerformanceItem> &items, uint64_t start) {
     std::vector<Point> points;
-    for (const auto &item : items) {
+    for (const auto &item : itemsAfter(items, start)) {
         const PowerPerformanceSample &s = item.sSample;
-        if (s.timestamp > start)
-            points.push_back({s.timestamp,
-                              item.u8Unknown == 0,
-                              {double(s.cpu), double(s.mem), double(s.io), 0, 0, 0}});
+        points.push_back({s.timestamp,
+                          item.u8Unknown == 0,
+                          {double(s.cpu), double(s.mem), double(s.io), 0, 0, 0}});
     }
     return points;
 }
@@ -304,8 +300,8 @@ int cmdChart(const std::string &hoursText, const std::string &outPath) {
             "utilisation, " +
             localTime(start, "%Y-%m-%d %H:%M") + " to " + localTime(end, "%Y-%m-%d %H:%M %Z") +
             "</text>");
-    shadeGaps(svg, powerSeries, kPowerTop, kPowerBottom);
-    shadeGaps(svg, perfSeries, kPerfTop, kPerfBottom);
+    shadeUnknown(svg, powerSeries, kPowerTop, kPowerBottom);
+    shadeUnknown(svg, perfSeries, kPerfTop, kPerfBottom);
     axes(svg, kPowerTop, kPowerBottom, top, 5, " W", "watts");
     axes(svg, kPerfTop, kPerfBottom, 100, 4, "%", "percent");
     timeAxis(svg, hours);

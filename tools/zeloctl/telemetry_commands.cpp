@@ -7,6 +7,7 @@
 #include <array>
 #include <cmath>
 #include <cstdlib>
+#include <utility>
 #include <vector>
 
 namespace zeloctl {
@@ -29,16 +30,14 @@ bool parseWindow(const std::string &text, uint32_t *seconds) {
     return true;
 }
 
-Json figures(const PowerWindowFigures &f, uint32_t minutes) {
-    return {{"PowerConsumedWatts", f.u32Newest},
-            {"AverageConsumedWatts", f.u32Avg},
-            {"MinConsumedWatts", f.u32Min},
-            {"MaxConsumedWatts", f.u32Max},
-            {"IntervalInMin", minutes}};
-}
-
 double kWh(uint64_t joules) {
     return std::round(static_cast<double>(joules) / 3600.0) / 1000.0; // Wh precision
+}
+
+Json figures(const PowerWindowFigures &f, uint32_t minutes) {
+    return {{"PowerConsumedWatts", f.u32Newest}, {"AverageConsumedWatts", f.u32Avg},
+            {"MinConsumedWatts", f.u32Min},      {"MaxConsumedWatts", f.u32Max},
+            {"IntervalInMin", minutes},          {"EnergykWh", kWh(f.u64EnergyJ)}};
 }
 
 // The field names and values of one history sample, in record order.
@@ -96,23 +95,29 @@ void printHistory(const std::vector<Item> &items, const char *kind, HistoryForma
     }
 }
 
-// The items of the last `hours` before the newest one.
+// The items of the last `hours` before the newest one, gaps listed unknown.
 template <class Item>
-std::vector<Item> lastHours(const Item *items, uint16_t count, unsigned hours) {
-    std::vector<Item> kept;
-    if (count == 0)
-        return kept;
-    const uint64_t newest = items[count - 1].sSample.timestamp;
-    for (uint16_t i = 0; i < count; ++i)
-        if (uint64_t{items[i].sSample.timestamp} + uint64_t{hours} * 3600 > newest)
-            kept.push_back(items[i]);
-    return kept;
+std::vector<Item> lastHours(std::vector<Item> items, uint16_t count, unsigned hours) {
+    items.resize(count);
+    const uint64_t newest = count != 0 ? items.back().sSample.timestamp : 0;
+    const uint64_t span = uint64_t{hours} * 3600;
+    return itemsAfter(items, newest > span ? newest - span : 0);
 }
 
 Json stat(const MetricStat *s) {
     if (s == nullptr)
         return nullptr;
     return {{"Avg", s->u64Avg}, {"Max", s->u64Max}, {"Min", s->u64Min}};
+}
+
+// A figure differenced from running totals, in a record without a DC
+// reading: an average of 0 there is no figure but the lack of an earlier
+// total (the first record after a firmware restart). It reads unknown, as
+// power counts such a record; the history leaves its reading out.
+Json differenced(const MetricStat *s, bool noReading) {
+    if (s == nullptr || !noReading || s->u64Avg != 0)
+        return stat(s);
+    return {{"Avg", nullptr}, {"Max", nullptr}, {"Min", nullptr}};
 }
 
 Json stats(const MetricStat *s, uint8_t count) {
@@ -122,8 +127,11 @@ Json stats(const MetricStat *s, uint8_t count) {
     return list;
 }
 
-Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet,
-            const PerfMetricSet &perf) {
+// On a blade the DC figures are in the AC record.
+Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet, const PerfMetricSet &perf,
+            bool blade) {
+    const MetricStat *dc = blade ? s.psSystemAC : s.psSystemDC;
+    const bool noReading = dc == nullptr || dc->u64Avg == 0;
     Json readings = Json::array();
     const InletSensorTemperature *node = inlet.psSensor;
     for (unsigned i = 0; i < inlet.u8SensorNum && node != nullptr; ++i, node = node->psNext)
@@ -136,12 +144,12 @@ Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet,
             {"PowerStatus", s.u8PowerStatus},
             {"PowerSupplyAC", stats(s.psPowerSupplyAC, s.u8PowerSupplyACNum)},
             {"PowerSupplyDC", stats(s.psPowerSupplyDC, s.u8PowerSupplyDCNum)},
-            {"SystemAC", stat(s.psSystemAC)},
-            {"SystemDC", stat(s.psSystemDC)},
-            {"CPUPower", stat(s.psCPUPower)},
-            {"MemoryPower", stat(s.psMemoryPower)},
-            {"CoolingPower", stat(s.psCoolingPower)},
-            {"EffectiveCPU", stat(s.psEffectiveCPU)},
+            {"SystemAC", differenced(s.psSystemAC, noReading)},
+            {"SystemDC", differenced(s.psSystemDC, noReading)},
+            {"CPUPower", differenced(s.psCPUPower, noReading)},
+            {"MemoryPower", differenced(s.psMemoryPower, noReading)},
+            {"CoolingPower", differenced(s.psCoolingPower, noReading)},
+            {"EffectiveCPU", differenced(s.psEffectiveCPU, noReading)},
             {"InletTemperature", s.u8InletTemperature},
             {"OutletTemperature", s.u8OutletTemperature},
             {"InletReadings", readings},
@@ -158,6 +166,8 @@ void printField(const std::string &label, const Json &value, int indent) {
     std::string text;
     if (value.is_null())
         text = "-";
+    else if (value.is_object() && value.contains("Avg") && value["Avg"].is_null())
+        text = "unknown";
     else if (value.is_object() && value.contains("Avg"))
         text = "avg " + value["Avg"].dump() + ", max " + value["Max"].dump() + ", min " +
                value["Min"].dump();
@@ -212,7 +222,6 @@ int cmdPower(const std::string &windowText) {
     const std::string end = isoUtc(static_cast<std::time_t>(st.u64End));
     if (gOutput.json) {
         Json object = figures(st.sAC, minutes);
-        object["EnergykWh"] = kWh(st.sAC.u64EnergyJ);
         object["Start"] = start;
         object["End"] = end;
         object["Intervals"] = st.u32Intervals;
@@ -242,13 +251,13 @@ int cmdHistory(bool performance, const std::string &hoursText, HistoryFormat for
         const uint8_t rc = ReadPowerPerformanceItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
             return telemetryFailure("performance history", rc);
-        printHistory(lastHours(items.data(), count, hours), "performance", format);
+        printHistory(lastHours(std::move(items), count, hours), "performance", format);
     } else {
         std::vector<PowerHistoryItem> items(ZELO_HISTORY_SLOTS);
         const uint8_t rc = ReadPowerHistoryItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
             return telemetryFailure("power history", rc);
-        printHistory(lastHours(items.data(), count, hours), "power", format);
+        printHistory(lastHours(std::move(items), count, hours), "power", format);
     }
     return 0;
 }
@@ -265,9 +274,10 @@ int cmdMetrics(const std::string &lastText) {
     if (rc != ZELO_RC_SUCCESS)
         return telemetryFailure("metric records", rc);
     const unsigned first = count > last ? count - static_cast<unsigned>(last) : 0;
+    const bool blade = IsBladeServer() != 0;
     Json records = Json::array();
     for (unsigned i = first; i < count; ++i)
-        records.push_back(record(buffers[i], inlets[i], perfs[i]));
+        records.push_back(record(buffers[i], inlets[i], perfs[i], blade));
     FreeMetricValue(buffers, inlets, perfs, count);
     if (gOutput.json) {
         emit({{"Records", records}, {"Skipped", skipped}});

@@ -3,12 +3,14 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <zelo.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zeloctl {
 
@@ -61,5 +63,33 @@ int cmdChart(const std::string &hours, const std::string &outPath);
 
 // Hours for history and chart: 1 to 24.
 bool parseHours(const std::string &text, unsigned *hours);
+
+// The history items that end after `after` (seconds since the epoch), in the
+// ring's order, with each 150-second interval missing between two items
+// listed as an unknown item of its own: history, chart and power count time
+// without a reading alike. A stamp far off fills at most one ring's worth.
+template <class Item>
+std::vector<Item> itemsAfter(const std::vector<Item> &items, uint64_t after) {
+    constexpr uint64_t kSampleSeconds = 150;
+    std::vector<Item> kept;
+    std::size_t filled = 0;
+    const Item *previous = nullptr;
+    for (const Item &item : items) {
+        const uint64_t t = item.sSample.timestamp;
+        uint64_t missing = previous != nullptr ? previous->sSample.timestamp + kSampleSeconds : t;
+        if (missing <= after) // the first one after, on the previous item's grid
+            missing += (after - missing) / kSampleSeconds * kSampleSeconds + kSampleSeconds;
+        for (; missing < t && filled < ZELO_HISTORY_SLOTS; missing += kSampleSeconds, ++filled) {
+            Item gap{};
+            gap.sSample.timestamp = static_cast<uint32_t>(missing);
+            gap.u8Unknown = 1;
+            kept.push_back(gap);
+        }
+        if (t > after)
+            kept.push_back(item);
+        previous = &item;
+    }
+    return kept;
+}
 
 } // namespace zeloctl
