@@ -10,7 +10,7 @@ find_program(ZELO_SCDOC scdoc)
 find_program(ZELO_GZIP gzip)
 set(ZELO_MAN_PAGES "")
 if(ZELO_SCDOC AND ZELO_GZIP)
-  foreach(page zelo.8 zeloctl.1)
+  foreach(page zelo.8 zeloctl.1 zelo-dbus.8)
     set(out ${CMAKE_CURRENT_BINARY_DIR}/man/${page})
     add_custom_command(OUTPUT ${out}.gz
       COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_CURRENT_BINARY_DIR}/man
@@ -22,6 +22,10 @@ if(ZELO_SCDOC AND ZELO_GZIP)
   add_custom_target(man ALL DEPENDS ${ZELO_MAN_PAGES})
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/zelo.8.gz
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT daemon)
+  if(TARGET zelo-dbus)
+    install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/zelo-dbus.8.gz
+            DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT daemon)
+  endif()
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/man/zeloctl.1.gz
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT daemon)
 else()
@@ -48,6 +52,15 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelo.service DESTINATION ${ZELO_SYSTEM
         COMPONENT daemon)
 install(FILES completions/zeloctl completions/zelo
         DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT daemon)
+if(TARGET zelo-dbus)
+  install(TARGETS zelo-dbus RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelo-dbus.service DESTINATION ${ZELO_SYSTEMD_UNIT_DIR}
+          COMPONENT daemon)
+  install(FILES bus/xyz.openbmc_project.Zelo.conf DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d
+          COMPONENT daemon)
+  install(FILES completions/zelo-dbus DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+          COMPONENT daemon)
+endif()
 
 # Every package carries its copyright file and changelog.
 configure_file(cmake/debian/changelog.in debian/changelog @ONLY)
