@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 
@@ -12,6 +13,15 @@ namespace {
 
 RunResult zeloctl(const std::vector<std::string> &args) {
     return runProgram(ZELO_ZELOCTL_PATH, args);
+}
+
+// The words of a command line, apart by spaces.
+std::vector<std::string> words(const std::string &line) {
+    std::istringstream in(line);
+    std::vector<std::string> list;
+    for (std::string word; in >> word;)
+        list.push_back(word);
+    return list;
 }
 
 bool contains(const std::string &text, const std::string &part) {
@@ -57,10 +67,7 @@ TEST_F(ZeloctlTest, EveryCommandOfARedundantFirmware) {
     for (const char *command :
          {"discover", "registers", "read standby-power", "write power-cap 400", "raw 7 0 2", "psu",
           "redundancy", "expansion"}) {
-        std::istringstream words(command);
-        std::vector<std::string> args = {"--json"};
-        for (std::string word; words >> word;)
-            args.push_back(word);
+        const std::vector<std::string> args = words(std::string("--json ") + command);
         const auto help = zeloctl({args[1], "--help"});
         EXPECT_EQ(help.status, 0) << command;
         EXPECT_EQ(help.out.rfind("usage: zeloctl", 0), 0u) << help.out;
@@ -124,27 +131,53 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
     EXPECT_EQ(zeloctl({"read", "power-cap"}).out, "power-cap: watts=300\n") << "nothing written";
 }
 
-TEST_F(ZeloctlTest, ReadsPublishTheHandleAndAbsentFirmwareIsReported) {
+// Every path under dir, sorted: what a command may have left behind.
+std::vector<std::string> tree(const std::string &dir) {
+    std::vector<std::string> paths;
+    std::error_code ec;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir, ec))
+        paths.push_back(entry.path().string());
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+// A command that only reads leaves the root as it found it: the module handle
+// comes from the firmware, not through the configuration store, which a
+// mistyped root would otherwise get created for it.
+TEST_F(ZeloctlTest, ReadOnlyCommandsCreateNothing) {
     {
-        SimProcess sim(root.path(), scenarioFile("default.scn"));
-        const auto found = zeloctl({"discover"});
-        EXPECT_EQ(found.status, 0);
-        EXPECT_EQ(found.out, "instance       0\nmodule handle  5\ndescriptors    0x01 0x02\n");
-        EXPECT_FALSE(
-            std::filesystem::exists(root.path() + "/var/lib/zelo/kiv/zelo_module_handle_0"))
-            << "discovery alone publishes nothing";
-        EXPECT_EQ(zeloctl({"read", "power-cap"}).status, 0);
-        EXPECT_TRUE(
-            std::filesystem::exists(root.path() + "/var/lib/zelo/kiv/zelo_module_handle_0"));
+        SimProcess sim(root.path(), scenarioFile("redundancy.scn"));
+        const auto before = tree(root.path());
+        for (const char *line : {"discover", "read power-cap", "raw 7 0 2", "psu",
+                                 "--instance 1 read nameplate", "registers"})
+            EXPECT_EQ(zeloctl(words(line)).status, 0) << line;
+        EXPECT_EQ(tree(root.path()), before);
     }
-    std::filesystem::remove_all(root.path() + "/var/lib/zelo/kiv");
+    const std::string wrong = root.path() + "/nonexistent/root";
+    ::setenv("ZELO_ROOT", wrong.c_str(), 1);
+    for (const char *line : {"discover", "read power-cap", "raw 7 0 2", "psu", "redundancy",
+                             "expansion", "power", "history", "metrics", "chart"})
+        EXPECT_EQ(zeloctl(words(line)).status, 1) << line;
+    ::setenv("ZELO_ROOT", root.path().c_str(), 1);
+    EXPECT_FALSE(std::filesystem::exists(root.path() + "/nonexistent"));
+}
+
+TEST_F(ZeloctlTest, AbsentFirmwareIsReported) {
     SimProcess sim(root.path(), scenarioFile("absent.scn"));
-    const auto absent = zeloctl({"discover"});
-    EXPECT_EQ(absent.status, 1);
-    EXPECT_EQ(absent.err, "zeloctl: discovery failed, result code 193\n");
-    const auto read = zeloctl({"read", "power-cap"});
-    EXPECT_EQ(read.status, 1);
-    EXPECT_EQ(read.err, "zeloctl: no firmware module handle for instance 0\n");
+    const struct {
+        std::vector<std::string> args;
+        const char *error;
+    } absent[] = {
+        {{"discover"}, "discovery failed, result code 193"},
+        {{"read", "power-cap"}, "no firmware instance 0: discovery failed, result code 193"},
+        {{"redundancy"}, "no firmware instance 0: discovery failed, result code 193"},
+        {{"expansion"}, "no firmware instance 1: discovery failed, result code 193"},
+    };
+    for (const auto &c : absent) {
+        const auto r = zeloctl(c.args);
+        EXPECT_EQ(r.status, 1) << c.args[0];
+        EXPECT_EQ(r.err, std::string("zeloctl: ") + c.error + "\n");
+    }
 }
 
 } // namespace

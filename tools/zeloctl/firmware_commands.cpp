@@ -90,12 +90,22 @@ const Register *findRegister(std::string_view name) {
     return nullptr;
 }
 
-uint8_t handleOrFail() {
-    const uint8_t handle = ZELO_GetModuleHandle(gOutput.instance);
-    if (handle == 0)
-        std::fprintf(stderr, "zeloctl: no firmware module handle for instance %d\n",
-                     static_cast<int>(gOutput.instance));
+// The module handle straight from the firmware. The library's
+// ZELO_GetModuleHandle would cache it in the configuration store, and a
+// command that only reads should leave no file behind, least of all under a
+// mistyped root.
+uint8_t handleOrFail(int32_t instance) {
+    uint8_t d1 = 0, d2 = 0, handle = 0;
+    const uint8_t rc = ZELO_FindFirmwareInstance(static_cast<uint8_t>(instance), &d1, &d2, &handle);
+    if (rc != ZELO_RC_SUCCESS) {
+        fail("no firmware instance " + std::to_string(instance) + ": discovery", rc);
+        return 0;
+    }
     return handle;
+}
+
+uint8_t handleOrFail() {
+    return handleOrFail(gOutput.instance);
 }
 
 } // namespace
@@ -268,6 +278,10 @@ int cmdPsu() {
 }
 
 int cmdRedundancy() {
+    // The report takes its handle through the store: it is asked only of a
+    // firmware that is there, so a failed discovery leaves nothing behind.
+    if (handleOrFail(0) == 0)
+        return kExitFailure;
     RedundancyConfigs r{};
     const uint8_t rc = ZELO_GetRedundancyConfigs(&r);
     if (rc != ZELO_RC_SUCCESS) {
@@ -313,6 +327,8 @@ int cmdRedundancy() {
 }
 
 int cmdExpansion() {
+    if (handleOrFail(ZELO_EXPANSION_INSTANCE) == 0)
+        return kExitFailure;
     uint32_t input = 0, standby = 0;
     uint8_t rc = GetTotalInputPowerForExpansion(&input);
     if (rc != ZELO_RC_SUCCESS)
