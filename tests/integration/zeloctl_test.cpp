@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <filesystem>
 #include <sstream>
 
@@ -131,27 +130,17 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
     EXPECT_EQ(zeloctl({"read", "power-cap"}).out, "power-cap: watts=300\n") << "nothing written";
 }
 
-// Every path under dir, sorted: what a command may have left behind.
-std::vector<std::string> tree(const std::string &dir) {
-    std::vector<std::string> paths;
-    std::error_code ec;
-    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir, ec))
-        paths.push_back(entry.path().string());
-    std::sort(paths.begin(), paths.end());
-    return paths;
-}
-
 // A command that only reads leaves the root as it found it: the module handle
 // comes from the firmware, not through the configuration store, which a
 // mistyped root would otherwise get created for it.
 TEST_F(ZeloctlTest, ReadOnlyCommandsCreateNothing) {
     {
         SimProcess sim(root.path(), scenarioFile("redundancy.scn"));
-        const auto before = tree(root.path());
+        const auto before = treeOf(root.path());
         for (const char *line : {"discover", "read power-cap", "raw 7 0 2", "psu",
                                  "--instance 1 read nameplate", "registers"})
             EXPECT_EQ(zeloctl(words(line)).status, 0) << line;
-        EXPECT_EQ(tree(root.path()), before);
+        EXPECT_EQ(treeOf(root.path()), before);
     }
     const std::string wrong = root.path() + "/nonexistent/root";
     ::setenv("ZELO_ROOT", wrong.c_str(), 1);

@@ -270,10 +270,10 @@ int cmdChart(const std::string &hoursText, const std::string &outPath) {
     uint16_t powerCount = 0;
     const uint8_t rc = ReadPowerHistoryItems(power.data(), ZELO_HISTORY_SLOTS, &powerCount);
     if (rc != ZELO_RC_SUCCESS)
-        return telemetryFailure("power history", rc);
+        return telemetryFailure("power history", rc, {Source::PowerHistory});
     power.resize(powerCount);
     if (power.empty())
-        return telemetryFailure("power history", 211);
+        return telemetryFailure("power history", ZELO_RC_NO_DATA, {Source::PowerHistory});
     // Performance is optional: a firmware without it still gets its power chart.
     std::vector<PowerPerformanceItem> perf(ZELO_HISTORY_SLOTS);
     uint16_t perfCount = 0;

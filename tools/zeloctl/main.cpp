@@ -214,6 +214,7 @@ int run(int argc, char **argv) {
         return usageError(std::string("wrong number of arguments for '") + c.name + "'");
     if (o.csv && gOutput.json)
         return usageError("choose one of --json and --csv");
+    gOutput.verbose = o.verbose;
     separateLibraryOutput(o.verbose);
     return runCommand(c, o);
 }

@@ -206,7 +206,9 @@ int cmdPower(const std::string &windowText) {
     PowerWindowStats st{};
     const uint8_t rc = GetPowerWindowStats(window, &st);
     if (rc != ZELO_RC_SUCCESS)
-        return telemetryFailure("power figures", rc);
+        return telemetryFailure("power figures", rc, // past an hour the history is read too
+                                window > 3600 ? std::vector{Source::PowerHistory, Source::MetricLog}
+                                              : std::vector{Source::MetricLog});
     const auto minutes = static_cast<uint32_t>((st.u64End - st.u64Start + 30) / 60);
     const std::string start = isoUtc(static_cast<std::time_t>(st.u64Start));
     const std::string end = isoUtc(static_cast<std::time_t>(st.u64End));
@@ -241,13 +243,13 @@ int cmdHistory(bool performance, const std::string &hoursText, HistoryFormat for
         std::vector<PowerPerformanceItem> items(ZELO_HISTORY_SLOTS);
         const uint8_t rc = ReadPowerPerformanceItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
-            return telemetryFailure("performance history", rc);
+            return telemetryFailure("performance history", rc, {Source::PerformanceHistory});
         printHistory(lastHours(items.data(), count, hours), "performance", format);
     } else {
         std::vector<PowerHistoryItem> items(ZELO_HISTORY_SLOTS);
         const uint8_t rc = ReadPowerHistoryItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
-            return telemetryFailure("power history", rc);
+            return telemetryFailure("power history", rc, {Source::PowerHistory});
         printHistory(lastHours(items.data(), count, hours), "power", format);
     }
     return 0;
@@ -263,7 +265,7 @@ int cmdMetrics(const std::string &lastText) {
     uint8_t count = 0, skipped = 0;
     const uint8_t rc = ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped);
     if (rc != ZELO_RC_SUCCESS)
-        return telemetryFailure("metric records", rc);
+        return telemetryFailure("metric records", rc, {Source::MetricLog});
     const unsigned first = count > last ? count - static_cast<unsigned>(last) : 0;
     Json records = Json::array();
     for (unsigned i = first; i < count; ++i)

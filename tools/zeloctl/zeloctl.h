@@ -9,6 +9,7 @@
 #include <ctime>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zeloctl {
 
@@ -22,6 +23,7 @@ using Json = nlohmann::ordered_json;
 struct Output {
     FILE *out = stdout;
     bool json = false;
+    bool verbose = false; // failures explained in detail, the library's diagnostics shown
     int32_t instance = 0;
 };
 extern Output gOutput;
@@ -37,8 +39,16 @@ std::string isoUtc(std::time_t seconds);
 int fail(const std::string &what, unsigned rc);
 // "zeloctl: MESSAGE" and the hint on stderr; returns kExitUsage.
 int usageError(const std::string &message);
-// "zeloctl: MESSAGE" on stderr for what the library could not read.
-int telemetryFailure(const char *what, unsigned rc);
+// What a telemetry command reads.
+enum class Source { MetricLog, PowerHistory, PerformanceHistory };
+
+// Why `what` could not be read from the sources, on stderr: the path at fault
+// and its cause (missing, permission denied, an unreadable directory, an
+// empty log, a damaged file), the result code when the files show none; with
+// --verbose the details. Returns kExitFailure.
+int telemetryFailure(const char *what, unsigned rc, const std::vector<Source> &sources);
+// "zeloctl: ZELO_ROOT names ..., which does not exist" on stderr when so.
+void noteMissingRoot();
 
 // An unsigned decimal or 0x-prefixed hexadecimal number no larger than max;
 // signs, blanks and octal-looking leading zeros are refused.
