@@ -55,7 +55,7 @@ class TelemetryCliTest : public ::testing::Test {
     TempRoot root;
 };
 
-TEST_F(TelemetryCliTest, NothingRecordedYetAndBadArguments) {
+TEST_F(TelemetryCliTest, NothingRecordedYet) {
     for (const char *args : {"power", "history", "history --performance", "metrics", "chart"}) {
         const auto r = zeloctl(args);
         EXPECT_EQ(r.status, 1) << args;
@@ -63,11 +63,6 @@ TEST_F(TelemetryCliTest, NothingRecordedYetAndBadArguments) {
             << r.err;
         EXPECT_EQ(r.out, "");
     }
-    for (const char *args : {"power --window 0", "power --window 86401", "power --window 2d",
-                             "power --window -1h", "history --hours 25", "metrics --last 0",
-                             "chart --hours x", "history --json --csv", "power extra"})
-        EXPECT_EQ(zeloctl(args).status, 2) << args;
-    EXPECT_EQ(zeloctl("power --help").out.rfind("usage: zeloctl", 0), 0u);
 }
 
 // Each cause of a failed read gets its own message, naming the path read.

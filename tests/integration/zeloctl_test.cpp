@@ -114,13 +114,8 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
         {{"write", "nameplate", "3"}, "register 'nameplate' is read-only"},
         {{"read", "target-redundancy-config"}, "can only be written"},
         {{"read", "bogus"}, "unknown register 'bogus'"},
-        {{"frobnicate"}, "unknown command 'frobnicate'"},
-        {{}, "usage: zeloctl"},
-        {{"read"}, "wrong number of arguments for 'read'"},
         {{"raw", "7", "0", "9"}, "bad raw read"},
         {{"write", "power-cap", "00012"}, "bad value '00012'"},
-        {{"--instance", "2", "discover"}, "--instance 2 is out of range"},
-        {{"--instance", "\x1b[2J", "discover"}, "bad value '\\x1B[2J' for --instance"},
     };
     for (const auto &c : refused) {
         const auto r = zeloctl(c.args);
@@ -149,6 +144,68 @@ TEST_F(ZeloctlTest, ReadOnlyCommandsCreateNothing) {
         EXPECT_EQ(zeloctl(words(line)).status, 1) << line;
     ::setenv("ZELO_ROOT", root.path().c_str(), 1);
     EXPECT_FALSE(std::filesystem::exists(root.path() + "/nonexistent"));
+}
+
+// A wrong command line is refused with status 2, before anything is asked,
+// and the message names what is wrong.
+TEST_F(ZeloctlTest, WrongCommandLinesNameTheirFault) {
+    const struct {
+        const char *line;
+        const char *error;
+    } wrong[] = {
+        {"power --window", "option '--window' needs a value"},
+        {"power --window= --json", "option '--window' needs a value"},
+        {"chart --out --hours 2", "option '--out' needs a value"},
+        {"--instance", "option '--instance' needs a value"},
+        {"--json=1 power", "option '--json' takes no value"},
+        {"history --csv=no", "option '--csv' takes no value"},
+        {"--json chart", "option '--json' does not apply to 'chart'"},
+        {"--instance 1 power",
+         "option '--instance' does not apply to 'power' (only to discover, read, write, raw and "
+         "psu)"},
+        {"redundancy --instance 0", "option '--instance' does not apply to 'redundancy' (only to "
+                                    "discover, read, write, raw and psu)"},
+        {"power --hours 2", "option '--hours' does not apply to 'power'"},
+        {"--window 1h power",
+         "option '--window' goes after the command: zeloctl power --window ..."},
+        {"power -w 1", "bad option '-w'"},
+        {"frobnicate", "unknown command 'frobnicate'"},
+        {"power extra", "wrong number of arguments for 'power'"},
+        {"read", "wrong number of arguments for 'read'"},
+        {"--instance power",
+         "bad value 'power' for --instance (0 the server, 1 the expansion unit)"},
+        {"--instance 2 discover",
+         "--instance 2 is out of range (0 the server, 1 the expansion unit)"},
+        {"--instance \x1b[2J discover",
+         "bad value '\\x1B[2J' for --instance (0 the server, 1 the expansion unit)"},
+        {"power --window 0", "bad window '0' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)"},
+        {"power --window 86401", "bad window '86401' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)"},
+        {"power --window -1h", "bad window '-1h' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)"},
+        {"history --hours 25", "bad hours '25' (1-24)"},
+        {"chart --hours x", "bad hours 'x' (1-24)"},
+        {"metrics --last 0", "bad count '0' (1-120)"},
+        {"history --json --csv", "choose one of --json and --csv"},
+    };
+    for (const auto &c : wrong) {
+        const auto r = zeloctl(words(c.line));
+        EXPECT_EQ(r.status, 2) << c.line;
+        EXPECT_EQ(r.err, std::string("zeloctl: ") + c.error + "\nTry 'zeloctl --help'.\n");
+        EXPECT_EQ(r.out, "");
+    }
+    const auto bare = zeloctl({});
+    EXPECT_EQ(bare.status, 2);
+    EXPECT_EQ(bare.err.rfind("usage: zeloctl", 0), 0u) << bare.err;
+}
+
+// Each command's help shows only the options it takes.
+TEST_F(ZeloctlTest, HelpAdvertisesOnlyTheOptionsACommandTakes) {
+    EXPECT_EQ(zeloctl({"chart", "--help"}).out.rfind("usage: zeloctl [--verbose] chart [", 0), 0u);
+    EXPECT_EQ(
+        zeloctl({"power", "--help"}).out.rfind("usage: zeloctl [--json] [--verbose] power [", 0),
+        0u);
+    EXPECT_EQ(zeloctl({"read", "--help"})
+                  .out.rfind("usage: zeloctl [--json] [--verbose] [--instance N] read NAME\n", 0),
+              0u);
 }
 
 TEST_F(ZeloctlTest, AbsentFirmwareIsReported) {
