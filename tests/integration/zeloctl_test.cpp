@@ -208,6 +208,17 @@ TEST_F(ZeloctlTest, HelpAdvertisesOnlyTheOptionsACommandTakes) {
               0u);
 }
 
+TEST_F(ZeloctlTest, EveryProgramTellsItsVersion) {
+    const std::pair<const char *, const char *> programs[] = {{ZELO_ZELOCTL_PATH, "zeloctl"},
+                                                              {ZELO_FWSIM_PATH, "zelo-fwsim"},
+                                                              {ZELO_DAEMON_PATH, "zelo"}};
+    for (const auto &[path, name] : programs) {
+        const auto r = runProgram(path, {"--version"});
+        EXPECT_EQ(r.status, 0) << name;
+        EXPECT_EQ(r.out, std::string(name) + " " ZELO_VERSION "\n");
+    }
+}
+
 TEST_F(ZeloctlTest, AbsentFirmwareIsReported) {
     SimProcess sim(root.path(), scenarioFile("absent.scn"));
     const struct {

@@ -65,11 +65,12 @@ struct OptionSpec {
 };
 
 constexpr OptionSpec kOptions[] = {
-    {"--json", false, nullptr},          {"--verbose", false, nullptr},
-    {"--instance", true, nullptr},       {"--help", false, nullptr},
-    {"--window", true, "power"},         {"--hours", true, "history chart"},
-    {"--performance", false, "history"}, {"--csv", false, "history"},
-    {"--last", true, "metrics"},         {"--out", true, "chart"},
+    {"--json", false, nullptr},         {"--verbose", false, nullptr},
+    {"--instance", true, nullptr},      {"--help", false, nullptr},
+    {"--version", false, nullptr},      {"--window", true, "power"},
+    {"--hours", true, "history chart"}, {"--performance", false, "history"},
+    {"--csv", false, "history"},        {"--last", true, "metrics"},
+    {"--out", true, "chart"},
 };
 
 const OptionSpec *findOption(std::string_view name) {
@@ -136,6 +137,7 @@ std::string topUsage() {
                   "                failure, on stderr\n"
                   "  --instance N  firmware instance for discover, read, write, raw, psu:\n"
                   "                0 the server (default), 1 the expansion unit\n"
+                  "  --version     show zeloctl's version\n"
                   "  --help        show this text; 'zeloctl COMMAND --help' shows one command\n"
                   "\nNumbers are decimal or 0x-prefixed hexadecimal. Exit status: 0 success,\n"
                   "1 the firmware or library failed (the result code is shown) or nothing is\n"
@@ -246,6 +248,8 @@ int run(int argc, char **argv) {
     Options o;
     const CLI::Option *json = app.add_flag("--json", gOutput.json);
     app.add_flag("--verbose", o.verbose);
+    bool version = false;
+    app.add_flag("--version", version);
     const CLI::Option *instanceGiven = app.add_option("--instance", o.instance);
     for (const Command &c : kCommands) {
         CLI::App *sub = app.add_subcommand(c.name, c.help);
@@ -273,6 +277,10 @@ int run(int argc, char **argv) {
     } catch (const CLI::ParseError &e) {
         // The forms checked above leave CLI11 little to refuse.
         return usageError("bad command line: " + printable(e.what()));
+    }
+    if (version) {
+        std::fputs("zeloctl " ZELO_VERSION "\n", gOutput.out);
+        return 0;
     }
     const auto selected = app.get_subcommands();
     const Command *command = selected.empty() ? nullptr : findCommand(selected.front()->get_name());
