@@ -212,6 +212,14 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
     EXPECT_EQ(day["DC"]["AverageConsumedWatts"], 300);
     const double energyWh = (400.0 * 86 * 150 + 410.0 * 90) / 3600;
     EXPECT_NEAR(day["EnergykWh"].get<double>(), energyWh / 1000, 0.001);
+
+    // Every form the help names; a window under a minute is told in seconds.
+    for (const char *window : {"30s", "90m", "2h", "3600s", "3600", "24h", "86400"})
+        EXPECT_EQ(zeloctl(std::string("power --window ") + window).status, 0) << window;
+    EXPECT_NE(zeloctl("power --window 30s").out.find("2023-11-14T22:16:30Z (30 s)\n"),
+              std::string::npos);
+    EXPECT_NE(zeloctl("power --window 2m").out.find("2023-11-14T22:16:30Z (2 min)\n"),
+              std::string::npos);
 }
 
 // Decoded picture: rsvg-convert draws the SVG, pngtopnm makes it raw RGB.

@@ -178,9 +178,18 @@ TEST_F(ZeloctlTest, WrongCommandLinesNameTheirFault) {
          "--instance 2 is out of range (0 the server, 1 the expansion unit)"},
         {"--instance \x1b[2J discover",
          "bad value '\\x1B[2J' for --instance (0 the server, 1 the expansion unit)"},
-        {"power --window 0", "bad window '0' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)"},
-        {"power --window 86401", "bad window '86401' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)"},
-        {"power --window -1h", "bad window '-1h' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)"},
+        {"power --window 0", "bad window '0' (a number with s, m or h, e.g. 30s, 90m, 2h, 24h, "
+                             "or seconds alone; 1 s to 24 h)"},
+        {"power --window 86401", "bad window '86401' (a number with s, m or h, e.g. 30s, 90m, 2h, "
+                                 "24h, or seconds alone; 1 s to 24 h)"},
+        {"power --window 25h", "bad window '25h' (a number with s, m or h, e.g. 30s, 90m, 2h, "
+                               "24h, or seconds alone; 1 s to 24 h)"},
+        {"power --window -1h", "bad window '-1h' (a number with s, m or h, e.g. 30s, 90m, 2h, "
+                               "24h, or seconds alone; 1 s to 24 h)"},
+        {"power --window 1hs", "bad window '1hs' (a number with s, m or h, e.g. 30s, 90m, 2h, "
+                               "24h, or seconds alone; 1 s to 24 h)"},
+        {"power --window 2d", "bad window '2d' (a number with s, m or h, e.g. 30s, 90m, 2h, 24h, "
+                              "or seconds alone; 1 s to 24 h)"},
         {"history --hours 25", "bad hours '25' (1-24)"},
         {"chart --hours x", "bad hours 'x' (1-24)"},
         {"metrics --last 0", "bad count '0' (1-120)"},

@@ -42,8 +42,9 @@ constexpr Command kCommands[] = {
      nullptr},
     {"power", "[--window W]", "AC and DC power now, minimum, average, maximum and energy", -1, true,
      false,
-     "  --window W  30s, 1h, 6h, 12h, 24h or a number of seconds up to 86400\n"
-     "              (default 1h), ending at the newest metric record\n"},
+     "  --window W  the window ending at the newest metric record (default 1h):\n"
+     "              a number with a unit, s, m or h (30s, 90m, 2h, 24h), or\n"
+     "              seconds alone (3600); from 1 second to 24 hours\n"},
     {"history", "[--performance] [--hours N] [--csv]",
      "the 24-hour power (or performance) history, dated, oldest first", -1, true, false,
      "  --performance  utilisation instead of power\n"

@@ -32,6 +32,11 @@ std::string isoUtc(std::time_t seconds) {
     return text;
 }
 
+std::string span(uint64_t seconds) {
+    return seconds < 60 ? std::to_string(seconds) + " s"
+                        : std::to_string((seconds + 30) / 60) + " min";
+}
+
 int fail(const std::string &what, unsigned rc) {
     std::fprintf(stderr, "zeloctl: %s failed, result code %u\n", what.c_str(), rc);
     noteMissingRoot(); // the firmware's socket is under the root on a development machine

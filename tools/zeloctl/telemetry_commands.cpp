@@ -12,7 +12,7 @@
 namespace zeloctl {
 namespace {
 
-// Whole seconds or a number with a unit: 30s, 90m, 1h, 24h.
+// Whole seconds or a number with one unit: 30s, 90m, 1h, 24h.
 bool parseWindow(const std::string &text, uint32_t *seconds) {
     static constexpr std::pair<char, uint64_t> kUnits[] = {{'s', 1}, {'m', 60}, {'h', 3600}};
     std::string digits = text;
@@ -21,6 +21,7 @@ bool parseWindow(const std::string &text, uint32_t *seconds) {
         if (!digits.empty() && digits.back() == suffix) {
             digits.pop_back();
             unit = factor;
+            break;
         }
     uint64_t n = 0;
     if (!parseNumber(digits, 86400, &n) || n == 0 || n * unit > 86400)
@@ -201,8 +202,7 @@ void printRecord(const Json &r, unsigned number, unsigned count) {
 int cmdPower(const std::string &windowText) {
     uint32_t window = 0;
     if (!parseWindow(windowText, &window))
-        return usageError("bad window '" + printable(windowText) +
-                          "' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)");
+        return usageError("bad window '" + printable(windowText) + "' (" + kWindowForms + ")");
     PowerWindowStats st{};
     const uint8_t rc = GetPowerWindowStats(window, &st);
     if (rc != ZELO_RC_SUCCESS)
@@ -224,7 +224,8 @@ int cmdPower(const std::string &windowText) {
         return 0;
     }
     FILE *out = gOutput.out;
-    std::fprintf(out, "window     %s to %s (%u min)\n", start.c_str(), end.c_str(), minutes);
+    std::fprintf(out, "window     %s to %s (%s)\n", start.c_str(), end.c_str(),
+                 span(st.u64End - st.u64Start).c_str());
     std::fprintf(out, "           %8s %8s %8s %8s %12s\n", "now", "min", "avg", "max", "energy");
     for (const auto &[label, f] : {std::pair{"AC input", st.sAC}, std::pair{"DC", st.sDC}})
         std::fprintf(out, "%-10s %6u W %6u W %6u W %6u W %8.3f kWh\n", label, f.u32Newest, f.u32Min,

@@ -35,6 +35,14 @@ std::string printable(std::string_view text);
 // ISO 8601 in UTC, e.g. 2026-11-24T12:00:00Z.
 std::string isoUtc(std::time_t seconds);
 
+// A length of time as the text output gives it: "30 s" under a minute, else
+// whole minutes, "90 min".
+std::string span(uint64_t seconds);
+
+// What --window takes, for its refusal.
+inline constexpr const char *kWindowForms =
+    "a number with s, m or h, e.g. 30s, 90m, 2h, 24h, or seconds alone; 1 s to 24 h";
+
 // "zeloctl: WHAT failed, result code RC" on stderr; returns kExitFailure.
 int fail(const std::string &what, unsigned rc);
 // "zeloctl: MESSAGE" and the hint on stderr; returns kExitUsage.
