@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cctype>
 #include <filesystem>
 #include <sstream>
 
@@ -25,6 +27,25 @@ std::vector<std::string> words(const std::string &line) {
 
 bool contains(const std::string &text, const std::string &part) {
     return text.find(part) != std::string::npos;
+}
+
+// The first key of a JSON document, at any depth, that is not PascalCase
+// (capital first, letters and digits after); empty when there is none.
+std::string keyNotPascalCase(const nlohmann::json &value) {
+    if (!value.is_structured())
+        return {};
+    for (const auto &[key, part] : value.items()) {
+        const bool pascal =
+            value.is_array() || (!key.empty() && std::isupper(static_cast<unsigned char>(key[0])) &&
+                                 std::all_of(key.begin(), key.end(), [](char c) {
+                                     return std::isalnum(static_cast<unsigned char>(c));
+                                 }));
+        if (!pascal)
+            return key;
+        if (const std::string inner = keyNotPascalCase(part); !inner.empty())
+            return inner;
+    }
+    return {};
 }
 
 class ZeloctlTest : public ::testing::Test {
@@ -49,10 +70,10 @@ TEST_F(ZeloctlTest, EveryCommandOfARedundantFirmware) {
     EXPECT_EQ(text.err, "") << "library diagnostics stay out of the way";
 
     const auto json = zeloctl({"--json", "redundancy"});
-    EXPECT_EQ(json.out.rfind("{\"policy\":0,\"target\":1,\"active\":1,\"allowed_count\":2,", 0), 0u)
+    EXPECT_EQ(json.out.rfind("{\"Policy\":0,\"Target\":1,\"Active\":1,\"AllowedCount\":2,", 0), 0u)
         << json.out;
-    EXPECT_TRUE(contains(json.out, "{\"index\":3,\"description\":\"1+1 with one 1100W power supply "
-                                   "per feed\",\"n\":1,\"m\":1,\"power_mode\":2,"))
+    EXPECT_TRUE(contains(json.out, "{\"Index\":3,\"Description\":\"1+1 with one 1100W power supply "
+                                   "per feed\",\"N\":1,\"M\":1,\"PowerMode\":2,"))
         << json.out;
     const auto psu = zeloctl({"psu"});
     ASSERT_EQ(psu.status, 0) << psu.err;
@@ -60,7 +81,7 @@ TEST_F(ZeloctlTest, EveryCommandOfARedundantFirmware) {
     EXPECT_TRUE(contains(psu.out, "3       no       -              0 W\n")) << psu.out;
 
     EXPECT_EQ(zeloctl({"--json", "expansion"}).out,
-              "{\"total_input_power\":1600,\"standby_power\":20}\n");
+              "{\"TotalInputPower\":1600,\"StandbyPower\":20}\n");
 
     EXPECT_EQ(zeloctl({"--help"}).status, 0);
     for (const char *command :
@@ -72,7 +93,9 @@ TEST_F(ZeloctlTest, EveryCommandOfARedundantFirmware) {
         EXPECT_EQ(help.out.rfind("usage: zeloctl", 0), 0u) << help.out;
         const auto r = zeloctl(args);
         ASSERT_EQ(r.status, 0) << command << ": " << r.err;
-        EXPECT_TRUE(nlohmann::json::parse(r.out).is_object()) << r.out;
+        const auto object = nlohmann::json::parse(r.out);
+        EXPECT_TRUE(object.is_object()) << r.out;
+        EXPECT_EQ(keyNotPascalCase(object), "") << command;
     }
 }
 
@@ -95,7 +118,9 @@ TEST_F(ZeloctlTest, NamedRegistersReadWriteAndRefuse) {
     EXPECT_EQ(zeloctl({"read", "power-cap"}).out, "power-cap: watts=450\n");
     EXPECT_EQ(zeloctl({"write", "power-cap", "0x12C"}).status, 0);
     EXPECT_EQ(zeloctl({"--json", "read", "power-cap"}).out,
-              "{\"register\":\"power-cap\",\"watts\":300}\n");
+              "{\"Register\":\"power-cap\",\"Watts\":300}\n");
+    EXPECT_EQ(zeloctl({"--json", "read", "standby-power"}).out,
+              "{\"Register\":\"standby-power\",\"Byte\":7,\"Watts\":30}\n");
     EXPECT_EQ(zeloctl({"read", "standby-power"}).out, "standby-power: byte=7 watts=30\n");
     EXPECT_EQ(zeloctl({"raw", "7", "0", "2"}).out, "element 7 register 0: 300 (0x012C)\n");
 
