@@ -222,6 +222,32 @@ TEST_F(TelemetryCliTest, PowerAndMetricsParseWhateverTheFilesHold) {
               std::string::npos);
 }
 
+// The title and the time axis name the same zone, TZ's, and both of its
+// names when summer time begins within the window.
+TEST_F(TelemetryCliTest, TheChartsTitleAndTimeAxisNameOneZone) {
+    writeHistories();
+    const struct {
+        const char *tz;
+        const char *title; // from kEnd - 4 h to kEnd, 2023-11-14 22:15 UTC
+        const char *axis;
+    } zones[] = {
+        {"UTC0", "2023-11-14 18:15 to 2023-11-14 22:15 UTC", "time (UTC)"},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", "2023-11-14 19:15 to 2023-11-14 23:15 CET", "time (CET)"},
+        // Summer time from 19:00 on the second Tuesday of November, 2023-11-14.
+        {"XST0XDT,M11.2.2/19,M12.1.0", "2023-11-14 18:15 XST to 2023-11-14 23:15 XDT",
+         "time (XST, then XDT)"},
+    };
+    for (const auto &z : zones) {
+        ::setenv("TZ", z.tz, 1);
+        const auto r = zeloctl("chart --hours 4");
+        ::unsetenv("TZ");
+        ASSERT_EQ(r.status, 0) << r.err;
+        EXPECT_NE(r.out.find(std::string("utilisation, ") + z.title + "</text>"), std::string::npos)
+            << z.tz;
+        EXPECT_NE(r.out.find(std::string(">") + z.axis + "</text>"), std::string::npos) << z.tz;
+    }
+}
+
 // Decoded picture: rsvg-convert draws the SVG, pngtopnm makes it raw RGB.
 struct Picture {
     int width = 0, height = 0;
