@@ -57,21 +57,41 @@ constexpr Command kCommands[] = {
      "  --out FILE  where to write the SVG (default standard output)\n"},
 };
 
-// Every option, whether it takes a value, and the commands it belongs to
-// (null: it goes before the command).
+struct Options {
+    bool json = false;
+    bool verbose = false;
+    bool version = false;
+    std::string instance = "0";
+    std::vector<std::string> args;
+    std::string window = "1h";
+    std::string hours = "24";
+    std::string last = "120";
+    std::string out;
+    bool performance = false;
+    bool csv = false;
+};
+
+// Every option: where its value goes (a flag has none), and the commands that
+// take it (none: it goes before the command, and may follow it too).
 struct OptionSpec {
     const char *name;
-    bool value;
+    std::string Options::*value;
+    bool Options::*flag;
     const char *commands;
 };
 
 constexpr OptionSpec kOptions[] = {
-    {"--json", false, nullptr},         {"--verbose", false, nullptr},
-    {"--instance", true, nullptr},      {"--help", false, nullptr},
-    {"--version", false, nullptr},      {"--window", true, "power"},
-    {"--hours", true, "history chart"}, {"--performance", false, "history"},
-    {"--csv", false, "history"},        {"--last", true, "metrics"},
-    {"--out", true, "chart"},
+    {"--json", nullptr, &Options::json, nullptr},
+    {"--verbose", nullptr, &Options::verbose, nullptr},
+    {"--instance", &Options::instance, nullptr, nullptr},
+    {"--version", nullptr, &Options::version, nullptr},
+    {"--help", nullptr, nullptr, nullptr}, // CLI11's own
+    {"--window", &Options::window, nullptr, "power"},
+    {"--hours", &Options::hours, nullptr, "history chart"},
+    {"--performance", nullptr, &Options::performance, "history"},
+    {"--csv", nullptr, &Options::csv, "history"},
+    {"--last", &Options::last, nullptr, "metrics"},
+    {"--out", &Options::out, nullptr, "chart"},
 };
 
 const OptionSpec *findOption(std::string_view name) {
@@ -104,7 +124,7 @@ std::string checkForms(int argc, char **argv) {
         if (option == nullptr)
             continue;
         const std::string named = std::string("option '") + option->name + "'";
-        if (!option->value) {
+        if (option->value == nullptr) {
             if (equals != std::string_view::npos)
                 return named + " takes no value";
             continue;
@@ -183,18 +203,6 @@ void separateLibraryOutput(bool verbose) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 }
 
-struct Options {
-    bool verbose = false;
-    std::string instance = "0";
-    std::vector<std::string> args;
-    std::string window = "1h";
-    std::string hours = "24";
-    std::string last = "120";
-    std::string out;
-    bool performance = false;
-    bool csv = false;
-};
-
 int runCommand(const Command &c, const Options &o) {
     const std::string name = c.name;
     const auto &a = o.args;
@@ -234,7 +242,7 @@ int misplaced(const std::string &extra, const Command *c) {
     const std::string named = std::string("option '") + option->name + "'";
     if (belongsTo(*option, c->name))
         return usageError(named + " goes after the command: zeloctl " + c->name + " " +
-                          option->name + (option->value ? " ..." : ""));
+                          option->name + (option->value != nullptr ? " ..." : ""));
     return usageError(named + " does not apply to '" + c->name + "'");
 }
 
@@ -247,28 +255,22 @@ int run(int argc, char **argv) {
     app.allow_extras();
     app.require_subcommand(0, 1);
     Options o;
-    const CLI::Option *json = app.add_flag("--json", gOutput.json);
-    app.add_flag("--verbose", o.verbose);
-    bool version = false;
-    app.add_flag("--version", version);
-    const CLI::Option *instanceGiven = app.add_option("--instance", o.instance);
+    const auto add = [&o](CLI::App &to, const OptionSpec &option) {
+        if (option.value != nullptr)
+            to.add_option(option.name, o.*option.value);
+        else if (option.flag != nullptr)
+            to.add_flag(option.name, o.*option.flag);
+    };
+    for (const OptionSpec &option : kOptions)
+        if (option.commands == nullptr)
+            add(app, option);
     for (const Command &c : kCommands) {
         CLI::App *sub = app.add_subcommand(c.name, c.help);
         sub->fallthrough();
         sub->add_option("args", o.args)->expected(0, CLI::detail::expected_max_vector_size);
-        const std::string name = c.name;
-        if (name == "power")
-            sub->add_option("--window", o.window);
-        if (name == "history" || name == "chart")
-            sub->add_option("--hours", o.hours);
-        if (name == "history") {
-            sub->add_flag("--performance", o.performance);
-            sub->add_flag("--csv", o.csv);
-        }
-        if (name == "metrics")
-            sub->add_option("--last", o.last);
-        if (name == "chart")
-            sub->add_option("--out", o.out);
+        for (const OptionSpec &option : kOptions)
+            if (belongsTo(option, c.name))
+                add(*sub, option);
     }
     try {
         app.parse(argc, argv);
@@ -279,7 +281,7 @@ int run(int argc, char **argv) {
         // The forms checked above leave CLI11 little to refuse.
         return usageError("bad command line: " + printable(e.what()));
     }
-    if (version) {
+    if (o.version) {
         std::fputs("zeloctl " ZELO_VERSION "\n", gOutput.out);
         return 0;
     }
@@ -303,15 +305,16 @@ int run(int argc, char **argv) {
         return kExitUsage;
     }
     const Command &c = *command;
-    if (json->count() != 0 && !c.json)
+    if (o.json && !c.json)
         return usageError(std::string("option '--json' does not apply to '") + c.name + "'");
-    if (instanceGiven->count() != 0 && !c.instance)
+    if (app.get_option("--instance")->count() != 0 && !c.instance)
         return usageError(std::string("option '--instance' does not apply to '") + c.name +
                           "' (only to discover, read, write, raw and psu)");
     if (c.argc >= 0 ? o.args.size() != static_cast<std::size_t>(c.argc) : !o.args.empty())
         return usageError(std::string("wrong number of arguments for '") + c.name + "'");
-    if (o.csv && gOutput.json)
+    if (o.csv && o.json)
         return usageError("choose one of --json and --csv");
+    gOutput.json = o.json;
     gOutput.verbose = o.verbose;
     separateLibraryOutput(o.verbose);
     return runCommand(c, o);
