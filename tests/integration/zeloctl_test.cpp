@@ -182,6 +182,7 @@ TEST_F(ZeloctlTest, WrongCommandLinesNameTheirFault) {
         {"power --window= --json", "option '--window' needs a value"},
         {"chart --out --hours 2", "option '--out' needs a value"},
         {"--instance", "option '--instance' needs a value"},
+        {"--instance 1 read --instance 0 power-cap", "option '--instance' is given twice"},
         {"--json=1 power", "option '--json' takes no value"},
         {"history --csv=no", "option '--csv' takes no value"},
         {"--json chart", "option '--json' does not apply to 'chart'"},

@@ -113,8 +113,10 @@ bool belongsTo(const OptionSpec &option, std::string_view command) {
 }
 
 // CLI11 would take "--window --json" for a window named "--json" and
-// "--json=1" for --json; such forms are refused first, naming the option.
+// "--json=1" for --json; such forms are refused first, naming the option, as
+// is a value given twice.
 std::string checkForms(int argc, char **argv) {
+    std::vector<const OptionSpec *> valued;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "--")
@@ -129,6 +131,9 @@ std::string checkForms(int argc, char **argv) {
                 return named + " takes no value";
             continue;
         }
+        if (std::find(valued.begin(), valued.end(), option) != valued.end())
+            return named + " is given twice";
+        valued.push_back(option);
         if (equals != std::string_view::npos) {
             if (equals + 1 == arg.size())
                 return named + " needs a value";
