@@ -39,6 +39,7 @@ void usage(std::FILE *to) {
                "  --control LINE   change the simulator listening at --socket while it\n"
                "                   runs: one scenario line, or restart-now, snapshot-now,\n"
                "                   tag <n>; exits 1 with the reason when refused\n"
+               "  --version        show the version\n"
                "  --help           show this text\n",
                to);
 }
@@ -83,6 +84,10 @@ int run(int argc, char **argv) {
         const bool hasValue = i + 1 < argc;
         if (std::strcmp(argv[i], "--help") == 0) {
             usage(stdout);
+            return 0;
+        }
+        if (std::strcmp(argv[i], "--version") == 0) {
+            std::puts("zelo-fwsim " ZELO_VERSION);
             return 0;
         }
         if (std::strcmp(argv[i], "--scenario") == 0 && hasValue) {

@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <grp.h>
 #include <poll.h>
+#include <pwd.h>
 #include <sstream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,10 +19,17 @@ namespace zelo::test {
 
 namespace {
 
+struct User {
+    uid_t uid;
+    gid_t gid;
+};
+
 // Starts program (under the cross build's emulator) with its standard output
 // on fd out and its standard error on fd err, or the test's when err < 0, so
-// its reports stay visible. Returns the child's pid.
-pid_t spawn(const std::string &program, const std::vector<std::string> &args, int out, int err) {
+// its reports stay visible; as another user when one is given. Returns the
+// child's pid.
+pid_t spawn(const std::string &program, const std::vector<std::string> &args, int out, int err,
+            const User *as = nullptr) {
     std::vector<std::string> argv;
     std::istringstream emulator(ZELO_TEST_EMULATOR);
     for (std::string word; emulator >> word;)
@@ -35,6 +45,10 @@ pid_t spawn(const std::string &program, const std::vector<std::string> &args, in
         ::dup2(out, STDOUT_FILENO);
         if (err >= 0)
             ::dup2(err, STDERR_FILENO);
+        if (as != nullptr &&
+            (::setgroups(0, nullptr) != 0 || ::setresgid(as->gid, as->gid, as->gid) != 0 ||
+             ::setresuid(as->uid, as->uid, as->uid) != 0))
+            ::_exit(126);
         ::execvp(cargv[0], cargv.data());
         ::_exit(127);
     }
@@ -106,16 +120,41 @@ void SimProcess::stop() {
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "zelo-fwsim status " << status;
 }
 
-RunResult runProgram(const std::string &program, const std::vector<std::string> &args) {
+namespace {
+
+RunResult run(const std::string &program, const std::vector<std::string> &args, const User *as) {
     RunResult result;
     std::FILE *out = std::tmpfile(), *err = std::tmpfile();
-    const pid_t pid = spawn(program, args, ::fileno(out), ::fileno(err));
+    const pid_t pid = spawn(program, args, ::fileno(out), ::fileno(err), as);
     int status = 0;
     if (pid > 0 && ::waitpid(pid, &status, 0) == pid && WIFEXITED(status))
         result.status = WEXITSTATUS(status);
     result.out = readAll(out);
     result.err = readAll(err);
     return result;
+}
+
+} // namespace
+
+RunResult runProgram(const std::string &program, const std::vector<std::string> &args) {
+    return run(program, args, nullptr);
+}
+
+RunResult runProgramAsNobody(const std::string &program, const std::vector<std::string> &args) {
+    const struct passwd *nobody = ::getpwnam("nobody");
+    if (nobody == nullptr)
+        throw std::runtime_error("no user nobody");
+    const User as{nobody->pw_uid, nobody->pw_gid};
+    return run(program, args, &as);
+}
+
+std::vector<std::string> treeOf(const std::string &dir) {
+    std::vector<std::string> paths;
+    std::error_code ec;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator(dir, ec))
+        paths.push_back(entry.path().string());
+    std::sort(paths.begin(), paths.end());
+    return paths;
 }
 
 std::string scenarioFile(const std::string &name) {

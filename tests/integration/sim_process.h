@@ -46,6 +46,13 @@ struct RunResult {
 // Runs a program of the build with the given arguments, until it exits.
 RunResult runProgram(const std::string &program, const std::vector<std::string> &args);
 
+// The same as the user nobody, with no supplementary groups: a reader that is
+// not the daemon's. Needs root.
+RunResult runProgramAsNobody(const std::string &program, const std::vector<std::string> &args);
+
+// Every path under dir, sorted: what a program may have left behind.
+std::vector<std::string> treeOf(const std::string &dir);
+
 // The text of a sample scenario file (sim/scenarios).
 std::string scenarioFile(const std::string &name);
 

@@ -77,6 +77,26 @@ std::string localTime(uint64_t t, const char *format) {
     return text;
 }
 
+// The zone the chart's times are given in, as its title and time axis name
+// it: the abbreviation (the offset when there is none), both when summer time
+// begins or ends within the window.
+struct Zones {
+    std::string start, end;
+    std::string named() const { return start == end ? end : start + ", then " + end; }
+};
+
+Zones zonesOf(uint64_t start, uint64_t end) {
+    // TZ is the user's to set: its name goes into the SVG as text, escaped.
+    const auto zone = [](uint64_t t) {
+        const std::string name = localTime(t, "%Z");
+        std::string text;
+        for (const char c : name.empty() ? localTime(t, "%z") : name)
+            text += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : std::string(1, c);
+        return text;
+    };
+    return {zone(start), zone(end)};
+}
+
 // A round upper bound for the power axis, so that five ticks read easily.
 double niceCeiling(double v) {
     if (v <= 0)
@@ -180,7 +200,7 @@ void axes(Svg &svg, int top, int bottom, double max, int ticks, const char *unit
             "\" fill=\"none\" stroke=\"#888\"/>");
 }
 
-void timeAxis(Svg &svg, unsigned hours) {
+void timeAxis(Svg &svg, unsigned hours, const Zones &zones) {
     // Four to eight ticks whatever the window, on whole local hours or
     // minutes: the offset from UTC comes from the start.
     const uint64_t step = hours <= 1    ? 600
@@ -208,8 +228,8 @@ void timeAxis(Svg &svg, unsigned hours) {
                 "\" text-anchor=\"middle\" fill=\"#444\">" + localTime(t, "%H:%M") + "</text>");
     }
     svg.add("<text x=\"" + std::to_string((kLeft + kRight) / 2) + "\" y=\"" +
-            std::to_string(kPerfBottom + 42) +
-            "\" text-anchor=\"middle\" fill=\"#222\">local time</text>");
+            std::to_string(kPerfBottom + 42) + "\" text-anchor=\"middle\" fill=\"#222\">time (" +
+            zones.named() + ")</text>");
 }
 
 void legend(Svg &svg, int y, std::initializer_list<Series> entries, bool band) {
@@ -266,10 +286,10 @@ int cmdChart(const std::string &hoursText, const std::string &outPath) {
     uint16_t powerCount = 0;
     const uint8_t rc = ReadPowerHistoryItems(power.data(), ZELO_HISTORY_SLOTS, &powerCount);
     if (rc != ZELO_RC_SUCCESS)
-        return telemetryFailure("power history", rc);
+        return telemetryFailure("power history", rc, {Source::PowerHistory});
     power.resize(powerCount);
     if (power.empty())
-        return telemetryFailure("power history", 211);
+        return telemetryFailure("power history", ZELO_RC_NO_DATA, {Source::PowerHistory});
     // Performance is optional: a firmware without it still gets its power chart.
     std::vector<PowerPerformanceItem> perf(ZELO_HISTORY_SLOTS);
     uint16_t perfCount = 0;
@@ -295,16 +315,18 @@ int cmdChart(const std::string &hoursText, const std::string &outPath) {
     };
 
     Svg svg(start, end);
+    const Zones zones = zonesOf(start, end);
     svg.add("<text x=\"" + std::to_string(kLeft) +
             "\" y=\"30\" font-size=\"18\" font-weight=\"bold\" fill=\"#111\">Power and "
             "utilisation, " +
-            localTime(start, "%Y-%m-%d %H:%M") + " to " + localTime(end, "%Y-%m-%d %H:%M %Z") +
-            "</text>");
+            localTime(start, "%Y-%m-%d %H:%M") +
+            (zones.start != zones.end ? " " + zones.start : "") + " to " +
+            localTime(end, "%Y-%m-%d %H:%M ") + zones.end + "</text>");
     shadeUnknown(svg, powerSeries, kPowerTop, kPowerBottom);
     shadeUnknown(svg, perfSeries, kPerfTop, kPerfBottom);
     axes(svg, kPowerTop, kPowerBottom, top, 5, " W", "watts");
     axes(svg, kPerfTop, kPerfBottom, 100, 4, "%", "percent");
-    timeAxis(svg, hours);
+    timeAxis(svg, hours, zones);
     drawBand(svg, powerSeries, 0, 2, kAC, powerY);
     drawBand(svg, powerSeries, 3, 5, kDC, powerY);
     drawLine(svg, powerSeries, 1, kAC, powerY);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cinttypes>
 #include <string_view>
 #include <type_traits>
@@ -90,12 +91,38 @@ const Register *findRegister(std::string_view name) {
     return nullptr;
 }
 
-uint8_t handleOrFail() {
-    const uint8_t handle = ZELO_GetModuleHandle(gOutput.instance);
-    if (handle == 0)
-        std::fprintf(stderr, "zeloctl: no firmware module handle for instance %d\n",
-                     static_cast<int>(gOutput.instance));
+// The module handle straight from the firmware. The library's
+// ZELO_GetModuleHandle would cache it in the configuration store, and a
+// command that only reads should leave no file behind, least of all under a
+// mistyped root.
+uint8_t handleOrFail(int32_t instance) {
+    uint8_t d1 = 0, d2 = 0, handle = 0;
+    const uint8_t rc = ZELO_FindFirmwareInstance(static_cast<uint8_t>(instance), &d1, &d2, &handle);
+    if (rc != ZELO_RC_SUCCESS) {
+        fail("no firmware instance " + std::to_string(instance) + ": discovery", rc);
+        return 0;
+    }
     return handle;
+}
+
+uint8_t handleOrFail() {
+    return handleOrFail(gOutput.instance);
+}
+
+// A field label as a JSON key, in the style of every key zeloctl prints:
+// "watts" is "Watts".
+std::string pascalCase(std::string_view label) {
+    std::string key;
+    bool upper = true;
+    for (const char c : label) {
+        if (c == '-' || c == '_' || c == ' ') {
+            upper = true;
+            continue;
+        }
+        key += upper ? static_cast<char>(std::toupper(static_cast<unsigned char>(c))) : c;
+        upper = false;
+    }
+    return key;
 }
 
 } // namespace
@@ -107,7 +134,7 @@ int cmdDiscover() {
     if (rc != ZELO_RC_SUCCESS)
         return fail("discovery", rc);
     if (gOutput.json)
-        emit({{"instance", instance}, {"handle", handle}, {"descriptors", {d1, d2}}});
+        emit({{"Instance", instance}, {"Handle", handle}, {"Descriptors", {d1, d2}}});
     else
         std::fprintf(gOutput.out,
                      "instance       %d\nmodule handle  %u\ndescriptors    0x%02X 0x%02X\n",
@@ -122,8 +149,8 @@ int cmdRegisters() {
     if (gOutput.json) {
         Json list = Json::array();
         for (const auto &r : kRegisters)
-            list.push_back({{"name", r.name}, {"access", access(r)}, {"bytes", r.bytes}});
-        emit({{"registers", list}});
+            list.push_back({{"Name", r.name}, {"Access", access(r)}, {"Bytes", r.bytes}});
+        emit({{"Registers", list}});
         return 0;
     }
     for (const auto &r : kRegisters)
@@ -146,9 +173,9 @@ int cmdRead(const std::string &name) {
         return fail("read " + name, r.rc);
     const int fields = reg->fields[1] != nullptr ? 2 : 1;
     if (gOutput.json) {
-        Json object{{"register", reg->name}};
+        Json object{{"Register", reg->name}};
         for (int i = 0; i < fields; ++i)
-            object[reg->fields[i]] = r.v[i];
+            object[pascalCase(reg->fields[i])] = r.v[i];
         emit(object);
         return 0;
     }
@@ -179,7 +206,7 @@ int cmdWrite(const std::string &name, const std::string &text) {
     if (rc != ZELO_RC_SUCCESS)
         return fail("write " + name, rc);
     if (gOutput.json)
-        emit({{"register", reg->name}, {"written", value}});
+        emit({{"Register", reg->name}, {"Written", value}});
     else
         std::fprintf(gOutput.out, "%s: written %" PRIu64 "\n", reg->name, value);
     return 0;
@@ -207,7 +234,7 @@ int cmdRaw(const std::string &elementText, const std::string &regText, const std
     if (rc != ZELO_RC_SUCCESS)
         return fail("raw read", rc);
     if (gOutput.json)
-        emit({{"element", element}, {"register", reg}, {"value", value}});
+        emit({{"Element", element}, {"Register", reg}, {"Value", value}});
     else
         std::fprintf(gOutput.out,
                      "element %" PRIu64 " register %" PRIu64 ": %" PRIu64 " (0x%0*" PRIX64 ")\n",
@@ -248,11 +275,11 @@ int cmdPsu() {
     if (gOutput.json) {
         Json list = Json::array();
         for (std::size_t i = 0; i < supplies.size(); ++i)
-            list.push_back({{"index", i},
-                            {"present", supplies[i].present != 0},
-                            {"input_voltage", supplies[i].volts},
-                            {"output_label_power", supplies[i].watts}});
-        emit({{"supplies", list}});
+            list.push_back({{"Index", i},
+                            {"Present", supplies[i].present != 0},
+                            {"InputVoltage", supplies[i].volts},
+                            {"OutputLabelPower", supplies[i].watts}});
+        emit({{"Supplies", list}});
         return 0;
     }
     std::fprintf(gOutput.out, "%-7s %-8s %-14s %s\n", "supply", "present", "input voltage",
@@ -268,6 +295,10 @@ int cmdPsu() {
 }
 
 int cmdRedundancy() {
+    // The report takes its handle through the store: it is asked only of a
+    // firmware that is there, so a failed discovery leaves nothing behind.
+    if (handleOrFail(0) == 0)
+        return kExitFailure;
     RedundancyConfigs r{};
     const uint8_t rc = ZELO_GetRedundancyConfigs(&r);
     if (rc != ZELO_RC_SUCCESS) {
@@ -279,22 +310,22 @@ int cmdRedundancy() {
     if (gOutput.json) {
         Json types = Json::array(), configs = Json::array();
         for (int32_t i = 0; i < r.supportedPSUTypes; ++i)
-            types.push_back({{"index", i}, {"watts", r.psuTypes[i].u16PSUWattage}});
+            types.push_back({{"Index", i}, {"Watts", r.psuTypes[i].u16PSUWattage}});
         for (int32_t i = 0; i < r.supportedConfigs; ++i)
-            configs.push_back({{"index", i},
-                               {"description", r.descriptions[i]},
-                               {"n", r.configs[i].u8RedundancyN},
-                               {"m", r.configs[i].u8RedundancyM},
-                               {"power_mode", r.configs[i].u8PowerMode},
-                               {"allowed", r.allowed[i] != 0},
-                               {"active", r.configs[i].u8Active != 0}});
-        emit({{"policy", r.powerControlPolicy},
-              {"target", r.redundancyTarget},
-              {"active", r.activeConfig},
-              {"allowed_count", r.allowedConfigCount},
-              {"first_power_mode_1", r.firstPowerMode1Config},
-              {"psu_types", types},
-              {"configs", configs}});
+            configs.push_back({{"Index", i},
+                               {"Description", r.descriptions[i]},
+                               {"N", r.configs[i].u8RedundancyN},
+                               {"M", r.configs[i].u8RedundancyM},
+                               {"PowerMode", r.configs[i].u8PowerMode},
+                               {"Allowed", r.allowed[i] != 0},
+                               {"Active", r.configs[i].u8Active != 0}});
+        emit({{"Policy", r.powerControlPolicy},
+              {"Target", r.redundancyTarget},
+              {"Active", r.activeConfig},
+              {"AllowedCount", r.allowedConfigCount},
+              {"FirstPowerMode1", r.firstPowerMode1Config},
+              {"PSUTypes", types},
+              {"Configs", configs}});
     } else {
         std::fprintf(gOutput.out, "power control policy 0x%02X, redundancy target %u\nPSU types:",
                      r.powerControlPolicy, r.redundancyTarget);
@@ -313,6 +344,8 @@ int cmdRedundancy() {
 }
 
 int cmdExpansion() {
+    if (handleOrFail(ZELO_EXPANSION_INSTANCE) == 0)
+        return kExitFailure;
     uint32_t input = 0, standby = 0;
     uint8_t rc = GetTotalInputPowerForExpansion(&input);
     if (rc != ZELO_RC_SUCCESS)
@@ -321,7 +354,7 @@ int cmdExpansion() {
     if (rc != ZELO_RC_SUCCESS)
         return fail("expansion standby power", rc);
     if (gOutput.json)
-        emit({{"total_input_power", input}, {"standby_power", standby}});
+        emit({{"TotalInputPower", input}, {"StandbyPower", standby}});
     else
         std::fprintf(gOutput.out, "total input power  %u W\nstandby power      %u W\n",
                      static_cast<unsigned>(input), static_cast<unsigned>(standby));

@@ -32,25 +32,20 @@ std::string isoUtc(std::time_t seconds) {
     return text;
 }
 
+std::string span(uint64_t seconds) {
+    return seconds < 60 ? std::to_string(seconds) + " s"
+                        : std::to_string((seconds + 30) / 60) + " min";
+}
+
 int fail(const std::string &what, unsigned rc) {
     std::fprintf(stderr, "zeloctl: %s failed, result code %u\n", what.c_str(), rc);
+    noteMissingRoot(); // the firmware's socket is under the root on a development machine
     return kExitFailure;
 }
 
 int usageError(const std::string &message) {
     std::fprintf(stderr, "zeloctl: %s\nTry 'zeloctl --help'.\n", message.c_str());
     return kExitUsage;
-}
-
-int telemetryFailure(const char *what, unsigned rc) {
-    if (rc == 211) // ZELO_RC_NO_DATA
-        std::fprintf(stderr, "zeloctl: no %s yet (has the zelo daemon run?)\n", what);
-    else if (rc == 212) // ZELO_RC_BAD_FILE
-        std::fprintf(stderr, "zeloctl: the %s files are damaged or not zelo's, result code %u\n",
-                     what, rc);
-    else
-        std::fprintf(stderr, "zeloctl: reading the %s failed, result code %u\n", what, rc);
-    return kExitFailure;
 }
 
 bool parseNumber(const std::string &text, uint64_t max, uint64_t *value) {

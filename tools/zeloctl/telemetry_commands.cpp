@@ -13,7 +13,7 @@
 namespace zeloctl {
 namespace {
 
-// Whole seconds or a number with a unit: 30s, 90m, 1h, 24h.
+// Whole seconds or a number with one unit: 30s, 90m, 1h, 24h.
 bool parseWindow(const std::string &text, uint32_t *seconds) {
     static constexpr std::pair<char, uint64_t> kUnits[] = {{'s', 1}, {'m', 60}, {'h', 3600}};
     std::string digits = text;
@@ -22,6 +22,7 @@ bool parseWindow(const std::string &text, uint32_t *seconds) {
         if (!digits.empty() && digits.back() == suffix) {
             digits.pop_back();
             unit = factor;
+            break;
         }
     uint64_t n = 0;
     if (!parseNumber(digits, 86400, &n) || n == 0 || n * unit > 86400)
@@ -211,12 +212,13 @@ void printRecord(const Json &r, unsigned number, unsigned count) {
 int cmdPower(const std::string &windowText) {
     uint32_t window = 0;
     if (!parseWindow(windowText, &window))
-        return usageError("bad window '" + printable(windowText) +
-                          "' (30s, 1h, 6h, 12h, 24h, or 1-86400 seconds)");
+        return usageError("bad window '" + printable(windowText) + "' (" + kWindowForms + ")");
     PowerWindowStats st{};
     const uint8_t rc = GetPowerWindowStats(window, &st);
     if (rc != ZELO_RC_SUCCESS)
-        return telemetryFailure("power figures", rc);
+        return telemetryFailure("power figures", rc, // past an hour the history is read too
+                                window > 3600 ? std::vector{Source::PowerHistory, Source::MetricLog}
+                                              : std::vector{Source::MetricLog});
     const auto minutes = static_cast<uint32_t>((st.u64End - st.u64Start + 30) / 60);
     const std::string start = isoUtc(static_cast<std::time_t>(st.u64Start));
     const std::string end = isoUtc(static_cast<std::time_t>(st.u64End));
@@ -231,7 +233,8 @@ int cmdPower(const std::string &windowText) {
         return 0;
     }
     FILE *out = gOutput.out;
-    std::fprintf(out, "window     %s to %s (%u min)\n", start.c_str(), end.c_str(), minutes);
+    std::fprintf(out, "window     %s to %s (%s)\n", start.c_str(), end.c_str(),
+                 span(st.u64End - st.u64Start).c_str());
     std::fprintf(out, "           %8s %8s %8s %8s %12s\n", "now", "min", "avg", "max", "energy");
     for (const auto &[label, f] : {std::pair{"AC input", st.sAC}, std::pair{"DC", st.sDC}})
         std::fprintf(out, "%-10s %6u W %6u W %6u W %6u W %8.3f kWh\n", label, f.u32Newest, f.u32Min,
@@ -250,13 +253,13 @@ int cmdHistory(bool performance, const std::string &hoursText, HistoryFormat for
         std::vector<PowerPerformanceItem> items(ZELO_HISTORY_SLOTS);
         const uint8_t rc = ReadPowerPerformanceItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
-            return telemetryFailure("performance history", rc);
+            return telemetryFailure("performance history", rc, {Source::PerformanceHistory});
         printHistory(lastHours(std::move(items), count, hours), "performance", format);
     } else {
         std::vector<PowerHistoryItem> items(ZELO_HISTORY_SLOTS);
         const uint8_t rc = ReadPowerHistoryItems(items.data(), ZELO_HISTORY_SLOTS, &count);
         if (rc != ZELO_RC_SUCCESS)
-            return telemetryFailure("power history", rc);
+            return telemetryFailure("power history", rc, {Source::PowerHistory});
         printHistory(lastHours(std::move(items), count, hours), "power", format);
     }
     return 0;
@@ -272,7 +275,7 @@ int cmdMetrics(const std::string &lastText) {
     uint8_t count = 0, skipped = 0;
     const uint8_t rc = ReadMetricLog(&buffers, &inlets, &perfs, &count, &skipped);
     if (rc != ZELO_RC_SUCCESS)
-        return telemetryFailure("metric records", rc);
+        return telemetryFailure("metric records", rc, {Source::MetricLog});
     const unsigned first = count > last ? count - static_cast<unsigned>(last) : 0;
     const bool blade = IsBladeServer() != 0;
     Json records = Json::array();

@@ -24,6 +24,7 @@ using Json = nlohmann::ordered_json;
 struct Output {
     FILE *out = stdout;
     bool json = false;
+    bool verbose = false; // failures explained in detail, the library's diagnostics shown
     int32_t instance = 0;
 };
 extern Output gOutput;
@@ -35,12 +36,28 @@ std::string printable(std::string_view text);
 // ISO 8601 in UTC, e.g. 2026-11-24T12:00:00Z.
 std::string isoUtc(std::time_t seconds);
 
+// A length of time as the text output gives it: "30 s" under a minute, else
+// whole minutes, "90 min".
+std::string span(uint64_t seconds);
+
+// What --window takes, for its refusal.
+inline constexpr const char *kWindowForms =
+    "a number with s, m or h, e.g. 30s, 90m, 2h, 24h, or seconds alone; 1 s to 24 h";
+
 // "zeloctl: WHAT failed, result code RC" on stderr; returns kExitFailure.
 int fail(const std::string &what, unsigned rc);
 // "zeloctl: MESSAGE" and the hint on stderr; returns kExitUsage.
 int usageError(const std::string &message);
-// "zeloctl: MESSAGE" on stderr for what the library could not read.
-int telemetryFailure(const char *what, unsigned rc);
+// What a telemetry command reads.
+enum class Source { MetricLog, PowerHistory, PerformanceHistory };
+
+// Why `what` could not be read from the sources, on stderr: the path at fault
+// and its cause (missing, permission denied, an unreadable directory, an
+// empty log, a damaged file), the result code when the files show none; with
+// --verbose the details. Returns kExitFailure.
+int telemetryFailure(const char *what, unsigned rc, const std::vector<Source> &sources);
+// "zeloctl: ZELO_ROOT names ..., which does not exist" on stderr when so.
+void noteMissingRoot();
 
 // An unsigned decimal or 0x-prefixed hexadecimal number no larger than max;
 // signs, blanks and octal-looking leading zeros are refused.
