@@ -29,10 +29,11 @@ constexpr std::array<uint16_t, N> filled(uint16_t value) {
     return a;
 }
 
-// The interval being accumulated: sums modulo 65536 and extremes, per channel.
+// The interval being accumulated: sums and extremes, per channel. The sums
+// are 32 bits wide, so that five readings of a big server's 20 kW do not wrap.
 template <std::size_t N>
 struct Accumulator {
-    std::array<uint16_t, N> sum{};
+    std::array<uint32_t, N> sum{};
     std::array<uint16_t, N> min = filled<N>(0xFFFF);
     std::array<uint16_t, N> max{};
     uint16_t count = 0;

@@ -41,7 +41,7 @@ typename P::Sample sampleOf(const typename P::Acc &a, uint64_t endtime) {
     s.timestamp = static_cast<uint32_t>(endtime);
     for (std::size_t c = 0; c < P::kChannels.size(); ++c) {
         const auto &channel = P::kChannels[c];
-        s.*channel.avg = static_cast<uint16_t>(a.sum[c] / a.count);
+        s.*channel.avg = static_cast<uint16_t>(a.sum[c] / a.count); // a mean of 16-bit values
         if (channel.min != nullptr) {
             s.*channel.min = a.min[c];
             s.*channel.max = a.max[c];
@@ -55,7 +55,7 @@ template <class P>
 void accumulate(typename P::Acc &a, const typename P::Reading &r) {
     for (std::size_t c = 0; c < P::kChannels.size(); ++c) {
         const auto low = static_cast<uint16_t>(r[c]);
-        a.sum[c] = static_cast<uint16_t>(a.sum[c] + low);
+        a.sum[c] += low;
         if (P::kChannels[c].min == nullptr)
             continue;
         if (r[c] < a.min[c])

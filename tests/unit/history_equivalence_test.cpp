@@ -25,7 +25,8 @@ struct Reference {
     uint16_t next = 0;
     int32_t lastSaveTime = 0;
     uint64_t endtime = 0, lastTimestamp = 0;
-    uint16_t sum[2]{}, min[2]{0xFFFF, 0xFFFF}, max[2]{}, count = 0; // AC, DC
+    uint32_t sum[2]{};
+    uint16_t min[2]{0xFFFF, 0xFFFF}, max[2]{}, count = 0; // AC, DC
     int wholeRingFills = 0; // calls that appended 576 unknown samples or more
 
     void add(const PowerHistorySample &s) {
@@ -72,7 +73,7 @@ struct Reference {
         if (t <= endtime) {
             ++count;
             for (int c = 0; c < 2; ++c) {
-                sum[c] = static_cast<uint16_t>(sum[c] + static_cast<uint16_t>(r[c]));
+                sum[c] += static_cast<uint16_t>(r[c]);
                 min[c] = static_cast<uint16_t>(std::min<uint64_t>(r[c], min[c]));
                 max[c] = static_cast<uint16_t>(std::max<uint64_t>(r[c], max[c]));
             }

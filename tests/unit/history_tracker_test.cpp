@@ -142,6 +142,18 @@ TEST_F(HistoryTrackerTest, RestartContinuesOnTheGridOfTheStoredSamples) {
     EXPECT_EQ(gPower.ring[5].timestamp, kT0 + 870);
 }
 
+// Five readings of 20 kW sum past 16 bits; the sample's mean is still 20 kW.
+TEST_F(HistoryTrackerTest, ABigServersSamplesAverageItsReadings) {
+    for (uint64_t i = 0; i <= 10; ++i)
+        snap(kT0 + 30 * i, 20000, 19000 + 100 * (i % 2));
+    ASSERT_GE(gPower.nextIndex, 1);
+    const PowerHistorySample &s = gPower.ring[gPower.nextIndex - 1];
+    EXPECT_EQ(s.avgAC, 20000);
+    EXPECT_EQ(s.minDC, 19000);
+    EXPECT_EQ(s.maxDC, 19100);
+    EXPECT_NEAR(s.avgDC, 19050, 50);
+}
+
 TEST_F(HistoryTrackerTest, PerformanceCountsZeroReadingsAndFillsGapsWithZeros) {
     trace::s32PowerHistoryLogLevel = 0;
     trackPowerPerformance(0, 0, 0, 0, 0);
