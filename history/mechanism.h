@@ -311,27 +311,26 @@ void appendUnknown(Tracker<P> &h, uint64_t first, uint64_t count) {
 }
 
 // The clock went back (or stood still). A step within the ring's span moves
-// the written samples and the open interval back by the step plus one
-// snapshot period, in 16 bits, as long as all of them stay after 1970. A
+// the written samples and the open interval back by the whole step plus one
+// snapshot period, as long as all of them stay after 1970. A
 // larger step, or one to near zero (a firmware clock restarted), drops the
 // open interval and starts a new grid after the newest sample: stamps never
 // wrap and unwritten slots stay unstamped.
 template <class P>
 void stepBack(Tracker<P> &h, uint64_t t) {
     const uint64_t step = h.lastTimestamp + kSnapshotSeconds - t;
-    const auto adj = static_cast<uint16_t>(step);
     uint64_t oldest = h.endtime;
     for (const auto &s : h.ring)
         if (s.timestamp != 0 && s.timestamp < oldest)
             oldest = s.timestamp;
-    if (step <= kSlots * kSampleSeconds && adj < oldest) {
+    if (step <= kSlots * kSampleSeconds && step < oldest) {
         traceLine(0, P::kNames.track, "Info",
                   "System clock was set backwards, adjusting powerHistory by %u seconds",
-                  static_cast<unsigned>(adj));
+                  static_cast<unsigned>(step));
         for (auto &s : h.ring)
             if (s.timestamp != 0)
-                s.timestamp -= adj;
-        h.endtime -= adj;
+                s.timestamp -= static_cast<uint32_t>(step); // below every stamp, so it fits
+        h.endtime -= step;
         return;
     }
     traceLine(0, P::kNames.track, "Info",

@@ -55,15 +55,14 @@ struct Reference {
         if (lastTimestamp >= t) {
             // Written slots and endtime shift if all stay above 0, else a new grid.
             const uint64_t step = lastTimestamp + 30 - t;
-            const auto adj = static_cast<uint16_t>(step);
-            bool fits = step <= 576 * 150 && adj < endtime;
+            bool fits = step <= 576 * 150 && step < endtime;
             for (const auto &s : ring)
-                fits = fits && (s.timestamp == 0 || adj < s.timestamp);
+                fits = fits && (s.timestamp == 0 || step < s.timestamp);
             for (auto &s : ring)
                 if (fits && s.timestamp != 0)
-                    s.timestamp -= adj;
+                    s.timestamp -= static_cast<uint32_t>(step);
             if (fits) {
-                endtime -= adj;
+                endtime -= step;
             } else {
                 empty();
                 endtime = t + 120;

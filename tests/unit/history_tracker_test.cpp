@@ -57,7 +57,7 @@ TEST_F(HistoryTrackerTest, TheStartUpCallWritesTheSummaries) {
         EXPECT_EQ(std::filesystem::file_size(root + "/tmp/PowerHistoryLast" + name), 386u);
 }
 
-TEST_F(HistoryTrackerTest, ClockGoingBackShiftsEverySlotBy16BitsOfTheStep) {
+TEST_F(HistoryTrackerTest, ClockGoingBackShiftsEveryWrittenSlotByTheWholeStep) {
     for (uint64_t i = 0; i < 6; ++i)
         snap(kT0 + 30 * i);
     ASSERT_EQ(gPower.nextIndex, 1);
@@ -65,12 +65,16 @@ TEST_F(HistoryTrackerTest, ClockGoingBackShiftsEverySlotBy16BitsOfTheStep) {
     EXPECT_EQ(gPower.ring[0].timestamp, kT0 + 120 - 30);
     EXPECT_EQ(gPower.endtime, kT0 + 270 - 30);
 
-    // 70 000 s back plus the 30: only 70 030 - 65 536 = 4494 are applied,
-    // to written slots only.
-    snap(kT0 + 150 - 70'000);
-    EXPECT_EQ(gPower.ring[0].timestamp, kT0 + 120 - 30 - 4494);
+    // 72 000 s back (20 h, past what 16 bits hold) plus the 30, to written
+    // slots only; the history then records on from there.
+    snap(kT0 + 150 - 72'000);
+    EXPECT_EQ(gPower.ring[0].timestamp, kT0 + 120 - 30 - 72'030);
     EXPECT_EQ(gPower.ring[575].timestamp, 0u);
-    EXPECT_EQ(gPower.endtime, kT0 + 270 - 30 - 4494);
+    EXPECT_EQ(gPower.endtime, kT0 + 270 - 30 - 72'030);
+    for (uint64_t i = 1; i <= 10; ++i)
+        snap(kT0 + 150 - 72'000 + 30 * i, 420, 400);
+    EXPECT_EQ(gPower.nextIndex, 3);
+    EXPECT_EQ(values(gPower.ring[2]), (Values{420, 420, 420, 400, 400, 400}));
 }
 
 // A firmware clock restarted near zero: the step cannot be shifted away
