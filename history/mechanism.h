@@ -73,7 +73,8 @@ int save(const Tracker<P> &h) {
 }
 
 // Reads the full file into the ring; false when it is missing, not exactly
-// one ring long, names a slot outside the ring or ends in the future. A slot
+// one ring long, names a slot outside the ring or ends ten years or more
+// after the controller's clock. A slot
 // stamped at or after 2^31 is kept empty: a step back of the clock moves
 // empty slots at 0 there, and such a stamp would never close an interval.
 template <class P>
@@ -105,9 +106,13 @@ bool readFull(Tracker<P> &h, FILE *in, const char *path) {
         if (h.ring[i].timestamp > static_cast<uint32_t>(INT32_MAX))
             h.ring[i] = {};
     }
+    // The samples carry the firmware's time, and the controller's clock may
+    // not be set yet when the daemon starts: only a ring further ahead of it
+    // than any clock could be is refused.
+    constexpr std::time_t kTenYears = 10 * 365 * 86400;
     const auto last = static_cast<int32_t>(newest(h).timestamp);
     const std::time_t now = hooks().time(nullptr);
-    if (now < last) {
+    if (now < last - kTenYears) {
         traceLine(0, P::kNames.load, "Error",
                   "Current time %i is less than last power history sample %i. Reseting power "
                   "history.\n",

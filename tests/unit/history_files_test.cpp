@@ -177,8 +177,8 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
         {"one byte short", Bytes(9217, 0)},
         {"one byte long", Bytes(9219, 0)},
         {"index out of range", ringFile(576, {})},
-        {"newest sample (575 when the index is 0) in the future",
-         ringFile(0, {{575, at(kNow + 1)}})},
+        {"newest sample (575 when the index is 0) more than ten years ahead",
+         ringFile(0, {{575, at(kNow + 10 * 365 * 86400 + 1)}})},
     };
     for (const auto &f : kFamilies) {
         for (const auto &[what, file] : cases) {
@@ -192,10 +192,12 @@ TEST_F(HistoryFilesTest, UnusableFullFilesAreRefusedAndTheHistoryStartsAfresh) {
             EXPECT_EQ(f.stamp(7), 0u);
             EXPECT_EQ(*f.next, 0);
         }
-        // Only the newest slot is checked against the clock.
-        files::writeFile(root + f.path, ringFile(0, {{574, at(kNow + 1)}, {575, at(kNow)}}));
+        // A controller whose clock is not set yet keeps a history an hour
+        // ahead of it; only the newest slot is checked against the clock.
+        files::writeFile(root + f.path, ringFile(0, {{574, at(kNow + 10 * 365 * 86400 + 1)},
+                                                     {575, at(kNow + 3600)}}));
         EXPECT_EQ(f.load(), 1);
-        EXPECT_EQ(f.stamp(574), static_cast<uint32_t>(kNow + 1));
+        EXPECT_EQ(f.stamp(575), static_cast<uint32_t>(kNow + 3600));
     }
 }
 
