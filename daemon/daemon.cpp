@@ -25,11 +25,16 @@
 #include <initializer_list>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace zelo::daemon {
 
 volatile std::sig_atomic_t gTerminateSignal = 0;
+
+namespace {
+char gLockRefusal[192]; // why CheckProcess refused, when it did
+} // namespace
 
 namespace {
 
@@ -305,9 +310,15 @@ int runDaemon(bool debug) {
     makeDir(trace::kTraceDir);
     makeDir(ml::kLogDir);
     (void)checkOwnDir(trace::kTraceDir);
-    if (CheckProcess() == 0) {
+    switch (CheckProcess()) {
+    case 0:
         alert("Process ZELO is executing.");
         return 0;
+    case -1:
+        alert(gLockRefusal); // a failure: systemd tries again
+        return 1;
+    default:
+        break;
     }
     // The library reports every exchange on standard output, some 125 lines a
     // cycle: under systemd a flood of the journal. Only -d asks for them.
@@ -372,23 +383,72 @@ int readLogFile(const char *path) {
 
 } // namespace
 
+namespace {
+
+// The process holding a lock on the file open at fd, from /proc/locks, and
+// its real user; false when none is found.
+bool lockHolder(int fd, long &pid, uid_t &uid) {
+    struct stat st {};
+    std::FILE *locks = ::fstat(fd, &st) == 0 ? std::fopen("/proc/locks", "re") : nullptr;
+    if (locks == nullptr)
+        return false;
+    char line[256];
+    bool found = false;
+    while (!found && std::fgets(line, sizeof line, locks) != nullptr) {
+        unsigned major = 0, minor = 0;
+        unsigned long long inode = 0;
+        found = std::sscanf(line, "%*d: FLOCK %*s %*s %ld %x:%x:%llu", &pid, &major, &minor,
+                            &inode) == 4 &&
+                inode == st.st_ino && major == ::major(st.st_dev) && minor == ::minor(st.st_dev);
+    }
+    std::fclose(locks);
+    char status[64];
+    std::snprintf(status, sizeof status, "/proc/%ld/status", pid);
+    std::FILE *in = found ? std::fopen(status, "re") : nullptr;
+    found = false;
+    while (in != nullptr && !found && std::fgets(line, sizeof line, in) != nullptr) {
+        unsigned long id = 0;
+        found = std::sscanf(line, "Uid: %lu", &id) == 1;
+        uid = static_cast<uid_t>(id);
+    }
+    if (in != nullptr)
+        std::fclose(in);
+    return found;
+}
+
+} // namespace
+
 int CheckProcess() {
     // One daemon per root: the first holds an exclusive lock on the pid file
     // for as long as it runs (the descriptor stays open). A `zelo -P` or any
     // other process of that name does not count, and a daemon that dies
-    // leaves no lock behind.
+    // leaves no lock behind. Only the daemon's user can open the file; one
+    // left readable by an older version may be locked by someone else, which
+    // is no daemon and must not keep the daemon down quietly.
     static int held = -1;
     if (held >= 0)
         return 1;
     char path[PATH_MAX];
     if (!resolvePath(kPidFile, path, sizeof path) || !makeDirectories(path, false))
         return 1; // no place for the lock: run rather than stay down
-    const int fd = openOwnFile(path, O_RDWR);
+    const int fd = openOwnFile(path, O_RDWR, 0600);
     if (fd < 0)
         return 1;
+    (void)::fchmod(fd, 0600);
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const bool busy = errno == EWOULDBLOCK;
+        long pid = 0;
+        uid_t uid = 0;
+        const bool foreign = busy && lockHolder(fd, pid, uid) && uid != ::geteuid();
         ::close(fd);
-        return errno == EWOULDBLOCK ? 0 : 1;
+        if (foreign) {
+            std::snprintf(gLockRefusal, sizeof gLockRefusal,
+                          "The pid file %s is locked by process %ld of user %lu, not by a zelo "
+                          "daemon; not starting.",
+                          kPidFile, pid, static_cast<unsigned long>(uid));
+            return -1;
+        }
+        return busy ? 0 : 1;
     }
     char pid[32];
     const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));

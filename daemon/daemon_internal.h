@@ -11,7 +11,8 @@ namespace zelo::daemon {
 // The signal that ends the daemon, 0 while it runs.
 extern volatile std::sig_atomic_t gTerminateSignal;
 
-// 1 when this process may run, 0 when another daemon holds the pid file's lock.
+// 1 when this process may run, 0 when another daemon holds the pid file's
+// lock, -1 when a process of another user holds it (the daemon says which).
 int CheckProcess();
 
 // The daemon's own state across cycles.

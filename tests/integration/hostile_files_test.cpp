@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <map>
+#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
@@ -177,6 +178,51 @@ TEST_F(DaemonTest, AFullMetricLogIsReportedAndCountsNoRecord) {
     ASSERT_TRUE(fs::exists(logFile(1))) << zelo.trace();
     EXPECT_GT(fs::file_size(logFile(1)), 0u);
     EXPECT_EQ(readFile(dir + "/zelo_num.log"), std::string(1, '\x02'));
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
+// Another user locking a pid file that an older version left readable: the
+// daemon says who on standard error and fails, so that systemd tries again,
+// rather than taking it for a daemon and ending quietly. With the lock gone
+// it runs, and the file is its user's alone.
+TEST_F(DaemonTest, APidFileLockedByAnotherUserIsAFailureNotAnotherDaemon) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "another user needs root";
+    const std::string pidFile = root.path() + "/run/zelo.pid";
+    fs::create_directories(root.path() + "/run");
+    std::ofstream(pidFile) << "1\n";
+    ASSERT_EQ(::chmod(pidFile.c_str(), 0644), 0);
+    ASSERT_EQ(::chmod(root.path().c_str(), 0755), 0);
+    const pid_t holder = ::fork();
+    if (holder == 0) {
+        ::execlp("setpriv", "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                 "flock", "--shared", "--no-fork", pidFile.c_str(), "sleep", "60",
+                 static_cast<char *>(nullptr));
+        ::_exit(127);
+    }
+    const auto locked = [&] {
+        const int fd = ::open(pidFile.c_str(), O_RDONLY);
+        const bool busy = ::flock(fd, LOCK_EX | LOCK_NB) != 0;
+        ::close(fd);
+        return busy;
+    };
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (!locked() && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    SimProcess sim(root.path(), scenarioHead);
+    {
+        DaemonProcess refused(root.path());
+        EXPECT_EQ(refused.wait(), 1);
+        EXPECT_NE(refused.trace().find("is locked by process " + std::to_string(holder)),
+                  std::string::npos)
+            << refused.trace();
+    }
+    ::kill(holder, SIGKILL);
+    ::waitpid(holder, nullptr, 0);
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace("psBuffer->u16Tag is")) << zelo.trace();
+    EXPECT_EQ(fs::status(pidFile).permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(zelo.terminate(), 15);
 }
 
