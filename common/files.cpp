@@ -18,11 +18,31 @@ namespace {
 
 // Opens for reading without blocking; -1 unless a regular file (notRegular
 // tells that case from a failed open).
+// Read only from a directory the daemon would write in (no link, root's or
+// ours, closed to others), never through a link: a directory anyone could
+// make might hold forged figures.
 int openRegular(const char *path, bool *notRegular) {
     *notRegular = false;
-    const int fd = ::open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0)
+    const char *slash = std::strrchr(path, '/');
+    char dirPath[PATH_MAX];
+    const std::size_t length = slash == nullptr ? 0 : static_cast<std::size_t>(slash - path);
+    if (length >= sizeof dirPath) {
+        errno = ENAMETOOLONG;
         return -1;
+    }
+    std::memcpy(dirPath, path, length);
+    dirPath[length] = '\0';
+    const int dir = openOwnDirectory(slash == nullptr ? "." : length == 0 ? "/" : dirPath);
+    if (dir < 0)
+        return -1;
+    const int fd = ::openat(dir, slash == nullptr ? path : slash + 1,
+                            O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
+    ::close(dir);
+    if (fd < 0) {
+        if (errno == ELOOP)
+            *notRegular = true; // a link where a file should be
+        return -1;
+    }
     struct stat st {};
     if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         ::close(fd);

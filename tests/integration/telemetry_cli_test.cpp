@@ -143,6 +143,33 @@ TEST_F(TelemetryCliTest, PermissionDeniedIsNamedForAnotherUser) {
         << verbose.err;
 }
 
+// A log or history directory someone else made (here nobody's) may hold
+// forged figures: every reader refuses it, naming it, and shows nothing.
+TEST_F(TelemetryCliTest, ForeignDirectoriesAreNotRead) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "a directory of another user needs root";
+    writeHistories();
+    writeLog(root.path(), {recordFile({(kEnd + 30) * 1000ull, 9999, 9999})}, 0);
+    const std::string log = root.path() + "/tmp/zelo_log";
+    const std::string power = root.path() + "/pstorage/power";
+    for (const std::string &dir : {log, power}) {
+        ASSERT_EQ(::chown(dir.c_str(), 65534, 65534), 0);
+        ASSERT_EQ(::chmod(dir.c_str(), 0770), 0);
+    }
+    const std::string refused = "' is not used: it must be no link, root's or yours, and not "
+                                "writable by others\n";
+    for (const char *command : {"--json power", "metrics", "power --window 24h", "history"}) {
+        const auto r = zeloctl(command);
+        EXPECT_EQ(r.status, 1) << command;
+        EXPECT_EQ(r.out.find("9999"), std::string::npos) << command;
+        const std::string &dir = std::string(command) == "history" ? power : log;
+        EXPECT_NE(r.err.find("directory '" + dir + refused), std::string::npos) << r.err;
+    }
+    const auto read = runProgram(ZELO_DAEMON_PATH, {"-r", log + "/zelo_0.log"});
+    EXPECT_EQ(read.status, 1);
+    EXPECT_EQ(read.out.find("9999"), std::string::npos);
+}
+
 // Reading takes the metric log lock and lets it go: the root is left as it was.
 TEST_F(TelemetryCliTest, ReadingLeavesTheRootAsItWas) {
     writeHistories();

@@ -53,6 +53,7 @@ enum class Kind {
     EmptyLog,     // a metric log without records
     NoSamples,    // a history file without samples
     Damaged,      // readable, yet not a file of its kind
+    Foreign,      // a directory the daemon would not write in, so not trusted
 };
 
 struct Cause {
@@ -78,6 +79,14 @@ Cause examine(const std::string &path, std::size_t rootLength, bool directory) {
         if (!last || directory) {
             if (!S_ISDIR(st.st_mode))
                 return {Kind::NotDirectory, part, ENOTDIR};
+            // The library reads only from a directory that is no link, root's
+            // or the caller's, and closed to others.
+            struct stat own {};
+            const bool holder = directory ? last : path.find('/', end + 1) == std::string::npos;
+            if (holder &&
+                (::lstat(part.c_str(), &own) != 0 || S_ISLNK(own.st_mode) ||
+                 (own.st_uid != 0 && own.st_uid != ::geteuid()) || (own.st_mode & S_IWOTH) != 0))
+                return {Kind::Foreign, part, 0};
             if (::access(part.c_str(), last ? R_OK | X_OK : X_OK) != 0)
                 return {Kind::Unsearchable, part, errno};
         } else {
@@ -181,6 +190,9 @@ std::string describe(const Cause &c, const char *what, const Root &r, const std:
         return none + quoted(c.path) + " is empty";
     case Kind::NoSamples:
         return none + quoted(c.path) + " holds no samples";
+    case Kind::Foreign:
+        return cannot + "directory " + quoted(c.path) +
+               " is not used: it must be no link, root's or yours, and not writable by others";
     case Kind::Damaged:
         return "the " + std::string(what) + " cannot be used: " + quoted(c.path) +
                " is damaged or not zelo's, result code " + std::to_string(rc);
