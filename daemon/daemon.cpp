@@ -80,8 +80,8 @@ void pause(unsigned seconds) {
 }
 
 // Creates the directory with the daemon's mode 070; parents that a private
-// root lacks (its /tmp) are made as ordinary directories first.
-void makeDir(const char *absPath) {
+// root lacks (its /tmp) are made as ordinary directories first when asked.
+void makeDir(const char *absPath, bool parents = true) {
     char path[PATH_MAX];
     if (!resolvePath(absPath, path, sizeof path))
         return;
@@ -89,7 +89,7 @@ void makeDir(const char *absPath) {
     if (len > 1 && path[len - 1] == '/')
         path[len - 1] = '\0'; // the directory itself gets the daemon's mode below
     // Exactly 070 whatever the umask: the group of the controller's services reads it.
-    if (makeDirectories(path, false))
+    if (!parents || makeDirectories(path, false))
         (void)makeDirectory(path, 070);
 }
 
@@ -102,19 +102,13 @@ int openOwnDir(const char *absPath) {
 
 // Says so when a directory is not the daemon's own: nothing in it is then
 // written or removed.
-bool checkOwnDir(const char *absPath) {
-    const int fd = openOwnDir(absPath);
-    if (fd >= 0) {
-        ::close(fd);
-        return true;
-    }
+void refusedDir(const char *absPath) {
     char message[PATH_MAX + 160];
     std::snprintf(message, sizeof message,
                   "Directory '%s' is not used: %s (it must be no link, the daemon's user's, "
                   "and not writable by others)",
                   absPath, std::strerror(errno));
     alert(message);
-    return false;
 }
 
 // Removes every entry of the metric log directory, the lock file included,
@@ -237,7 +231,31 @@ void Daemon::firstPerformance() {
     WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
 }
 
+void Daemon::checkDirectories() {
+    for (std::size_t i = 0; i < kOwnDirs.size(); ++i) {
+        const char *dir = kOwnDirs[i].path;
+        int fd = openOwnDir(dir);
+        if (fd < 0 && errno == ENOENT) { // never made, or removed while the daemon runs
+            makeDir(dir, kOwnDirs[i].makeParents);
+            fd = openOwnDir(dir);
+        }
+        const bool usable = fd >= 0;
+        if (usable)
+            ::close(fd);
+        else if (!refused[i])
+            refusedDir(dir);
+        if (usable && refused[i]) {
+            char message[PATH_MAX + 40];
+            std::snprintf(message, sizeof message, "Directory '%s' is used again", dir);
+            trace("INFO", message);
+            journal(message);
+        }
+        refused[i] = !usable;
+    }
+}
+
 void Daemon::cycle() {
+    checkDirectories();
     WaitValueLock();
     if (terminating())
         return; // the lock wait gave up on SIGTERM
@@ -309,7 +327,6 @@ namespace {
 int runDaemon(bool debug) {
     makeDir(trace::kTraceDir);
     makeDir(ml::kLogDir);
-    (void)checkOwnDir(trace::kTraceDir);
     switch (CheckProcess()) {
     case 0:
         alert("Process ZELO is executing.");
@@ -338,8 +355,10 @@ int runDaemon(bool debug) {
     (void)sigaction(SIGTERM, &action, nullptr); // no SA_RESTART: a signal cuts the sleep
     ml::abandonLockWaitWhen(terminating);       // and a wait for the metric log lock
 
-    if (checkOwnDir(ml::kLogDir))
-        (void)emptyLogDirectory();
+    Daemon d;
+    d.debug = debug;
+    d.checkDirectories(); // each refused one is reported now, once
+    (void)emptyLogDirectory();
     for (const int instance : {0, 1}) {
         char key[32];
         std::snprintf(key, sizeof key, "zelo_supported_%d", instance);
@@ -351,10 +370,6 @@ int runDaemon(bool debug) {
     ml::resetBaseline();
     trackPowerHistory(0, 0, 0);
     trackPowerPerformance(0, 0, 0, 0, 0);
-    (void)checkOwnDir("/pstorage/power"); // made, when missing, by the histories' load
-
-    Daemon d;
-    d.debug = debug;
     d.seedFirstSnapshot();
     if (!terminating())
         d.firstPerformance();

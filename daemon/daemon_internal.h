@@ -1,8 +1,12 @@
 // Daemon internals shared with tests; not exported.
 #pragma once
 
+#include "metriclog/cycle.h"
+#include "tracelog/verbosity.h"
+
 #include <zelo/acquisition.h>
 
+#include <array>
 #include <csignal>
 #include <cstdint>
 
@@ -15,9 +19,20 @@ extern volatile std::sig_atomic_t gTerminateSignal;
 // lock, -1 when a process of another user holds it (the daemon says which).
 int CheckProcess();
 
+// The directories the daemon writes in: made when missing, checked at every
+// cycle. The persistent storage above /pstorage/power is the controller's
+// mount and never made: without it, the history would go to the wrong disk.
+struct OwnDir {
+    const char *path;
+    bool makeParents;
+};
+inline constexpr std::array<OwnDir, 3> kOwnDirs{
+    {{trace::kTraceDir, true}, {metriclog::kLogDir, true}, {"/pstorage/power", false}}};
+
 // The daemon's own state across cycles.
 struct Daemon {
     bool debug = false;
+    std::array<bool, kOwnDirs.size()> refused{}; // told once, and again when usable
     uint16_t u16LastTag = 0;
     bool snapshotFailing = false;
     PerformanceData sPerformanceData{};
@@ -25,6 +40,9 @@ struct Daemon {
     // A snapshot that cannot be read is told once when it starts and once
     // when it ends, not every cycle.
     void snapshotRead(bool read);
+    // Makes a directory removed while the daemon runs again, and tells a
+    // refused one once, and when it is usable again.
+    void checkDirectories();
     void seedFirstSnapshot();
     void firstPerformance();
     // One ten-second cycle under the metric log lock: the snapshot, and the

@@ -226,5 +226,32 @@ TEST_F(DaemonTest, APidFileLockedByAnotherUserIsAFailureNotAnotherDaemon) {
     EXPECT_EQ(zelo.terminate(), 15);
 }
 
+// A log directory another user made before the daemon is refused and told
+// once, on every cycle tried again, and used once it is the daemon's; one
+// removed while the daemon runs is made again.
+TEST_F(DaemonTest, RefusedDirectoriesAreRetriedAndRemovedOnesMadeAgain) {
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "a directory of another user needs root";
+    const std::string dir = root.path() + "/tmp/zelo_log";
+    fs::create_directories(dir);
+    ASSERT_EQ(::chown(dir.c_str(), 65534, 65534), 0);
+    SimProcess sim(root.path(), scenarioHead + "snapshot-period 86400000\n");
+    DaemonProcess zelo(root.path());
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(1, 1), 3)) << zelo.trace();
+    EXPECT_EQ(occurrences(zelo.trace(), "Directory '/tmp/zelo_log/' is not used"), 1);
+
+    ASSERT_EQ(::chown(dir.c_str(), 0, 0), 0);
+    ASSERT_TRUE(zelo.awaitTrace("Directory '/tmp/zelo_log/' is used again")) << zelo.trace();
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(2, 2))) << zelo.trace();
+    EXPECT_TRUE(fs::exists(logFile(0)));
+
+    fs::remove_all(dir);
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(3, 3))) << zelo.trace();
+    EXPECT_TRUE(fs::exists(logFile(1))) << "made again, and written";
+    EXPECT_EQ(zelo.terminate(), 15);
+}
+
 } // namespace
 } // namespace zelo::test
