@@ -48,6 +48,7 @@ install(DIRECTORY include/zelo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT dev)
 set(ZELO_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING "Where the systemd unit is installed")
+install(FILES cmake/zelo.tmpfiles DESTINATION lib/tmpfiles.d RENAME zelo.conf COMPONENT daemon)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zelo.service DESTINATION ${ZELO_SYSTEMD_UNIT_DIR}
         COMPONENT daemon)
 install(FILES completions/zeloctl completions/zelo
