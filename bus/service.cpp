@@ -340,10 +340,12 @@ void Service::refreshCap() {
 }
 
 void Service::refresh() {
-    // The log's reader would wait for a lock the daemon holds, and the bus
-    // with it; the lock's removal brings us back.
+    // The log's reader would wait for a lock the running daemon holds, and
+    // the bus with it; the lock's removal brings us back. A lock the daemon
+    // left behind when it died the reader breaks at once.
+    const bool running = watchDaemon();
     struct stat st {};
-    if (::stat(lockFile.c_str(), &st) == 0) {
+    if (running && ::stat(lockFile.c_str(), &st) == 0) {
         logChanged = true;
         return;
     }
@@ -358,7 +360,7 @@ void Service::refresh() {
         FreeMetricValue(buffers, inlets, perfs, count);
     }
     energy.add(records);
-    Freshness fresh{watchDaemon(), 0};
+    Freshness fresh{running, 0};
     if (::stat(lastFile.c_str(), &st) == 0)
         fresh.ageSeconds = std::difftime(std::time(nullptr), st.st_mtime);
     const auto now = readings(records, fresh, energy.joules());
