@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -16,6 +17,29 @@ namespace zelo {
 
 namespace {
 
+// The directory above `path` opened by `open`, and the name in it; a name
+// without a directory is in the working one.
+template <typename Open>
+int openAbove(const char *path, const char **name, Open open) {
+    const char *slash = path != nullptr ? std::strrchr(path, '/') : nullptr;
+    if (path == nullptr || (slash != nullptr ? slash[1] : path[0]) == '\0') {
+        errno = EINVAL;
+        return -1;
+    }
+    *name = slash != nullptr ? slash + 1 : path;
+    if (slash == nullptr)
+        return open(".");
+    char dir[PATH_MAX];
+    const auto length = static_cast<std::size_t>(slash - path);
+    if (length >= sizeof dir) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    std::memcpy(dir, path, length);
+    dir[length] = '\0';
+    return open(length == 0 ? "/" : dir);
+}
+
 // Opens for reading without blocking; -1 unless a regular file (notRegular
 // tells that case from a failed open).
 // Read only from a directory the daemon would write in (no link, root's or
@@ -23,20 +47,11 @@ namespace {
 // make might hold forged figures.
 int openRegular(const char *path, bool *notRegular) {
     *notRegular = false;
-    const char *slash = std::strrchr(path, '/');
-    char dirPath[PATH_MAX];
-    const std::size_t length = slash == nullptr ? 0 : static_cast<std::size_t>(slash - path);
-    if (length >= sizeof dirPath) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::memcpy(dirPath, path, length);
-    dirPath[length] = '\0';
-    const int dir = openOwnDirectory(slash == nullptr ? "." : length == 0 ? "/" : dirPath);
+    const char *name = nullptr;
+    const int dir = openAbove(path, &name, [](const char *d) { return openOwnDirectory(d); });
     if (dir < 0)
         return -1;
-    const int fd = ::openat(dir, slash == nullptr ? path : slash + 1,
-                            O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
+    const int fd = ::openat(dir, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW);
     ::close(dir);
     if (fd < 0) {
         if (errno == ELOOP)
@@ -55,21 +70,7 @@ int openRegular(const char *path, bool *notRegular) {
 
 // The directory above `path` opened as our own, and the name in it.
 int openParent(const char *path, bool sticky, const char **name) {
-    const char *slash = path != nullptr ? std::strrchr(path, '/') : nullptr;
-    if (slash == nullptr || slash[1] == '\0') {
-        errno = EINVAL;
-        return -1;
-    }
-    char dir[PATH_MAX];
-    const auto length = static_cast<std::size_t>(slash - path);
-    if (length >= sizeof dir) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::memcpy(dir, path, length);
-    dir[length] = '\0';
-    *name = slash + 1;
-    return openOwnDirectory(length == 0 ? "/" : dir, sticky);
+    return openAbove(path, name, [sticky](const char *d) { return openOwnDirectory(d, sticky); });
 }
 
 int openFileAt(int dir, const char *name, int flags, mode_t mode) {
@@ -141,7 +142,7 @@ FILE *openRegularStream(const char *path) {
     return file;
 }
 
-int openOwnDirectory(const char *path, bool sticky) {
+int openDirectory(const char *path, bool makeMissing) {
     // A trailing separator would make the open follow a link at the last name.
     char copy[PATH_MAX];
     std::size_t length = path != nullptr ? std::strlen(path) : 0;
@@ -153,13 +154,52 @@ int openOwnDirectory(const char *path, bool sticky) {
     }
     std::memcpy(copy, path, length);
     copy[length] = '\0';
-    const int fd = ::open(copy, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const std::size_t root = rootLength(copy);
+    int fd = -1;
+    char *name = copy;
+    if (root == SIZE_MAX) {
+        fd = ::open(copy, kFlags); // outside the root: the last name alone is checked
+        name = copy + length;
+    } else {
+        // The root is the operator's choice and taken as it is; below it a
+        // link anywhere on the way (a linked tmp/, say) could lead writes and
+        // removals elsewhere, so each name is opened in the one above it.
+        const char saved = copy[root];
+        copy[root] = '\0';
+        fd = ::open(root == 0 ? "/" : copy, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        copy[root] = saved;
+        name = copy + root;
+    }
+    while (fd >= 0) {
+        while (*name == '/')
+            ++name;
+        if (*name == '\0')
+            break;
+        char *end = std::strchr(name, '/');
+        if (end != nullptr)
+            *end = '\0';
+        int next = ::openat(fd, name, kFlags);
+        if (next < 0 && errno == ENOENT && makeMissing &&
+            (::mkdirat(fd, name, 0755) == 0 || errno == EEXIST))
+            next = ::openat(fd, name, kFlags);
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        fd = next;
+        name = end != nullptr ? end + 1 : name + std::strlen(name);
+    }
+    if (fd < 0 && (errno == ELOOP || errno == ENOTDIR))
+        errno = EPERM; // a link or a file on the way: refused like a foreign directory
+    return fd;
+}
+
+int openOwnDirectory(const char *path, bool sticky) {
+    const int fd = openDirectory(path, false);
     struct stat st {};
     if (fd < 0 || ::fstat(fd, &st) != 0) {
         if (fd >= 0)
             ::close(fd);
-        else if (errno == ELOOP || errno == ENOTDIR)
-            errno = EPERM; // a link or a file there: refused like a foreign directory
         return -1;
     }
     // Group write is the controller's services' (mode 070); "others" is anyone.
@@ -184,29 +224,48 @@ int openOwnFile(const char *path, int flags, mode_t mode) {
     return fd;
 }
 
-int removeOwnFile(const char *path) {
+int removeOwnFile(const char *path, int flags) {
     const char *name = nullptr;
     const int dir = openParent(path, false, &name);
     if (dir < 0)
         return -1;
-    const int rc = ::unlinkat(dir, name, 0);
+    const int rc = ::unlinkat(dir, name, flags);
     const int saved = errno;
     ::close(dir);
     errno = saved;
     return rc;
 }
 
-bool makeDirectory(const char *path, mode_t mode) {
-    if (::mkdir(path, mode) != 0)
+int renameOwnFile(const char *path, const char *newName) {
+    const char *name = nullptr;
+    const int dir = openParent(path, false, &name);
+    if (dir < 0)
+        return -1;
+    const int rc = ::renameat(dir, name, dir, newName);
+    const int saved = errno;
+    ::close(dir);
+    errno = saved;
+    return rc;
+}
+
+bool makeDirectory(const char *path, mode_t mode, bool makeParents) {
+    const char *name = nullptr;
+    const int dir = openAbove(
+        path, &name, [makeParents](const char *d) { return openDirectory(d, makeParents); });
+    if (dir < 0)
         return false;
+    const bool made = ::mkdirat(dir, name, mode) == 0;
+    const int error = errno;
     // mkdir applied the umask; the mode is set again on what was made, not
     // through a link put in its place meanwhile.
-    const int fd = ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = made ? ::openat(dir, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1;
     if (fd >= 0) {
         (void)::fchmod(fd, mode);
         ::close(fd);
     }
-    return true;
+    ::close(dir);
+    errno = error;
+    return made;
 }
 
 ReplacedFile::ReplacedFile(const char *path, const Options &options) : options_(options) {

@@ -26,7 +26,13 @@ FileRead readWholeFile(const char *path, uint8_t *buffer, std::size_t cap, std::
 // missing or not a regular file.
 FILE *openRegularStream(const char *path);
 
-// Opens the directory at `path` when it is our own: no link, owned by the
+// Opens the directory at `path`. Every directory below the root is opened in
+// the one above it without following a link, so no link on the way leads
+// elsewhere; the root itself is trusted as it is. With `makeMissing`, the
+// missing directories are made (0755 before the umask).
+int openDirectory(const char *path, bool makeMissing = false);
+
+// Opens the directory at `path` (as openDirectory) when it is our own: no link, owned by the
 // effective user or root, and others cannot write in it (with `sticky`, a
 // sticky directory such as /tmp is taken too: there only exclusive creation
 // and rename are used). -1 otherwise, errno EPERM for one that is not ours.
@@ -37,12 +43,16 @@ int openOwnDirectory(const char *path, bool sticky = false);
 // O_EXCL: never through a link, never blocking, and only a regular file.
 int openOwnFile(const char *path, int flags, mode_t mode = 0644);
 
-// Removes the entry at `path` through its own directory.
-int removeOwnFile(const char *path);
+// Removes the entry at `path` through its own directory (`flags` as unlinkat's).
+int removeOwnFile(const char *path, int flags = 0);
 
-// Creates the directory with exactly `mode`, whatever the umask; true when
+// Renames the entry at `path` to `name` in the same directory, through it.
+int renameOwnFile(const char *path, const char *name);
+
+// Creates the directory with exactly `mode`, whatever the umask, in the one
+// above it opened as openDirectory does (made with `makeParents`); true when
 // it was made (false with errno EEXIST when it was there already).
-bool makeDirectory(const char *path, mode_t mode);
+bool makeDirectory(const char *path, mode_t mode, bool makeParents = false);
 
 // A file written under a temporary name created exclusively beside its final
 // path and renamed over it only once it is whole (and, with `sync`, on stable

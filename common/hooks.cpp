@@ -18,7 +18,7 @@ void toSyslog(int priority, const char *message) {
     ::syslog(LOG_USER | priority, "%s", message);
 }
 
-Hooks gHooks{::sysinfo, ::sleep, ::usleep, monotonicSeconds,
+Hooks gHooks{::sysinfo, ::poll,  ::usleep, monotonicSeconds,
              std::time, ::fsync, toSyslog, std::malloc};
 
 } // namespace

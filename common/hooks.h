@@ -6,14 +6,16 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <poll.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
 
 namespace zelo {
 
 struct Hooks {
-    int (*sysinfo)(struct sysinfo *);       // uptime, for the support cache
-    unsigned (*sleep)(unsigned seconds);    // between polls of the metric log lock
+    int (*sysinfo)(struct sysinfo *); // uptime, for the support cache
+    int (*poll)(struct pollfd *fds, nfds_t count,
+                int milliseconds);          // waits for the metric log lock
     int (*usleep)(useconds_t microseconds); // between retries of a performance read
     int64_t (*monotonicSeconds)();          // paces the history saves
     std::time_t (*time)(std::time_t *);     // wall time of the history files

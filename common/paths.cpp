@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +58,14 @@ bool resolvePath(const char *absPath, char *out, std::size_t cap) {
     std::memcpy(out, root->text, root->length);
     std::memcpy(out + root->length, absPath, pathLength + 1);
     return true;
+}
+
+std::size_t rootLength(const char *path) {
+    const Root *root = currentRoot();
+    if (root == nullptr || path == nullptr || std::strncmp(path, root->text, root->length) != 0 ||
+        (path[root->length] != '/' && path[root->length] != '\0'))
+        return SIZE_MAX;
+    return root->length;
 }
 
 bool envOrRootPath(const char *env, const char *absDefault, char *out, std::size_t cap) {

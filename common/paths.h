@@ -12,6 +12,10 @@ inline constexpr const char *kRootEnv = "ZELO_ROOT";
 // out set to "", when the result does not fit.
 bool resolvePath(const char *absPath, char *out, std::size_t cap);
 
+// The length of the root's part of `path` (a path resolvePath made), which
+// is trusted as it is; SIZE_MAX when `path` is not under the root.
+std::size_t rootLength(const char *path);
+
 // The path in environment variable `env` when it is set and not empty,
 // else absDefault under the root.
 bool envOrRootPath(const char *env, const char *absDefault, char *out, std::size_t cap);

@@ -89,8 +89,7 @@ void makeDir(const char *absPath, bool parents = true) {
     if (len > 1 && path[len - 1] == '/')
         path[len - 1] = '\0'; // the directory itself gets the daemon's mode below
     // Exactly 070 whatever the umask: the group of the controller's services reads it.
-    if (!parents || makeDirectories(path, false))
-        (void)makeDirectory(path, 070);
+    (void)makeDirectory(path, 070, parents);
 }
 
 // The directory under the root, opened when it is the daemon's own (see

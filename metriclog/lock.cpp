@@ -8,12 +8,17 @@
 #include <zelo/metriclog.h>
 #include <zelo/tracelog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -27,10 +32,14 @@ namespace {
 
 bool (*gAbandonLockWait)() = nullptr;
 
-constexpr unsigned kLockPollSeconds = 10;
+// A waiter wakes when the lock file goes, and looks again at least this
+// often in case it missed that (or its holder died without removing it).
+constexpr int kLockPollSeconds = 10;
 // Longer than any holder keeps the lock: the daemon's cycle with every
 // firmware request timing out, or a reader going through the whole log.
 constexpr std::time_t kStaleLockSeconds = 300;
+// How often a long wait says who it waits for.
+constexpr int64_t kWaitTraceSeconds = 60;
 
 void traceLock(const char *level, const char *format, long value) {
     char message[256];
@@ -53,40 +62,214 @@ pid_t ownerOf(int fd) {
     return whole && pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
-// Removes a lock whose holder is gone: its pid is no process, or it names
-// none and is older than any holder keeps it. Only the file inspected is
-// removed, not one a faster waiter has put in its place since.
-bool removeStaleLock(const char *path) {
-    const int fd = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    struct stat seen {};
-    const bool opened = fd >= 0 && ::fstat(fd, &seen) == 0;
-    const pid_t owner = opened ? ownerOf(fd) : 0;
+// The number after `key` in a /proc text; 0 when it is not there.
+uint64_t procNumber(const char *path, const char *key, unsigned skipFields) {
+    char text[2048];
+    const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+    const ssize_t n = fd >= 0 ? ::read(fd, text, sizeof text - 1) : -1;
     if (fd >= 0)
         ::close(fd);
-    if (!opened && ::lstat(path, &seen) != 0)
-        return errno == ENOENT; // released meanwhile: try again at once
-    if (owner != 0) {
-        if (::kill(owner, 0) == 0 || errno != ESRCH)
-            return false;
-    } else if (std::time(nullptr) - seen.st_mtime <= kStaleLockSeconds) {
-        return false;
+    if (n <= 0)
+        return 0;
+    text[n] = '\0';
+    const char *at = std::strstr(text, key);
+    if (at == nullptr)
+        return 0;
+    at += std::strlen(key);
+    for (unsigned field = 0; field < skipFields && at != nullptr; ++field)
+        at = std::strchr(at + 1, ' ');
+    return at != nullptr ? std::strtoull(at, nullptr, 10) : 0;
+}
+
+// When process `pid` started, in seconds since the epoch; 0 when unknown.
+std::time_t startOf(pid_t pid) {
+    char path[32];
+    std::snprintf(path, sizeof path, "/proc/%ld/stat", static_cast<long>(pid));
+    // After the command's closing parenthesis: the state is field 3, the
+    // start time (ticks since boot) field 22.
+    const uint64_t ticks = procNumber(path, ") ", 19);
+    const uint64_t boot = procNumber("/proc/stat", "\nbtime ", 0);
+    const long hertz = ::sysconf(_SC_CLK_TCK);
+    if (ticks == 0 || boot == 0 || hertz <= 0)
+        return 0;
+    return static_cast<std::time_t>(boot + ticks / static_cast<uint64_t>(hertz));
+}
+
+// The pid in a lock file is no holder when no process has it, or when the
+// process that has it now started after the lock was written (the pid was
+// reused). The start time is known to the second: one second of slack.
+bool holderGone(pid_t owner, std::time_t written) {
+    if (::kill(owner, 0) != 0 && errno == ESRCH)
+        return true;
+    const std::time_t started = startOf(owner);
+    return started != 0 && started > written + 1;
+}
+
+enum class Stale {
+    Removed, // nothing holds the name now: try again at once
+    Held,    // a holder keeps it
+    Stuck,   // not a regular file, and not ours to remove
+};
+
+// A directory, FIFO or other object at the lock's name is never released: it
+// is removed, or renamed aside when it is a directory with entries.
+Stale removeNotAFile(const char *path, const struct stat &seen) {
+    const bool directory = S_ISDIR(seen.st_mode);
+    if (zelo::removeOwnFile(path, directory ? AT_REMOVEDIR : 0) == 0) {
+        traceLock("WARNING", "Lock file '%s' was not a regular file (mode %lo): removed",
+                  static_cast<long>(seen.st_mode));
+        return Stale::Removed;
     }
+    char aside[48];
+    std::snprintf(aside, sizeof aside, "zelo.lock.%llu",
+                  static_cast<unsigned long long>(seen.st_ino));
+    if (directory && zelo::renameOwnFile(path, aside) == 0) {
+        char message[PATH_MAX + 96];
+        std::snprintf(message, sizeof message,
+                      "Lock file '%s' was a directory with entries: renamed to '%s'", kLockFile,
+                      aside);
+        WriteToLog("WaitValueLock", "WARNING", message);
+        return Stale::Removed;
+    }
+    traceLock("ERROR", "Lock file '%s' is not a regular file and cannot be removed (errno %ld)",
+              errno);
+    return Stale::Stuck;
+}
+
+// Removes a lock whose holder is gone, or one that names none and is older
+// than any holder keeps it. Only the file inspected is removed, not one a
+// faster waiter has put in its place since. *owner is the pid it names.
+Stale removeStaleLock(const char *path, pid_t *owner) {
+    *owner = 0;
+    struct stat seen {};
+    if (::lstat(path, &seen) != 0)
+        return errno == ENOENT ? Stale::Removed : Stale::Held;
+    if (!S_ISREG(seen.st_mode))
+        return removeNotAFile(path, seen);
+    const int fd = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno == ENOENT || errno == ELOOP ? Stale::Removed : Stale::Held;
+    *owner = ownerOf(fd);
+    ::close(fd);
+    const bool stale = *owner != 0 ? holderGone(*owner, seen.st_mtime)
+                                   : std::time(nullptr) - seen.st_mtime > kStaleLockSeconds;
     struct stat now {};
-    if (::lstat(path, &now) != 0 || now.st_dev != seen.st_dev || now.st_ino != seen.st_ino ||
-        removeOwnFile(path) != 0)
-        return false;
-    if (owner != 0)
-        traceLock("WARNING", "Lock file '%s' of process %ld, which is gone, removed", owner);
+    if (!stale || ::lstat(path, &now) != 0 || now.st_dev != seen.st_dev ||
+        now.st_ino != seen.st_ino || zelo::removeOwnFile(path) != 0)
+        return Stale::Held;
+    if (*owner != 0)
+        traceLock("WARNING",
+                  "Lock file '%s' of process %ld, which is gone or younger than the lock, removed",
+                  *owner);
     else
         traceLock("WARNING", "Lock file '%s' naming no owner and older than %ld s removed",
                   static_cast<long>(kStaleLockSeconds));
-    return true;
+    return Stale::Removed;
 }
+
+// Wakes a waiter when the lock file leaves its directory.
+class Release {
+  public:
+    explicit Release(const char *path) : path_(path) {}
+    ~Release() {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    Release(const Release &) = delete;
+    Release &operator=(const Release &) = delete;
+
+    // Watches the lock's directory; false the first time, so that the lock
+    // is tried again once the watch is in place (a release just before it
+    // would be missed). Without inotify, waits are plain timeouts.
+    bool armed() {
+        if (tried_)
+            return true;
+        tried_ = true;
+        char dir[PATH_MAX];
+        const char *slash = std::strrchr(path_, '/');
+        const auto length = static_cast<std::size_t>(slash - path_);
+        fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        std::snprintf(dir, sizeof dir, "%.*s", static_cast<int>(length), path_);
+        if (fd_ >= 0 && ::inotify_add_watch(fd_, dir,
+                                            IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF |
+                                                IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW) < 0) {
+            ::close(fd_);
+            fd_ = -1;
+        }
+        return false;
+    }
+
+    // Up to `seconds`, less when anything leaves the directory.
+    void wait(int seconds) {
+        struct pollfd watch = {fd_, POLLIN, 0};
+        if (zelo::hooks().poll(fd_ >= 0 ? &watch : nullptr, fd_ >= 0 ? 1 : 0, seconds * 1000) > 0) {
+            alignas(struct inotify_event) char events[4096];
+            while (::read(fd_, events, sizeof events) > 0) {
+            }
+        }
+    }
+
+  private:
+    const char *path_;
+    int fd_ = -1;
+    bool tried_ = false;
+};
 
 } // namespace
 
 void abandonLockWaitWhen(bool (*abandon)()) {
     gAbandonLockWait = abandon;
+}
+
+LockWait takeLock(unsigned boundSeconds) {
+    char path[PATH_MAX];
+    if (!logPath(kLockFile, path, sizeof path)) {
+        WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
+        return LockWait::Unavailable;
+    }
+    Release release(path);
+    int64_t since = -1, traced = 0;
+    for (;;) {
+        // Test and create in one step: of two processes only one can create it.
+        const int fd = zelo::openOwnFile(path, O_RDWR | O_EXCL);
+        if (fd >= 0) {
+            char pid[16];
+            const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
+            // A lock that names no pid is still the lock; waiters break it
+            // only once it is old, so a failed write costs nothing but that.
+            if (::write(fd, pid, static_cast<std::size_t>(n)) != n)
+                WriteToLog("WaitValueLock", "ERROR", "Can't write the pid into the lock file");
+            ::close(fd);
+            return LockWait::Taken;
+        }
+        if (errno != EEXIST) {
+            WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
+            return LockWait::Unavailable;
+        }
+        pid_t owner = 0;
+        const Stale stale = removeStaleLock(path, &owner);
+        if (stale == Stale::Stuck)
+            return LockWait::NotAFile;
+        if (stale == Stale::Removed || !release.armed())
+            continue;
+        const int64_t now = zelo::hooks().monotonicSeconds();
+        since = since < 0 ? now : since;
+        const int64_t waited = now - since;
+        if (boundSeconds != 0 && waited >= boundSeconds) {
+            traceLock("ERROR", "Lock file '%s' held by process %ld (0: none named): given up",
+                      owner);
+            return LockWait::TimedOut;
+        }
+        if (waited >= traced + kWaitTraceSeconds) {
+            traced = waited - waited % kWaitTraceSeconds;
+            traceLock("WARNING", "Waiting for lock file '%s' held by process %ld (0: none named)",
+                      owner);
+        }
+        const int64_t left = boundSeconds != 0 ? boundSeconds - waited : kLockPollSeconds;
+        release.wait(static_cast<int>(std::min<int64_t>(left, kLockPollSeconds)));
+        if (gAbandonLockWait != nullptr && gAbandonLockWait())
+            return LockWait::Abandoned;
+    }
 }
 
 } // namespace zelo::metriclog
@@ -96,34 +279,7 @@ using namespace zelo::metriclog;
 extern "C" {
 
 void WaitValueLock(void) {
-    char path[PATH_MAX];
-    if (!logPath(kLockFile, path, sizeof path)) {
-        WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
-        return;
-    }
-    // Test and create in one step: of two processes only one can create it.
-    int fd = -1;
-    for (;;) {
-        fd = zelo::openOwnFile(path, O_RDWR | O_EXCL);
-        if (fd >= 0 || errno != EEXIST)
-            break;
-        if (removeStaleLock(path))
-            continue;
-        zelo::hooks().sleep(kLockPollSeconds);
-        if (gAbandonLockWait != nullptr && gAbandonLockWait())
-            return;
-    }
-    if (fd < 0) {
-        WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
-        return;
-    }
-    char pid[16];
-    const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
-    // A lock that names no pid is still the lock; waiters break it only
-    // once it is old, so a failed write costs nothing but that.
-    if (::write(fd, pid, static_cast<std::size_t>(n)) != n)
-        WriteToLog("WaitValueLock", "ERROR", "Can't write the pid into the lock file");
-    ::close(fd);
+    (void)takeLock(0);
 }
 
 int UnlockValue(void) {

@@ -175,17 +175,19 @@ int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInle
         return 3;
     }
 
-    WaitValueLock();
+    const ReaderLock lock(0);
+    if (!lock.usable()) {
+        WriteToLog("GetMetricValue", "ERROR", "Can't take the lock /tmp/zelo_log/zelo.lock");
+        return 3;
+    }
     uint8_t count = 0, last = 0;
     ReadUCFromFile(numPath, &count);
     ReadUCFromFile(lastPath, &last);
     // A foreign counter file cannot make us read more than the log can hold.
     if (count > kLogFileCount)
         count = kLogFileCount;
-    if (count == 0) {
-        UnlockValue();
+    if (count == 0)
         return 0;
-    }
     // Asked once for the whole log, under the lock.
     const int supported = NM_Performance_IsSupported();
     const bool withPerf = supported == 1;
@@ -199,13 +201,12 @@ int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInle
         std::free(buffers);
         std::free(inlets);
         std::free(perfs);
-        UnlockValue();
         return 0;
     }
 
     uint8_t filled = 0;
     const unsigned attempts = count;
-    unsigned index = (last + 1u) % count;
+    unsigned index = oldestFile(count, last);
     for (unsigned attempt = 0; attempt < attempts; ++attempt) {
         PerfMetricSet *perf = perfs != nullptr ? &perfs[filled] : nullptr;
         if (readStoredFile(static_cast<uint8_t>(index), &buffers[filled], &inlets[filled], perf,
@@ -232,7 +233,6 @@ int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInle
         *ppsPerfs = perfs;
     }
     *pu8Count = filled;
-    UnlockValue();
     return 0;
 }
 

@@ -157,8 +157,8 @@ struct Log {
 // whole record.
 uint8_t readFiles(uint8_t count, uint8_t last, Log log, uint8_t *buffer) {
     uint8_t filled = 0;
-    unsigned index = (last + 1u) % count;
-    for (unsigned n = 0; n < count; ++n, index = (index + 1) % count) {
+    unsigned index = oldestFile(count, last);
+    for (unsigned n = 0; n < count; ++n, index = (index + 1) % kLogFileCount) {
         char name[32], path[PATH_MAX];
         std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir, index);
         std::size_t length = 0;
@@ -198,14 +198,17 @@ extern "C" uint8_t ReadMetricLog(SnapshotBuffer **ppsBuffers, BladeInletSensorBu
     uint8_t result = ZELO_RC_NO_MEMORY;
     if (log.buffers != nullptr && log.inlets != nullptr && log.perfs != nullptr &&
         buffer != nullptr) {
-        WaitValueLock();
+        ReaderLock lock(kReaderLockSeconds);
         // A foreign counter cannot make us read more than the log can hold.
-        const uint8_t count = std::min(readCounter(kNumFile), kLogFileCount);
+        const uint8_t count = lock.usable() ? std::min(readCounter(kNumFile), kLogFileCount) : 0;
         const uint8_t filled =
             count == 0 ? 0 : readFiles(count, readCounter(kLastFile), log, buffer);
-        UnlockValue();
         *pu8Skipped = static_cast<uint8_t>(count - filled);
-        result = count == 0 ? ZELO_RC_NO_DATA : filled == 0 ? ZELO_RC_BAD_FILE : ZELO_RC_SUCCESS;
+        result = lock.result() == LockWait::TimedOut ? ZELO_RC_BUSY
+                 : !lock.usable()                    ? ZELO_RC_BAD_FILE
+                 : count == 0                        ? ZELO_RC_NO_DATA
+                 : filled == 0                       ? ZELO_RC_BAD_FILE
+                                                     : ZELO_RC_SUCCESS;
         if (filled != 0) {
             *ppsBuffers = log.buffers;
             *ppsInlets = log.inlets;

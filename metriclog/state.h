@@ -46,6 +46,44 @@ inline constexpr int kAskWhenNeeded = -1;
 int readMetricFile(const char *path, SnapshotBuffer *buffer, BladeInletSensorBuffer *inlet,
                    PerfMetricSet *perf, int perfSupported);
 
+enum class LockWait {
+    Taken,
+    Unavailable, // no lock can be made here (a reader without write access): go on without
+    NotAFile,    // something that is no lock file holds its name and cannot be removed
+    Abandoned,   // as abandonLockWaitWhen asked
+    TimedOut,    // still held after the bound
+};
+// How long a reader of the library's own (not the written ones) waits for
+// the lock: beyond a slow daemon cycle, short for a person.
+inline constexpr unsigned kReaderLockSeconds = 30;
+// WaitValueLock, which gives up after `boundSeconds` (0: never).
+LockWait takeLock(unsigned boundSeconds);
+
+// The lock as a reader holds it: released when this ends, only when taken.
+class ReaderLock {
+  public:
+    explicit ReaderLock(unsigned boundSeconds) : wait_(takeLock(boundSeconds)) {}
+    ~ReaderLock() {
+        if (wait_ == LockWait::Taken)
+            UnlockValue();
+    }
+    ReaderLock(const ReaderLock &) = delete;
+    ReaderLock &operator=(const ReaderLock &) = delete;
+    LockWait result() const { return wait_; }
+    // Taken, or none to take: the reader goes on.
+    bool usable() const { return wait_ == LockWait::Taken || wait_ == LockWait::Unavailable; }
+
+  private:
+    LockWait wait_;
+};
+
+// The file a reader starts from: until the log is full its files are 0 up,
+// whatever the second counter says (a kill between the counters' writes
+// leaves it one behind).
+inline unsigned oldestFile(unsigned count, unsigned last) {
+    return count < kLogFileCount ? 0 : (last + 1u) % kLogFileCount;
+}
+
 // Resolves a system path under the root into a PATH_MAX buffer.
 bool logPath(const char *absPath, char *out, std::size_t cap);
 

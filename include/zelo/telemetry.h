@@ -16,6 +16,7 @@
  * and ZELO_RC_NO_MEMORY. */
 #define ZELO_RC_NO_DATA 211  /* nothing recorded yet: the file or the log is missing or empty */
 #define ZELO_RC_BAD_FILE 212 /* a file is short, oversized or not a file of its kind */
+#define ZELO_RC_BUSY 214     /* the metric log's lock stayed held longer than a reader waits */
 
 /* One history item: the stored sample and whether it is unknown (no reading
  * arrived in its 150-second interval; its values then mean nothing). A power
@@ -76,7 +77,9 @@ ZELO_API uint8_t ReadPowerPerformanceItems(PowerPerformanceItem *psItems, uint16
  * array of *pu8Count sets whose pointers are null for a file without them.
  * A file that does not hold one whole record is left out and counted in
  * *pu8Skipped. Every out-parameter is cleared first. ZELO_RC_NO_DATA when the
- * log is missing or empty, ZELO_RC_BAD_FILE when no file held a whole record. */
+ * log is missing or empty, ZELO_RC_BAD_FILE when no file held a whole record
+ * or something other than a file holds the lock's name. The lock is waited
+ * for up to 30 s, then ZELO_RC_BUSY. */
 ZELO_API uint8_t ReadMetricLog(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInlets,
                                PerfMetricSet **ppsPerfs, uint8_t *pu8Count, uint8_t *pu8Skipped);
 

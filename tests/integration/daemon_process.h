@@ -49,7 +49,9 @@ class DaemonProcess {
         pid_ = ::fork();
         if (pid_ == 0) {
             const std::string out = root + "/daemon.out";
-            if (std::freopen(out.c_str(), "w", stdout) == nullptr)
+            const std::string err = root + "/daemon.err";
+            if (std::freopen(out.c_str(), "w", stdout) == nullptr ||
+                std::freopen(err.c_str(), "w", stderr) == nullptr)
                 ::_exit(126);
             // The library preloaded into the daemon itself (the faketime
             // wrapper would stand between the test and the daemon's signals).
@@ -86,18 +88,28 @@ class DaemonProcess {
     std::string trace() const { return readFile(root_ + "/tmp/zelo_trace/zelo_trace_log_0.txt"); }
     pid_t pid() const { return pid_; }
     std::string output() const { return readFile(root_ + "/daemon.out"); }
+    // Standard error, which systemd puts in the journal.
+    std::string journal() const { return readFile(root_ + "/daemon.err"); }
     // Waits (real time, bounded) until the trace holds `text` `times` times.
     bool awaitTrace(const std::string &text, int times = 1) const {
+        return await([this] { return trace(); }, text, times);
+    }
+    bool awaitJournal(const std::string &text, int times = 1) const {
+        return await([this] { return journal(); }, text, times);
+    }
+
+  private:
+    template <typename Read>
+    static bool await(Read read, const std::string &text, int times) {
         const auto deadline = Clock::now() + std::chrono::seconds(30);
         while (Clock::now() < deadline) {
-            if (occurrences(trace(), text) >= times)
+            if (occurrences(read(), text) >= times)
                 return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         return false;
     }
 
-  private:
     std::string root_;
     pid_t pid_ = -1;
 };

@@ -117,6 +117,30 @@ TEST_F(DaemonTest, PlantedLinksAndForeignDirectoriesAreNotWrittenThrough) {
     }
 }
 
+// tmp/ and pstorage/ links to another directory: nothing there is written or
+// removed, since no directory on the way is reached through a link, and the
+// journal says which directories are not used.
+TEST_F(DaemonTest, LinksAboveTheDaemonsDirectoriesLeadNowhere) {
+    const std::string r = root.path(), victim = r + "/victim";
+    for (const char *dir : {"/zelo_log", "/zelo_trace", "/power"}) {
+        fs::create_directories(victim + dir);
+        std::ofstream(victim + dir + "/keep.txt") << "keep";
+    }
+    fs::remove_all(r + "/pstorage");
+    fs::create_directory_symlink(victim, r + "/tmp");
+    fs::create_directory_symlink(victim, r + "/pstorage");
+    const auto before = contents({victim});
+    SimProcess sim(r, scenarioHead + "snapshot-period 86400000\n");
+    DaemonProcess zelo(r);
+    for (const char *dir : {"/tmp/zelo_trace/", "/tmp/zelo_log/", "/pstorage/power"})
+        EXPECT_TRUE(zelo.awaitJournal(std::string("Directory '") + dir + "' is not used"))
+            << zelo.journal();
+    // Told from the first cycle, after the start-up's emptying of the log;
+    // the saves at SIGTERM come next.
+    EXPECT_EQ(zelo.terminate(), 15);
+    EXPECT_EQ(contents({victim}), before);
+}
+
 // A FIFO at the persisted history, at the next record and given to -r is
 // never waited on.
 TEST_F(DaemonTest, FifosAreNotWaitedOn) {

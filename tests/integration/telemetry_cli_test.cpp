@@ -141,6 +141,18 @@ TEST_F(TelemetryCliTest, PermissionDeniedIsNamedForAnotherUser) {
     EXPECT_NE(verbose.err.find("'" + history + "': regular file, 9218 bytes, mode 0600, owner 0:0"),
               std::string::npos)
         << verbose.err;
+
+    // A FIFO at the lock, which this reader may not remove, is no lock to wait for.
+    fs::permissions(log, fs::perms::owner_all | fs::perms::group_all | fs::perms::others_read |
+                             fs::perms::others_exec);
+    ASSERT_EQ(::mkfifo((log + "/zelo.lock").c_str(), 0644), 0);
+    for (const char *command : {"metrics", "power"}) {
+        const auto fifo = runProgramAsNobody(ZELO_ZELOCTL_PATH, {command});
+        EXPECT_EQ(fifo.status, 1);
+        EXPECT_NE(fifo.err.find("'" + log + "/zelo.lock' is not a regular file\n"),
+                  std::string::npos)
+            << fifo.err;
+    }
 }
 
 // A log or history directory someone else made (here nobody's) may hold

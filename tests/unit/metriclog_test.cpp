@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -78,40 +79,60 @@ class MetricLogTest : public PlatformTest {
 };
 
 // The lock file holds its holder's pid. A holder killed with the lock leaves
-// it behind: a pid that is no process, or no pid and an age no holder
-// reaches, is taken over without a pause and traced; a running owner, a
-// recent file naming none or a link planted at the path is waited for, and
-// the link never followed.
+// it behind: a pid that is no process or one younger than the lock (reused),
+// no pid and an age no holder reaches, or something that is no file at the
+// name (a link is never followed) is taken over without a pause and traced;
+// a running owner or a recent file naming none is waited for, woken by the
+// lock's removal.
 TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
     const pid_t gone = ::fork();
     if (gone == 0)
         ::_exit(0);
     ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
-    const std::string path = "/tmp/zelo_log/zelo.lock";
+    const std::string path = "/tmp/zelo_log/zelo.lock", self = std::to_string(::getpid()) + "\n";
+    enum Plant { File, Link, Fifo, EmptyDir, FullDir };
     struct Case {
-        std::string content; // empty: a dangling link
+        Plant plant;
+        std::string content;
         std::time_t age;
         int pauses;
+        const char *traced; // the takeover's line
     };
     const Case cases[] = {
-        {std::to_string(gone) + "\n", 0, 0},          {"\x01", 301, 0}, {"\x01", 299, 1},
-        {std::to_string(::getpid()) + "\n", 3600, 1}, {"", 0, 1},
+        {File, std::to_string(gone) + "\n", 0, 0, "which is gone"},
+        {File, "\x01", 301, 0, "naming no owner"},
+        {File, "\x01", 299, 1, nullptr},
+        {File, self, 3600, 0, "younger than the lock"},
+        {File, self, -5, 1, nullptr},
+        {Link, "", 0, 0, "was not a regular file"},
+        {Fifo, "", 0, 0, "was not a regular file"},
+        {EmptyDir, "", 0, 0, "was not a regular file"},
+        {FullDir, "", 0, 0, "renamed to 'zelo.lock."},
     };
     static std::string lock;
     static int pauses;
     lock = root + path;
-    hooks->sleep = [](unsigned seconds) -> unsigned {
-        EXPECT_EQ(seconds, 10u);
+    // The wait itself is real: the lock goes, and the watch sees it at once.
+    hooks->poll = [](struct pollfd *fds, nfds_t count, int milliseconds) {
+        EXPECT_EQ(milliseconds, 10000);
+        EXPECT_EQ(count, 1u) << "a watch on the lock's directory";
         ++pauses;
         std::filesystem::remove(lock);
-        return 0;
+        return ::poll(fds, count, 0);
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.content + " aged " + std::to_string(c.age));
+        SCOPED_TRACE(std::to_string(c.plant) + " " + c.content + " aged " + std::to_string(c.age));
         std::filesystem::remove(root + "/tmp/zelo_trace/zelo_trace_log_0.txt");
-        if (c.content.empty()) {
+        if (c.plant == Link)
             std::filesystem::create_symlink(root + "/elsewhere", lock);
-        } else {
+        if (c.plant == Fifo) {
+            ASSERT_EQ(::mkfifo(lock.c_str(), 0600), 0);
+        }
+        if (c.plant == EmptyDir || c.plant == FullDir)
+            std::filesystem::create_directory(lock);
+        if (c.plant == FullDir)
+            std::ofstream(lock + "/entry") << "x";
+        if (c.plant == File) {
             std::ofstream(lock, std::ios::binary) << c.content;
             const struct timespec then[2] = {{std::time(nullptr) - c.age, 0},
                                              {std::time(nullptr) - c.age, 0}};
@@ -120,13 +141,53 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
         pauses = 0;
         WaitValueLock();
         EXPECT_EQ(pauses, c.pauses);
-        const std::string pid = std::to_string(::getpid()) + "\n";
-        EXPECT_EQ(fileBytes(lock), Bytes(pid.begin(), pid.end()));
-        EXPECT_EQ(traced("Lock file"), c.pauses == 0) << "a takeover is traced";
+        EXPECT_EQ(fileBytes(lock), Bytes(self.begin(), self.end()));
+        EXPECT_EQ(traced("Lock file"), c.traced != nullptr) << "a takeover is traced";
+        if (c.traced != nullptr) {
+            EXPECT_TRUE(traced(c.traced));
+        }
         EXPECT_EQ(UnlockValue(), 0);
         EXPECT_FALSE(std::filesystem::exists(lock));
     }
     EXPECT_FALSE(std::filesystem::exists(root + "/elsewhere"));
+}
+
+// A long wait says every minute whom it waits for; a reader of the library's
+// own gives up after 30 s and names the holder, and never removes a lock it
+// did not take.
+TEST_F(MetricLogTest, ALongWaitIsTracedAndAReaderGivesUp) {
+    static std::string lock;
+    static int64_t clock;
+    static int pauses;
+    lock = root + "/tmp/zelo_log/zelo.lock";
+    std::ofstream(lock) << ::getpid() << "\n";
+    hooks->monotonicSeconds = [] { return clock; };
+    hooks->poll = [](struct pollfd *, nfds_t, int milliseconds) {
+        clock += milliseconds / 1000;
+        if (++pauses == 13)
+            std::filesystem::remove(lock);
+        return 0;
+    };
+    clock = 1000;
+    pauses = 0;
+    WaitValueLock();
+    EXPECT_EQ(pauses, 13);
+    const std::string waiting = "Waiting for lock file '/tmp/zelo_log/zelo.lock' held by process " +
+                                std::to_string(::getpid());
+    const std::string text = trace();
+    EXPECT_NE(text.find(waiting), text.rfind(waiting)) << "at 60 s and at 120 s: " << text;
+    EXPECT_EQ(text.find(waiting, text.find(waiting) + 1), text.rfind(waiting)) << "not more";
+    EXPECT_EQ(UnlockValue(), 0);
+
+    std::ofstream(lock) << ::getpid() << "\n";
+    pauses = 0;
+    files::LogRead log;
+    uint8_t skipped = 0;
+    EXPECT_EQ(ReadMetricLog(&log.buffers, &log.inlets, &log.perfs, &log.count, &skipped),
+              ZELO_RC_BUSY);
+    EXPECT_EQ(pauses, 3);
+    EXPECT_TRUE(traced("given up"));
+    EXPECT_TRUE(std::filesystem::exists(lock));
 }
 
 TEST(CalculateAverage, RoundsHalfAwayFromZeroAndRefusesShrinkingTotals) {

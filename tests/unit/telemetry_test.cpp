@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace zelo::test {
@@ -98,32 +99,40 @@ TEST_F(TelemetryTest, AHistoryFileThatIsNotExactlyOneRingIsRefused) {
 }
 
 TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
-    // A rotated log: file 2 was written last, so file 3 is the oldest.
-    constexpr unsigned kFiles = 5;
-    std::vector<Bytes> files;
-    for (unsigned i = 0; i < kFiles; ++i)
-        files.push_back(recordFile({(i < 3 ? i + kFiles : i) * 30000ull, 400, 350}, i == 2));
-    writeLog(root, files, 2);
-    // Whoever holds the lock is waited for, and the lock is released after.
-    writeFile(root + "/tmp/zelo_log/zelo.lock", {1});
-    hooks->sleep = [](unsigned) -> unsigned {
-        fs::remove(std::string(std::getenv("ZELO_ROOT")) + "/tmp/zelo_log/zelo.lock");
-        return 0;
-    };
-    LogRead log;
-    uint8_t skipped = 9;
-    ASSERT_EQ(ReadMetricLog(&log.buffers, &log.inlets, &log.perfs, &log.count, &skipped),
-              ZELO_RC_SUCCESS);
-    ASSERT_EQ(log.count, kFiles);
-    EXPECT_EQ(skipped, 0);
-    EXPECT_FALSE(fs::exists(root + "/tmp/zelo_log/zelo.lock"));
-    for (unsigned i = 0; i < log.count; ++i)
-        EXPECT_EQ(log.buffers[i].u64Timestamp, (i + 3) * 30000ull) << i;
-    // The fields themselves: zeloctl's metrics test. Here the inlet order.
-    const auto &newest = log.inlets[log.count - 1];
-    ASSERT_EQ(newest.u8SensorNum, 2);
-    EXPECT_STREQ(newest.psSensor->szTemperature, "20.5") << "file order";
-    EXPECT_EQ(newest.psSensor->psNext->u32SensorIndex, 3u);
+    // A rotated log (file 2 written last, so file 3 is the oldest), and one
+    // not yet full whose second counter a kill left one behind: its files
+    // are 0 up whatever that counter says.
+    const struct { unsigned files, last, oldest; } cases[] = {{120, 2, 3}, {7, 5, 0}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.files);
+        fs::remove_all(root + "/tmp/zelo_log");
+        std::vector<Bytes> files;
+        const unsigned newest = (c.oldest + c.files - 1) % c.files;
+        for (unsigned i = 0; i < c.files; ++i)
+            files.push_back(
+                recordFile({(i < c.oldest ? i + c.files : i) * 30000ull, 400, 350}, i == newest));
+        writeLog(root, files, static_cast<uint8_t>(c.last));
+        // Whoever holds the lock is waited for, and the lock is released after.
+        writeFile(root + "/tmp/zelo_log/zelo.lock", {1});
+        hooks->poll = [](struct pollfd *fds, nfds_t count, int) {
+            fs::remove(std::string(std::getenv("ZELO_ROOT")) + "/tmp/zelo_log/zelo.lock");
+            return ::poll(fds, count, 0);
+        };
+        LogRead log;
+        uint8_t skipped = 9;
+        ASSERT_EQ(ReadMetricLog(&log.buffers, &log.inlets, &log.perfs, &log.count, &skipped),
+                  ZELO_RC_SUCCESS);
+        ASSERT_EQ(log.count, c.files);
+        EXPECT_EQ(skipped, 0);
+        EXPECT_FALSE(fs::exists(root + "/tmp/zelo_log/zelo.lock"));
+        for (unsigned i = 0; i < log.count; ++i)
+            EXPECT_EQ(log.buffers[i].u64Timestamp, (i + c.oldest) * 30000ull) << i;
+        // The fields themselves: zeloctl's metrics test. Here the inlet order.
+        const auto &inlets = log.inlets[log.count - 1];
+        ASSERT_EQ(inlets.u8SensorNum, 2);
+        EXPECT_STREQ(inlets.psSensor->szTemperature, "20.5") << "file order";
+        EXPECT_EQ(inlets.psSensor->psNext->u32SensorIndex, 3u);
+    }
 }
 
 TEST_F(TelemetryTest, AMetricFileThatIsNotOneWholeRecordIsLeftOut) {

@@ -54,12 +54,13 @@ enum class Kind {
     NoSamples,    // a history file without samples
     Damaged,      // readable, yet not a file of its kind
     Foreign,      // a directory the daemon would not write in, so not trusted
+    Locked,       // the metric log's lock held longer than a reader waits
 };
 
 struct Cause {
     Kind kind = Kind::None;
     std::string path; // where the cause lies
-    int error = 0;    // what the system said there
+    int error = 0;    // what the system said there (for Locked, the holder's pid)
 };
 
 // Follows the path from its first component down, as the kernel does, and
@@ -110,6 +111,21 @@ Cause examineLog(const Root &r, unsigned rc) {
     Cause c = examine(dir, r.prefix.size(), true);
     if (c.kind != Kind::None)
         return c;
+    // The lock: something that is no file there stops every reader; a lock
+    // held too long is named with its holder.
+    const std::string lock = dir + "/zelo.lock";
+    struct stat st {};
+    if (::lstat(lock.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+        return {Kind::NotRegular, lock, 0};
+    if (rc == ZELO_RC_BUSY) {
+        char text[16] = "";
+        const int fd = ::open(lock.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+        if (fd >= 0 && ::read(fd, text, sizeof text - 1) < 0)
+            text[0] = '\0';
+        if (fd >= 0)
+            ::close(fd);
+        return {Kind::Locked, lock, std::atoi(text)};
+    }
     const std::string num = dir + "/zelo_num.log";
     c = examine(num, r.prefix.size(), false);
     if (c.kind == Kind::Missing && c.path == num)
@@ -196,6 +212,9 @@ std::string describe(const Cause &c, const char *what, const Root &r, const std:
     case Kind::Damaged:
         return "the " + std::string(what) + " cannot be used: " + quoted(c.path) +
                " is damaged or not zelo's, result code " + std::to_string(rc);
+    case Kind::Locked:
+        return cannot + quoted(c.path) + " was held for over 30 s by " +
+               (c.error > 0 ? "process " + std::to_string(c.error) : "a process it does not name");
     case Kind::None:
         break;
     }
@@ -224,14 +243,15 @@ void details(const Cause *c, unsigned rc, const Root &r) {
                      reason(errno).c_str());
         return;
     }
+    const int error = c->kind == Kind::Locked ? 0 : c->error;
     const char *type = S_ISDIR(st.st_mode)   ? "directory"
                        : S_ISREG(st.st_mode) ? "regular file"
                                              : "special file";
     std::fprintf(stderr, "zeloctl: details: %s: %s, %lld bytes, mode %04o, owner %lu:%lu%s%s\n",
                  quoted(c->path).c_str(), type, static_cast<long long>(st.st_size),
                  static_cast<unsigned>(st.st_mode & 07777), static_cast<unsigned long>(st.st_uid),
-                 static_cast<unsigned long>(st.st_gid), c->error != 0 ? "; " : "",
-                 c->error != 0 ? reason(c->error).c_str() : "");
+                 static_cast<unsigned long>(st.st_gid), error != 0 ? "; " : "",
+                 error != 0 ? reason(error).c_str() : "");
 }
 
 } // namespace
