@@ -1,5 +1,6 @@
 // Host utilisation (system, CPU, memory, I/O) read through the firmware's XPM
 // extension command.
+#include "cycle.h"
 #include "exchange.h"
 #include "hooks.h"
 
@@ -37,6 +38,14 @@ constexpr PerfSource kSources[4] = {
 
 uint64_t timestampOf(const PerformanceBuffer &b) {
     return zelo::getBe(b.pu8Timestamp, sizeof b.pu8Timestamp);
+}
+
+// NM_Performance_IsSupported's answer from its read's result code.
+int supportedBy(uint8_t rc) {
+    for (const uint8_t code : kNoBuffersCodes)
+        if (rc == code)
+            return 0;
+    return 1;
 }
 
 // Busy answers are retried, so the completion code is reported after the last.
@@ -148,10 +157,7 @@ int NM_Performance_IsSupported(void) {
     const uint8_t rc = ZELO_ReadPerformanceBuffer(ZELO_PERF_BUFFER_SYSTEM, 0, ZELO_PERF_CURRENT,
                                                   kPerfBufferLen, buffer);
     std::free(buffer);
-    for (const uint8_t code : kNoBuffersCodes)
-        if (rc == code)
-            return 0;
-    return 1;
+    return supportedBy(rc);
 }
 
 uint8_t GetPerformanceFromNM(PerformanceData *psData) {
@@ -221,3 +227,42 @@ void FreePerfBuffer(PerfMetricSet *psSet) {
 }
 
 } // extern "C"
+
+zelo::acquisition::CyclePerformance zelo::acquisition::readCyclePerformance(bool withExtremes) {
+    static constexpr const char *kName = "GetPerformanceFromNM";
+    CyclePerformance perf;
+    PerformanceBuffer current[4] = {};
+    for (int i = 0; i < 4; ++i) {
+        perf.currentRc = ZELO_ReadPerformanceBuffer(kSources[i].bufferId, 0, ZELO_PERF_CURRENT,
+                                                    kPerfBufferLen, &current[i]);
+        if (i == 0)
+            perf.supported = supportedBy(perf.currentRc);
+        if (perf.currentRc != ZELO_RC_SUCCESS) {
+            std::printf("[%s] Failed to call ZELO_ReadPerformanceBuffer(%s), return code is %d.\n",
+                        kName, kSources[i].label, perf.currentRc);
+            return perf;
+        }
+    }
+    uint64_t *const fields[4] = {&perf.data.u64SystemPerf, &perf.data.u64CPUPerf,
+                                 &perf.data.u64MemoryPerf, &perf.data.u64IOPerf};
+    perf.data.u64PerfTimestamp = timestampOf(current[0]);
+    for (int i = 0; i < 4; ++i) {
+        *fields[i] = current[i].u8Value <= kMaxUtilisation ? current[i].u8Value : 0;
+        (void)kiv_config_set_int64(kSources[i].storeKey, static_cast<int64_t>(*fields[i]), 0);
+        perf.stats[i].u64Avg = current[i].u8Value;
+    }
+    if (!withExtremes)
+        return perf;
+    for (int i = 0; i < 4; ++i) {
+        PerformanceBuffer maximum{}, minimum{};
+        if (ZELO_ReadPerformanceBuffer(kSources[i].bufferId, 0, ZELO_PERF_MAXIMUM, kPerfBufferLen,
+                                       &maximum) != ZELO_RC_SUCCESS ||
+            ZELO_ReadPerformanceBuffer(kSources[i].bufferId, 0, ZELO_PERF_MINIMUM, kPerfBufferLen,
+                                       &minimum) != ZELO_RC_SUCCESS)
+            return perf;
+        perf.stats[i].u64Max = maximum.u8Value;
+        perf.stats[i].u64Min = minimum.u8Value;
+    }
+    perf.extremes = true;
+    return perf;
+}

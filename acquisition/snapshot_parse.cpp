@@ -65,15 +65,81 @@ uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
     return ZELO_RC_FAILURE;
 }
 
+using zelo::acquisition::Layout;
+
+// Each layout answer from `layout` when it has it, else from the firmware
+// (and kept once answered).
+uint8_t histogramConfiguration(Layout &layout, uint8_t handle, Layout::Histogram &h) {
+    if (!layout.histogram) {
+        Layout::Histogram read{};
+        const uint8_t rc = ZELO_ReadPowerHistogramConfiguration(
+            handle, &read.base, &read.second, &read.inner, &read.width, &read.size, &read.sixth);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+        layout.histogram = read;
+    }
+    h = *layout.histogram;
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t capabilities(Layout &layout, uint8_t handle, uint8_t &value) {
+    if (!layout.capabilities) {
+        uint8_t read = 0;
+        const uint8_t rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &read);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+        layout.capabilities = read;
+    }
+    value = *layout.capabilities;
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t extendedCapabilities(Layout &layout, uint8_t handle, uint32_t &value) {
+    if (!layout.extended) {
+        uint32_t read = 0;
+        const uint8_t rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &read);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+        layout.extended = read;
+    }
+    value = *layout.extended;
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t inputPowerConfiguration(Layout &layout, uint8_t handle, std::array<uint8_t, 8> &b) {
+    if (!layout.inputPower) {
+        std::array<uint8_t, 8> read{};
+        const uint8_t rc = ZELO_ReadInputPowerBufferConfiguration(
+            handle, &read[0], &read[1], &read[2], &read[3], &read[4], &read[5], &read[6], &read[7]);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+        layout.inputPower = read;
+    }
+    b = *layout.inputPower;
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t snapshotConfiguration(Layout &layout, uint8_t handle, Layout::Snapshot &c) {
+    if (!layout.snapshot) {
+        Layout::Snapshot read{};
+        const uint8_t rc =
+            ZELO_ReadSnapshotBufferConfiguration(handle, &read.chunk, &read.second, &read.total);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+        layout.snapshot = read;
+    }
+    c = *layout.snapshot;
+    return ZELO_RC_SUCCESS;
+}
+
 // Result of a block parse: a result code, or the layout not fitting.
 constexpr int kDoesNotFit = -1;
 
 // The input power block: E entries, each R x (A + W1 + W2) bytes apart.
-int parseInputPower(uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
-    uint8_t unused1 = 0, entries = 0, repeat = 0, lead = 0, width1 = 0, width2 = 0;
-    uint8_t unused7 = 0, unused8 = 0;
-    const uint8_t rc = ZELO_ReadInputPowerBufferConfiguration(
-        handle, &unused1, &entries, &repeat, &lead, &width1, &width2, &unused7, &unused8);
+int parseInputPower(Layout &layout, uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
+    std::array<uint8_t, 8> b{};
+    const uint8_t rc = inputPowerConfiguration(layout, handle, b);
+    const uint8_t entries = b[1], repeat = b[2], lead = b[3], width1 = b[4], width2 = b[5];
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result code "
                     "is %d.\n",
@@ -143,7 +209,7 @@ void releaseArrays(SnapshotBuffer &s) {
 }
 
 uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
-              SnapshotBuffer *psBuffer, HistogramData *psHistogram, bool blade) {
+              SnapshotBuffer *psBuffer, HistogramData *psHistogram, bool blade, Layout &layout) {
     if (pu8Raw == nullptr || psBuffer == nullptr || psHistogram == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     SnapshotBuffer &s = *psBuffer;
@@ -157,12 +223,12 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
     if ((firstRecord = newStat(firstPower)) == nullptr)
         return ZELO_RC_NO_MEMORY;
 
-    uint16_t base = 0, second = 0;
-    uint8_t inner = 0, width = 0, size = 0, sixth = 0;
-    uint8_t rc = ZELO_ReadPowerHistogramConfiguration(u8ModuleHandle, &base, &second, &inner,
-                                                      &width, &size, &sixth);
+    Layout::Histogram h{};
+    uint8_t rc = histogramConfiguration(layout, u8ModuleHandle, h);
     if (rc != ZELO_RC_SUCCESS)
         return rc;
+    const uint16_t base = h.base;
+    const uint8_t inner = h.inner, width = h.width, size = h.size;
     // Our own guard: more than 255 buckets cannot be counted in the record.
     if (inner > UINT8_MAX - 2) {
         std::printf("[%s] The histogram has more buckets (%d) than a snapshot can carry.\n",
@@ -205,18 +271,18 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
             return ZELO_RC_NO_MEMORY;
     }
 
-    uint8_t capabilities = 0;
-    rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(u8ModuleHandle, &capabilities);
+    uint8_t caps = 0;
+    rc = capabilities(layout, u8ModuleHandle, caps);
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and the "
                     "result code is %d.\n",
                     rc);
         return rc;
     }
-    if ((capabilities & kCapExtendedPart) == 0)
+    if ((caps & kCapExtendedPart) == 0)
         return ZELO_RC_SUCCESS;
     uint32_t extended = 0;
-    rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(u8ModuleHandle, &extended);
+    rc = extendedCapabilities(layout, u8ModuleHandle, extended);
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the result "
                     "code is %d.\n",
@@ -227,7 +293,7 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
     if ((extended & kExtSkipped) && !cursor.skip(kSkippedBlockLen))
         return layoutDoesNotFit(cursor, u16RawLength);
     if ((extended & kExtInputPower) && !blade) {
-        const int result = parseInputPower(u8ModuleHandle, cursor, s);
+        const int result = parseInputPower(layout, u8ModuleHandle, cursor, s);
         if (result == kDoesNotFit)
             return layoutDoesNotFit(cursor, u16RawLength);
         if (result != ZELO_RC_SUCCESS)
@@ -251,8 +317,20 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
 
 } // namespace
 
-uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram,
-                                         bool blade) {
+namespace {
+
+// A record that carries only the tag: the snapshot the caller already has.
+uint8_t unchangedRecord(SnapshotBuffer **ppsBuffer, uint16_t tag) {
+    auto *record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
+    if (record == nullptr)
+        return ZELO_RC_NO_MEMORY;
+    record->u16Tag = tag;
+    *ppsBuffer = record;
+    return ZELO_RC_SUCCESS;
+}
+
+uint8_t fetch(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bool blade, Layout &layout,
+              const uint16_t *unchangedTag) {
     static constexpr const char *kName = "GetSnapshotBufferFromZELO";
     if (ppsBuffer == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
@@ -266,21 +344,45 @@ uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramDa
         std::printf("[%s] Failed to call ZELO_GetModuleHandle().\n", kName);
         return ZELO_RC_FAILURE;
     }
-    uint16_t chunk = 0, second = 0, total = 0;
-    uint8_t rc = ZELO_ReadSnapshotBufferConfiguration(handle, &chunk, &second, &total);
+    if (layout.handle != handle) {
+        layout.forget();
+        layout.handle = handle;
+    }
+    layout.kept = layout.snapshot.has_value();
+    Layout::Snapshot config{};
+    uint8_t rc = snapshotConfiguration(layout, handle, config);
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("Failed to call ZELO_ReadSnapshotBufferConfiguration() and the result code is "
                     "%d.\n",
                     rc);
         return rc;
     }
+    const uint16_t total = config.total;
     auto *raw = static_cast<uint8_t *>(std::calloc(total ? total : 1, 1));
     if (raw == nullptr) {
         std::printf("[%s] Failed to allocate memory for snapshot buffer.\n", kName);
         return ZELO_RC_NO_MEMORY;
     }
     uint16_t bytesRead = 0, tag = 0;
-    rc = ReadTotalSnapshotBuffer(handle, chunk, total, &bytesRead, raw, &tag);
+    if (total == 0 || config.chunk == 0) {
+        rc = ZELO_RC_INVALID_PARAMETER; // as ReadTotalSnapshotBuffer answers them
+    } else {
+        // Tag 1 after a kept layout: the firmware may have restarted with another.
+        const bool kept = layout.kept;
+        const auto stopAt = [unchangedTag, kept](uint16_t first) {
+            return (unchangedTag != nullptr && first == *unchangedTag) || (kept && first == 1);
+        };
+        bool stopped = false;
+        rc = zelo::acquisition::readTotalSnapshot(handle, config.chunk, total, &bytesRead, raw,
+                                                  &tag, stopAt, &stopped);
+        if (rc == ZELO_RC_SUCCESS && stopped) {
+            std::free(raw);
+            if (unchangedTag != nullptr && tag == *unchangedTag)
+                return unchangedRecord(ppsBuffer, tag);
+            layout.forget();
+            return fetch(ppsBuffer, psHistogram, blade, layout, unchangedTag);
+        }
+    }
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("Failed to call ReadTotalSnapshotBuffer() and the result code is %d.\n", rc);
         std::free(raw);
@@ -294,7 +396,7 @@ uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramDa
     }
     // Overwritten, never released: the caller hands in a record without bucket data.
     psHistogram->pu8BucketData = nullptr;
-    rc = parse(handle, raw, total, record, psHistogram, blade);
+    rc = parse(handle, raw, total, record, psHistogram, blade, layout);
     std::free(raw);
     if (rc != ZELO_RC_SUCCESS) {
         std::printf("[%s] Failed to call ParseSnapshotBuffer(), return code is %d.\n", kName, rc);
@@ -308,11 +410,29 @@ uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramDa
     return ZELO_RC_SUCCESS;
 }
 
+} // namespace
+
+uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram,
+                                         bool blade) {
+    Layout asked; // every answer asked afresh
+    return fetch(ppsBuffer, psHistogram, blade, asked, nullptr);
+}
+
+uint8_t zelo::acquisition::fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram,
+                                         bool blade, Layout &layout, uint16_t unchangedTag) {
+    const uint8_t rc = fetch(ppsBuffer, psHistogram, blade, layout, &unchangedTag);
+    if (rc != ZELO_RC_SUCCESS)
+        layout.forget(); // a layout that no longer fits is asked again
+    return rc;
+}
+
 extern "C" {
 
 uint8_t ParseSnapshotBuffer(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
                             SnapshotBuffer *psBuffer, HistogramData *psHistogram) {
-    return parse(u8ModuleHandle, pu8Raw, u16RawLength, psBuffer, psHistogram, IsBladeServer() != 0);
+    Layout asked;
+    return parse(u8ModuleHandle, pu8Raw, u16RawLength, psBuffer, psHistogram, IsBladeServer() != 0,
+                 asked);
 }
 
 uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram) {

@@ -1,6 +1,7 @@
 // The three configuration blocks that describe the snapshot buffer, and the
 // buffer itself, read chunk by chunk so that every byte comes from one
 // snapshot.
+#include "cycle.h"
 #include "exchange.h"
 
 #include <zelo/acquisition.h>
@@ -156,45 +157,62 @@ uint8_t ReadTotalSnapshotBuffer(uint8_t u8ModuleHandle, uint16_t u16ChunkSize,
     *pu16Tag = 0;
     if (pu8Destination == nullptr || u16TotalSize == 0 || u16ChunkSize == 0)
         return ZELO_RC_INVALID_PARAMETER;
+    bool stopped = false;
+    return zelo::acquisition::readTotalSnapshot(u8ModuleHandle, u16ChunkSize, u16TotalSize,
+                                                pu16BytesRead, pu8Destination, pu16Tag, {},
+                                                &stopped);
+}
 
-    *pu16BytesRead = 0;
+} // extern "C"
+
+uint8_t zelo::acquisition::readTotalSnapshot(uint8_t handle, uint16_t chunkSize, uint16_t totalSize,
+                                             uint16_t *bytesRead, uint8_t *destination,
+                                             uint16_t *tag,
+                                             const std::function<bool(uint16_t)> &stopAt,
+                                             bool *stopped) {
+    *tag = 0;
+    *stopped = false;
+    *bytesRead = 0;
     uint16_t offset = 0;
-    uint16_t remaining = u16TotalSize;
+    uint16_t remaining = totalSize;
     uint16_t expectedTag = 0;
     // At most seven reads, restarts included: a buffer counts as read only
     // when it is complete within six.
     for (unsigned reads = 1;; ++reads) {
-        uint16_t tag = 0;
         uint16_t got = 0;
-        const uint8_t rc =
-            ZELO_ReadSnapshotBuffer(u8ModuleHandle, offset, std::min(u16ChunkSize, remaining), &tag,
-                                    &got, pu8Destination + offset);
+        uint16_t chunkTag = 0;
+        const uint8_t rc = ZELO_ReadSnapshotBuffer(handle, offset, std::min(chunkSize, remaining),
+                                                   &chunkTag, &got, destination + offset);
         if (rc != ZELO_RC_SUCCESS)
             return rc;
-        if (expectedTag != 0 && tag != expectedTag) {
+        if (expectedTag != 0 && chunkTag != expectedTag) {
             // The firmware has taken a new snapshot: start over.
-            *pu16BytesRead = 0;
+            *bytesRead = 0;
             if (reads >= kMaxChunkReads)
                 break;
             offset = 0;
-            remaining = u16TotalSize;
+            remaining = totalSize;
             expectedTag = 0;
             continue;
         }
+        if (offset == 0 && stopAt && stopAt(chunkTag)) {
+            *bytesRead = got;
+            *tag = chunkTag;
+            *stopped = true;
+            return ZELO_RC_SUCCESS;
+        }
         offset = static_cast<uint16_t>(offset + got);
-        *pu16BytesRead = static_cast<uint16_t>(*pu16BytesRead + got);
+        *bytesRead = static_cast<uint16_t>(*bytesRead + got);
         remaining = static_cast<uint16_t>(remaining - got);
         if (reads >= kMaxChunkReads)
             break;
         if (remaining == 0) {
-            *pu16Tag = tag;
+            *tag = chunkTag;
             return ZELO_RC_SUCCESS;
         }
-        expectedTag = tag;
+        expectedTag = chunkTag;
     }
-    *pu16Tag = 0;
-    *pu16BytesRead = 0;
+    *tag = 0;
+    *bytesRead = 0;
     return ZELO_RC_FAILURE;
 }
-
-} // extern "C"

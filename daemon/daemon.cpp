@@ -264,7 +264,9 @@ void Daemon::cycle() {
     HistogramData sHistogramData{};
     bool newData = false;
     SnapshotBuffer *psBuffer = nullptr;
-    if (acquisition::fetchSnapshot(&psBuffer, &sHistogramData, blade) != ZELO_RC_SUCCESS) {
+    std::optional<acquisition::CyclePerformance> perf; // asked once, for record and history
+    if (acquisition::fetchSnapshot(&psBuffer, &sHistogramData, blade, layout, u16LastTag) !=
+        ZELO_RC_SUCCESS) {
         trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
         snapshotRead(false);
         FreeSnapshotBuffer(psBuffer);
@@ -281,12 +283,14 @@ void Daemon::cycle() {
                     "log starts afresh.");
             ml::setBaseline(*psBuffer, sHistogramData);
             u16LastTag = psBuffer->u16Tag;
+            layout.restarted();
             if (!emptyLogDirectory())
                 trace("Log", "Failed to opendir(ZELO_LOG_PATH).");
             ml::restartFileNumbering();
         } else if (psBuffer->u16Tag != u16LastTag) {
             newData = true;
-            ml::createDataLog(psBuffer, sHistogramData, blade);
+            perf = acquisition::readCyclePerformance(true);
+            ml::createDataLog(psBuffer, sHistogramData, blade, &*perf);
             CheckBufForSendSWEvent(psBuffer);
             events::checkPowercapSettings(blade);
             u16LastTag = psBuffer->u16Tag;
@@ -297,7 +301,10 @@ void Daemon::cycle() {
         FreeSnapshotBuffer(psBuffer);
     }
 
-    if (GetPerformanceFromNM(&sPerformanceData) == ZELO_RC_SUCCESS) {
+    if (!perf)
+        perf = acquisition::readCyclePerformance(false);
+    if (perf->currentRc == ZELO_RC_SUCCESS) {
+        sPerformanceData = perf->data;
         std::snprintf(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
         WriteToPowerHistoryLog(0, "main", "Log", msgBuf);
         trackPowerPerformance(sPerformanceData.u64PerfTimestamp, sPerformanceData.u64SystemPerf,

@@ -1,6 +1,7 @@
 // Daemon internals shared with tests; not exported.
 #pragma once
 
+#include "acquisition/cycle.h"
 #include "metriclog/cycle.h"
 #include "tracelog/verbosity.h"
 
@@ -36,6 +37,7 @@ struct Daemon {
     uint16_t u16LastTag = 0;
     bool snapshotFailing = false;
     PerformanceData sPerformanceData{};
+    acquisition::Layout layout; // from the first read until the firmware restarts
 
     // A snapshot that cannot be read is told once when it starts and once
     // when it ends, not every cycle.

@@ -3,6 +3,8 @@
 // library; not exported.
 #pragma once
 
+#include "acquisition/cycle.h"
+
 #include <zelo/metriclog.h>
 
 namespace zelo::metriclog {
@@ -22,8 +24,10 @@ void resetBaseline();
 void setBaseline(const SnapshotBuffer &snapshot, HistogramData &histogram);
 
 // CreateDataLog for a blade (`blade`) or not: the daemon asks the platform
-// family once for its whole cycle.
-void createDataLog(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade);
+// family once for its whole cycle, and the utilisation figures (`perf`) once
+// for the record and the history; null: asked here, as CreateDataLog does.
+void createDataLog(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade,
+                   const acquisition::CyclePerformance *perf);
 
 // The next record goes to file 0 and no file is counted.
 void restartFileNumbering();

@@ -1,6 +1,7 @@
 // The metric log writer: one little-endian file per new snapshot in 120
 // rotating files, the counters, the published power figures and the power
 // history sample.
+#include "acquisition/cycle.h"
 #include "bytes.h"
 #include "files.h"
 #include "inlet_internal.h"
@@ -12,6 +13,7 @@
 #include <zelo/platform.h>
 #include <zelo/tracelog.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
@@ -19,6 +21,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
+#include <iterator>
 
 namespace zelo::metriclog {
 
@@ -62,12 +65,15 @@ void putInletReadings(FILE *file) {
     }
 }
 
-void putPerformance(FILE *file) {
+// The figures the cycle read (`cycle`), or read now as the exported writer does.
+void putPerformance(FILE *file, const zelo::acquisition::CyclePerformance *cycle) {
     MetricStat perf[4] = {};
-    if ((ReadPerformanceDataFromXPM(perf) & 0xFF) != 0) {
+    if (cycle != nullptr ? !cycle->extremes : (ReadPerformanceDataFromXPM(perf) & 0xFF) != 0) {
         std::printf("%s - fails to read performance data from xpm", "CreateDataLog");
         return;
     }
+    if (cycle != nullptr)
+        std::copy(std::begin(cycle->stats), std::end(cycle->stats), perf);
     static constexpr const char *kLines[4][3] = {
         {"SysPerf.Avg : %lld\n", "SysPerf.Max : %lld\n", "SysPerf.Min : %lld\n"},
         {"CPUPerf.Avg: %lld\n", "CPUPerf.Max: %lld\n", "CPUPerf.Min : %lld\n"},
@@ -121,13 +127,13 @@ size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s3
 }
 
 void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
-    createDataLog(psBuffer, sHistogramData, IsBladeServer() != 0);
+    createDataLog(psBuffer, sHistogramData, IsBladeServer() != 0, nullptr);
 }
 
 } // extern "C"
 
 void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHistogramData,
-                                    bool blade) {
+                                    bool blade, const acquisition::CyclePerformance *perf) {
     if (psBuffer == nullptr) {
         trace("ERROR", "Empty input buffer.");
         releaseHistogram(sHistogramData);
@@ -171,8 +177,8 @@ void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHi
                     sBladeInletSensorBuffer.u8SensorNum);
         putInletReadings(file);
     }
-    if (NM_Performance_IsSupported() == 1)
-        putPerformance(file);
+    if ((perf != nullptr ? perf->supported : NM_Performance_IsSupported()) == 1)
+        putPerformance(file, perf);
     // A record not written whole is not counted: the counters keep naming
     // the previous newest, and its slot is tried again next time.
     if (record.commit()) {
