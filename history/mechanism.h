@@ -45,7 +45,7 @@ template <class P>
 int save(const Tracker<P> &h) {
     const char *path = P::kFiles.full;
     traceLine(P::kLevels.saving, P::kNames.save, "Info", P::kTexts.saving, path);
-    ReplacedFile file(path, historyFile());
+    ReplacedFile file(path, historyFile(true));
     FILE *out = file.stream();
     if (out == nullptr) {
         traceLine(0, P::kNames.save, "Error", P::kTexts.saveOpenError, path, std::strerror(errno));
@@ -196,19 +196,19 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
         idx += kSlots;
     traceLine(P::kLevels.fileIndex, name, "Info", P::kTexts.fileIndex, next, idx);
 
-    ReplacedFile file(path, historyFile());
+    // The summaries are derived from the ring and made again at start-up,
+    // and /tmp is a tmpfs on the controller, where a sync keeps nothing a
+    // power loss would take: they are not synced.
+    ReplacedFile file(path, historyFile(false));
     FILE *out = file.stream();
     if (out == nullptr) {
         WriteToLog(name, "Error, couldn't open file", path);
         return 0;
     }
-    bool whole = true;
-    uint8_t bytes[kSampleBytes];
-    putLe16(bytes, kSummaryRecords);
-    if (std::fwrite(bytes, 1, 2, out) != 2) {
-        traceLine(0, name, "Error", P::kTexts.fileHeaderError, path, std::ferror(out));
-        whole = false;
-    }
+    // Built whole in memory and written at once: the file is small, and one
+    // write costs far less than one per record.
+    uint8_t image[kSummaryFileBytes];
+    putLe16(image, kSummaryRecords);
     bool anyUnknown = false;
     for (int r = 0; r < kSummaryRecords; ++r) {
         Group<P> group;
@@ -238,12 +238,11 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
                       static_cast<int>(last), path);
             anyUnknown = true;
         }
-        encode<P>(record, bytes);
-        if (std::fwrite(bytes, 1, kSampleBytes, out) != kSampleBytes) {
-            traceLine(0, name, "Error", P::kTexts.fileRecordError, r, path, std::ferror(out));
-            whole = false;
-        }
+        encode<P>(record, image + 2 + r * kSampleBytes);
     }
+    const bool whole = std::fwrite(image, 1, sizeof image, out) == sizeof image;
+    if (!whole)
+        traceLine(0, name, "Error", P::kTexts.fileWriteError, path, errno);
     if (anyUnknown)
         for (std::size_t m = 0; m < P::kMaxima.size(); ++m)
             if (outputs[m] != nullptr)

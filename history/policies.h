@@ -59,8 +59,7 @@ struct Texts {
     const char *initialising;
     const char *fileIndex;       // next index, start index
     const char *fileRecord;      // six values, time stamp, index, count, path
-    const char *fileHeaderError; // path, error
-    const char *fileRecordError; // record, path, error
+    const char *fileWriteError;  // path, error
     const char *readHeaderError; // path, error
     const char *readDataError;   // path, error
     const char *fromScratch;     // path
@@ -128,8 +127,7 @@ struct PowerPolicy {
         .fileRecord =
             "minAC=%i, avgAC=%i, maxAC=%i, minDC=%i, avgDC=%i, maxDC=%i, tstamp=%i, idx=%i, "
             "numsamplesforavg=%i fname=%s",
-        .fileHeaderError = "Writing power history data header for file '%s', error code=%i",
-        .fileRecordError = "Writing power history data sample %i for file '%s', error code=%i",
+        .fileWriteError = "Writing power history data for file '%s', error code=%i",
         .readHeaderError = "Reading power history data header for file '%s', error code=%i",
         .readDataError = "Reading power history data for file '%s', error code=%i",
         .fromScratch = "Could not open power history file '%s', starting from scratch",
@@ -195,8 +193,7 @@ struct PerformancePolicy {
         .fileIndex = "nextPerformanceSampleIndex=%i, idx=%i",
         .fileRecord = "min=%i, avg=%i, max=%i, cpu=%i, mem=%i, io=%i, tstamp=%i, idx=%i, "
                       "numsamplesforavg=%i fname=%s",
-        .fileHeaderError = "Writing power performance data header for file '%s', error code=%i",
-        .fileRecordError = "Writing power performance data sample %i for file '%s', error code=%i",
+        .fileWriteError = "Writing power performance data for file '%s', error code=%i",
         .readHeaderError = "Reading power performance data header for file '%s', error code=%i",
         .readDataError = "Reading power performance data for file '%s', error code=%i",
         .fromScratch = "Could not open power performance file '%s', starting from scratch",

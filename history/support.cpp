@@ -24,11 +24,11 @@ void traceLine(int32_t level, const char *function, const char *tag, const char 
     WriteToPowerHistoryLog(level, function, tag, msgBuf);
 }
 
-ReplacedFile::Options historyFile() {
+ReplacedFile::Options historyFile(bool durable) {
     ReplacedFile::Options options;
     options.sticky = true;
     options.unbuffered = true;
-    options.sync = hooks().sync;
+    options.sync = durable ? hooks().sync : nullptr;
     options.mode = 0666; // less the umask, as the files always were
     return options;
 }

@@ -31,8 +31,9 @@ inline uint32_t getLe32(const uint8_t *at) {
 }
 
 // How the history files are replaced: unbuffered, so a failing write shows
-// at the record that failed; synced; in their own directory or the shared,
-// sticky /tmp of the summary files.
-ReplacedFile::Options historyFile();
+// at once; synced when `durable` (the full files, on the controller's
+// persistent storage); in their own directory or the shared, sticky /tmp of
+// the summary files.
+ReplacedFile::Options historyFile(bool durable);
 
 } // namespace zelo::history

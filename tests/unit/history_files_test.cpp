@@ -258,6 +258,21 @@ TEST_F(HistoryFilesTest, PrintShowsThePersistedRingOldestFirstDcBeforeAc) {
               std::string::npos);
 }
 
+// The full files, on the controller's persistent storage, reach it before
+// they replace the old ones; the summaries, made from the ring again at
+// start-up and kept on a tmpfs, are not synced.
+TEST_F(HistoryFilesTest, OnlyTheFullFilesAreSynced) {
+    static int syncs;
+    syncs = 0;
+    hooks->sync = [](int) { return ++syncs, 0; };
+    generatePowerHistoryFiles();
+    generatePowerPerformanceFiles();
+    EXPECT_EQ(syncs, 0);
+    EXPECT_EQ(savePowerHistory(), 1);
+    EXPECT_EQ(savePowerPerformance(), 1);
+    EXPECT_EQ(syncs, 2);
+}
+
 // Runs fn in a child whose files may not grow past limit bytes; with
 // killed, exceeding it kills the child (SIGXFSZ) in mid-write, otherwise
 // the write fails as on a full disk. Returns the wait status.
