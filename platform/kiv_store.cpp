@@ -1,6 +1,17 @@
 // Host configuration store: one small file per key holding a decimal value.
 // Writes go through a temporary file and a rename, so readers in other
 // processes see the old value or the new one, never half of one.
+//
+// The setters' flag tells whether a key must survive a power loss. Durable
+// (flag 1): the module handles and support answers of discovery and the
+// power-cap limits the events compare against; each write is synced before
+// its rename. Volatile (flag 0): the power and utilisation figures, their
+// time stamp and the 24-hour maxima, republished by the daemon with every
+// snapshot (every cycle for utilisation); they are renamed into place
+// unsynced, as a sync per figure is some 3,000 flash writes an hour, and
+// after a power loss a key may be missing until its next publication. A
+// controller's store would keep volatile keys in memory (a tmpfs) and write
+// only durable ones to flash, best only when their value changes.
 #include "paths.h"
 
 #include <zelo/platform.h>
@@ -72,7 +83,7 @@ bool readValue(const char *key, int64_t *value) {
     return true;
 }
 
-bool writeValue(const char *key, int64_t value) {
+bool writeValue(const char *key, int64_t value, int flag) {
     char dir[PATH_MAX];
     char path[PATH_MAX];
     char temp[PATH_MAX];
@@ -87,9 +98,10 @@ bool writeValue(const char *key, int64_t value) {
         return false;
     char text[kMaxValueText];
     const int len = std::snprintf(text, sizeof text, "%" PRId64 "\n", value);
-    // Flushed before the rename, so a crash leaves the old value or the new one.
+    // A durable key is flushed before the rename, so a crash leaves the old
+    // value or the new one.
     const bool written =
-        ::fchmod(fd, 0644) == 0 && ::write(fd, text, len) == len && ::fsync(fd) == 0;
+        ::fchmod(fd, 0644) == 0 && ::write(fd, text, len) == len && (flag == 0 || ::fsync(fd) == 0);
     const bool closed = ::close(fd) == 0;
     if (!written || !closed || ::rename(temp, path) != 0) {
         ::unlink(temp);
@@ -100,8 +112,7 @@ bool writeValue(const char *key, int64_t value) {
 
 } // namespace
 
-// The flag of the setters selects persistence on the controller; the host
-// store keeps every value in files, so it is accepted and ignored.
+// The flag of the setters selects persistence (see above).
 extern "C" {
 
 int kiv_config_get_bool(const char *key, uint8_t *value) {
@@ -112,8 +123,8 @@ int kiv_config_get_bool(const char *key, uint8_t *value) {
     return 1;
 }
 
-int kiv_config_set_bool(const char *key, uint8_t value, int /*flag*/) {
-    return writeValue(key, value != 0 ? 1 : 0) ? 1 : 0;
+int kiv_config_set_bool(const char *key, uint8_t value, int flag) {
+    return writeValue(key, value != 0 ? 1 : 0, flag) ? 1 : 0;
 }
 
 int kiv_config_get_int(const char *key, int *value) {
@@ -124,12 +135,12 @@ int kiv_config_get_int(const char *key, int *value) {
     return 1;
 }
 
-int kiv_config_set_int(const char *key, int value, int /*flag*/) {
-    return writeValue(key, value) ? 1 : 0;
+int kiv_config_set_int(const char *key, int value, int flag) {
+    return writeValue(key, value, flag) ? 1 : 0;
 }
 
-int kiv_config_set_int64(const char *key, int64_t value, int /*flag*/) {
-    return writeValue(key, value) ? 1 : 0;
+int kiv_config_set_int64(const char *key, int64_t value, int flag) {
+    return writeValue(key, value, flag) ? 1 : 0;
 }
 
 // Clearing a key that is not there succeeds: afterwards it is absent either way.
