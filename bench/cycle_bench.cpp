@@ -1,10 +1,14 @@
-// The daemon's cycle against the simulated firmware in-process: firmware
-// exchanges, bytes and I/O system calls per new-snapshot and per idle cycle,
-// and a full metric log read and released. Run under callgrind by
-// scripts/bench-cycle, it also counts the library's own instructions: the
-// simulator's work is left out of the collection.
+// The daemon's cycle against the simulated firmware in-process, an hour of
+// ten-second cycles with a snapshot every 30 s: firmware exchanges, bytes and
+// I/O system calls per new-snapshot, idle and interval-closing cycle (one
+// that writes the history summaries), exchanges and syncs an hour (the host
+// store's and the history files'), and a full metric log read and released.
+// With --history full the daemon starts from a full 24-hour history. Run
+// under callgrind by scripts/bench-cycle with --dump, it dumps the library's
+// own instructions after each cycle, named by its kind: the simulator's and
+// the platform's work is left out of the collection.
 //
-//   zelo_cycle_bench [--cycles N] [--verbosity 0|1|2] [--collect new|idle]
+//   zelo_cycle_bench [--cycles N] [--verbosity 0|1|2] [--history empty|full] [--dump]
 #include "daemon/daemon_internal.h"
 #include "model.h"
 #include "scenario.h"
@@ -15,6 +19,7 @@
 #include <valgrind/callgrind.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -24,15 +29,18 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <dlfcn.h>
 
 namespace {
 
 std::unique_ptr<zelo::sim::Firmware> gFirmware;
 uint64_t gExchanges = 0;
 bool gCollecting = false;
-std::string gPhase;   // the phase being measured
-std::string gCollect; // the phase whose instructions callgrind collects
-std::map<std::string, int64_t> gStore;
+uint64_t gStoreSyncs = 0, gFileSyncs = 0;
 
 // Instructions are collected only while the library runs, not the simulator.
 void collect(bool on) {
@@ -69,28 +77,48 @@ Io io() {
     return now;
 }
 
-struct PerCycle {
-    double exchanges, bytes, syscalls;
+enum Kind { kNew, kIdle, kClosing, kKinds };
+constexpr const char *kKindNames[kKinds] = {"new", "idle", "closing"};
+
+struct Totals {
+    unsigned cycles = 0;
+    uint64_t exchanges = 0, wchar = 0, syscalls = 0;
+    double per(uint64_t v) const { return cycles != 0 ? double(v) / cycles : 0; }
 };
 
-PerCycle measure(int cycles, const std::function<void()> &before, zelo::daemon::Daemon &d) {
-    uint64_t exchanges = 0;
-    Io total;
-    for (int i = 0; i < cycles; ++i) {
-        before();
-        const uint64_t e0 = gExchanges;
-        const Io a = io();
-        collect(gCollect.empty() || gCollect == gPhase);
-        d.cycle();
-        collect(false);
-        const Io b = io();
-        exchanges += gExchanges - e0;
-        total.wchar += b.wchar - a.wchar;
-        total.syscr += b.syscr - a.syscr;
-        total.syscw += b.syscw - a.syscw;
+// The summary file's identity: a rewrite replaces it with a new inode.
+ino_t inodeOf(const std::string &path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+} // namespace
+
+// Counts each sync, the host store's apart, and goes on to the kernel.
+extern "C" int fsync(int fd) {
+    char link[64], target[512];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    const ssize_t n = ::readlink(link, target, sizeof target - 1);
+    target[n > 0 ? n : 0] = '\0';
+    ++(std::strstr(target, "/var/lib/zelo/kiv/") != nullptr ? gStoreSyncs : gFileSyncs);
+    return static_cast<int>(::syscall(SYS_fsync, fd));
+}
+
+namespace {
+
+// The host store, as the daemon uses it on a development machine.
+template <class F>
+F *hostStore(const char *name) {
+    static_assert(sizeof(F *) == sizeof(void *));
+    static void *const library = ::dlopen(ZELO_HOST_STORE, RTLD_NOW | RTLD_LOCAL);
+    void *symbol = library != nullptr ? ::dlsym(library, name) : nullptr;
+    if (symbol == nullptr) {
+        std::fprintf(stderr, "no host store: %s\n", name);
+        std::exit(1);
     }
-    return {double(exchanges) / cycles, double(total.wchar) / cycles,
-            double(total.syscr + total.syscw) / cycles};
+    F *f = nullptr;
+    std::memcpy(&f, &symbol, sizeof f);
+    return f;
 }
 
 } // namespace
@@ -112,33 +140,33 @@ int GetAllSensorInfoByType(uint32_t *, uint32_t, const uint8_t *, uint8_t *) {
 }
 int kiv_config_get_bool(const char *key, uint8_t *value) {
     const PlatformCall call;
-    const auto it = gStore.find(key);
-    return it == gStore.end() ? 0 : (*value = static_cast<uint8_t>(it->second), 1);
+    static auto *f = hostStore<int(const char *, uint8_t *)>("kiv_config_get_bool");
+    return f(key, value);
 }
 int kiv_config_get_int(const char *key, int *value) {
     const PlatformCall call;
-    const auto it = gStore.find(key);
-    return it == gStore.end() ? 0 : (*value = static_cast<int>(it->second), 1);
+    static auto *f = hostStore<int(const char *, int *)>("kiv_config_get_int");
+    return f(key, value);
 }
-int kiv_config_set_bool(const char *key, uint8_t value, int) {
+int kiv_config_set_bool(const char *key, uint8_t value, int flag) {
     const PlatformCall call;
-    gStore[key] = value;
-    return 1;
+    static auto *f = hostStore<int(const char *, uint8_t, int)>("kiv_config_set_bool");
+    return f(key, value, flag);
 }
-int kiv_config_set_int(const char *key, int value, int) {
+int kiv_config_set_int(const char *key, int value, int flag) {
     const PlatformCall call;
-    gStore[key] = value;
-    return 1;
+    static auto *f = hostStore<int(const char *, int, int)>("kiv_config_set_int");
+    return f(key, value, flag);
 }
-int kiv_config_set_int64(const char *key, int64_t value, int) {
+int kiv_config_set_int64(const char *key, int64_t value, int flag) {
     const PlatformCall call;
-    gStore[key] = value;
-    return 1;
+    static auto *f = hostStore<int(const char *, int64_t, int)>("kiv_config_set_int64");
+    return f(key, value, flag);
 }
 int kiv_config_clear(const char *key) {
     const PlatformCall call;
-    gStore.erase(key);
-    return 1;
+    static auto *f = hostStore<int(const char *)>("kiv_config_clear");
+    return f(key);
 }
 int sw_msg_dispatcher(uint16_t, void *) {
     return 0;
@@ -152,24 +180,49 @@ int secure_pclose(FILE *) {
 
 } // extern "C"
 
+namespace {
+
+// A full 24-hour ring ending just before `end` (seconds), 150 s apart:
+// the index and 576 little-endian samples, time stamp and six values.
+void writeFullHistory(const std::string &path, uint32_t end, std::array<uint16_t, 6> values) {
+    std::string bytes(2, '\0'); // the next slot: the oldest, the ring being full
+    for (uint32_t i = 0; i < ZELO_HISTORY_SLOTS; ++i) {
+        const uint32_t stamp = end - 150 * (ZELO_HISTORY_SLOTS - i);
+        for (int b = 0; b < 4; ++b)
+            bytes += static_cast<char>(stamp >> (8 * b));
+        for (const uint16_t v : values) {
+            bytes += static_cast<char>(v & 0xFF);
+            bytes += static_cast<char>(v >> 8);
+        }
+    }
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+} // namespace
+
 int main(int argc, char **argv) {
-    int cycles = 20, verbosity = 0;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--cycles") == 0)
-            cycles = std::max(1, std::atoi(argv[i + 1]));
-        else if (std::strcmp(argv[i], "--verbosity") == 0)
-            verbosity = std::atoi(argv[i + 1]);
-        else if (std::strcmp(argv[i], "--collect") == 0)
-            gCollect = argv[i + 1];
+    int cycles = 360, verbosity = 0;
+    bool full = false, dump = false;
+    for (int i = 1; i < argc; ++i) {
+        const bool value = i + 1 < argc;
+        if (std::strcmp(argv[i], "--cycles") == 0 && value)
+            cycles = std::max(1, std::atoi(argv[++i]));
+        else if (std::strcmp(argv[i], "--verbosity") == 0 && value)
+            verbosity = std::atoi(argv[++i]);
+        else if (std::strcmp(argv[i], "--history") == 0 && value)
+            full = std::strcmp(argv[++i], "full") == 0;
+        else if (std::strcmp(argv[i], "--dump") == 0)
+            dump = true;
     }
     char tmpl[] = "/tmp/zelo-bench-XXXXXX";
     if (::mkdtemp(tmpl) == nullptr)
         return 1;
     const std::string root = tmpl;
     ::setenv("ZELO_ROOT", root.c_str(), 1);
+    ::unsetenv("ZELO_KIV_DIR");
     for (const char *dir : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
         std::filesystem::create_directories(root + dir);
-    gStore["ZELO_power_history_log_level"] = verbosity;
+    kiv_config_set_int("ZELO_power_history_log_level", verbosity, 1);
 
     zelo::sim::Scenario scenario;
     std::string error;
@@ -177,40 +230,66 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "%s\n", error.c_str());
         return 1;
     }
-    // Snapshots come when the bench asks; the firmware's clock runs on by the
-    // daemon's ten seconds every cycle, new snapshot or not.
+    // The firmware's own period: a new snapshot every third cycle. Its clock
+    // runs on by the daemon's ten seconds every cycle.
     std::string line;
-    if (!zelo::sim::parseScenario("snapshot-period 86400000\n", "bench", scenario, error))
+    if (!zelo::sim::parseScenario("snapshot-period 30000\n", "bench", scenario, error))
         return 1;
+    constexpr uint64_t kOriginMs = 1'700'000'000'000;
     uint64_t ms = 1'000;
     gFirmware = std::make_unique<zelo::sim::Firmware>(
-        scenario, [&ms] { return ms; }, uint64_t{1'700'000'000'000});
+        scenario, [&ms] { return ms; }, kOriginMs);
+    if (full) {
+        const auto end = static_cast<uint32_t>(kOriginMs / 1000);
+        writeFullHistory(root + "/pstorage/power/PowerHistoryFull", end,
+                         {380, 420, 470, 350, 390, 440});
+        writeFullHistory(root + "/pstorage/power/PowerPerformanceFull", end,
+                         {40, 62, 80, 78, 41, 15});
+    }
 
     // The library's diagnostics go where the daemon's standard output goes.
     if (std::freopen((root + "/stdout").c_str(), "w", stdout) == nullptr)
         return 1;
+    const std::string summaries[] = {root + "/tmp/PowerHistoryLast1Hour",
+                                     root + "/tmp/PowerPerformanceLast1Hour"};
     trackPowerHistory(0, 0, 0);
     trackPowerPerformance(0, 0, 0, 0, 0);
     zelo::daemon::Daemon d;
+    collect(true);
     d.cycle(); // the first snapshot after start
-    gPhase = "new";
-    const PerCycle fresh = measure(
-        cycles,
-        [&] {
-            ms += 10'000;
-            gFirmware->control("snapshot-now", line);
-        },
-        d);
-    gPhase = "idle";
-    const PerCycle idle = measure(
-        cycles, [&] { ms += 10'000; }, d);
+    collect(false);
+    if (dump)
+        CALLGRIND_DUMP_STATS_AT("start");
 
-    // The whole log (120 records), read and released as another service would.
-    for (int i = 1 + cycles; i < 120; ++i) { // one record a new snapshot
+    Totals totals[kKinds];
+    const uint64_t storeSyncs0 = gStoreSyncs, fileSyncs0 = gFileSyncs, exchanges0 = gExchanges;
+    for (int i = 0; i < cycles; ++i) {
         ms += 10'000;
-        gFirmware->control("snapshot-now", line);
+        const uint16_t tag = d.u16LastTag;
+        const ino_t before[] = {inodeOf(summaries[0]), inodeOf(summaries[1])};
+        const uint64_t e0 = gExchanges;
+        const Io a = io();
+        collect(true);
         d.cycle();
+        collect(false);
+        const Io b = io();
+        const bool closing =
+            inodeOf(summaries[0]) != before[0] || inodeOf(summaries[1]) != before[1];
+        const Kind kind = closing ? kClosing : d.u16LastTag != tag ? kNew : kIdle;
+        if (dump)
+            CALLGRIND_DUMP_STATS_AT(kKindNames[kind]);
+        Totals &t = totals[kind];
+        ++t.cycles;
+        t.exchanges += gExchanges - e0;
+        t.wchar += b.wchar - a.wchar;
+        t.syscalls += (b.syscr - a.syscr) + (b.syscw - a.syscw);
     }
+    const double hours = cycles * 10.0 / 3600;
+    const double exchangesHour = double(gExchanges - exchanges0) / hours;
+    const double storeSyncsHour = double(gStoreSyncs - storeSyncs0) / hours;
+    const double fileSyncsHour = double(gFileSyncs - fileSyncs0) / hours;
+
+    // The whole log (up to 120 records), read and released as another service would.
     const uint64_t e0 = gExchanges;
     SnapshotBuffer *buffers = nullptr;
     BladeInletSensorBuffer *inlets = nullptr;
@@ -224,14 +303,19 @@ int main(int argc, char **argv) {
     const double lockMs = std::chrono::duration<double, std::milli>(t1 - t0).count();
 
     std::fflush(stdout);
-    std::fprintf(
-        stderr,
-        "cycle-bench verbosity=%d cycles=%d new: exchanges=%.1f bytes=%.0f io-syscalls=%.1f "
-        "idle: exchanges=%.1f bytes=%.0f io-syscalls=%.1f log: records=%u exchanges=%llu "
-        "lock-ms=%.2f\n",
-        verbosity, cycles, fresh.exchanges, fresh.bytes, fresh.syscalls, idle.exchanges, idle.bytes,
-        idle.syscalls, static_cast<unsigned>(count), static_cast<unsigned long long>(logExchanges),
-        lockMs);
+    std::fprintf(stderr, "cycle-bench verbosity=%d history=%s cycles=%d", verbosity,
+                 full ? "full" : "empty", cycles);
+    for (int k = 0; k < kKinds; ++k) {
+        const Totals &t = totals[k];
+        std::fprintf(stderr, " %s: cycles=%u exchanges=%.1f bytes=%.0f io-syscalls=%.1f",
+                     kKindNames[k], t.cycles, t.per(t.exchanges), t.per(t.wchar),
+                     t.per(t.syscalls));
+    }
+    std::fprintf(stderr,
+                 " hour: exchanges=%.0f store-fsyncs=%.0f file-fsyncs=%.0f log: records=%u "
+                 "exchanges=%llu lock-ms=%.2f\n",
+                 exchangesHour, storeSyncsHour, fileSyncsHour, static_cast<unsigned>(count),
+                 static_cast<unsigned long long>(logExchanges), lockMs);
     std::error_code ec;
     std::filesystem::remove_all(root, ec);
     return 0;
