@@ -240,9 +240,15 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
         }
         encode<P>(record, image + 2 + r * kSampleBytes);
     }
-    const bool whole = std::fwrite(image, 1, sizeof image, out) == sizeof image;
-    if (!whole)
-        traceLine(0, name, "Error", P::kTexts.fileWriteError, path, errno);
+    // A short write is told as the part it cut: the header, or the first
+    // record not written whole.
+    const std::size_t written = std::fwrite(image, 1, sizeof image, out);
+    const bool whole = written == sizeof image;
+    if (written < 2)
+        traceLine(0, name, "Error", P::kTexts.fileHeaderError, path, errno);
+    else if (!whole)
+        traceLine(0, name, "Error", P::kTexts.fileRecordError,
+                  static_cast<int>((written - 2) / kSampleBytes), path, errno);
     if (anyUnknown)
         for (std::size_t m = 0; m < P::kMaxima.size(); ++m)
             if (outputs[m] != nullptr)

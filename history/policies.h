@@ -59,7 +59,8 @@ struct Texts {
     const char *initialising;
     const char *fileIndex;       // next index, start index
     const char *fileRecord;      // six values, time stamp, index, count, path
-    const char *fileWriteError;  // path, error
+    const char *fileHeaderError; // path, error
+    const char *fileRecordError; // record, path, error
     const char *readHeaderError; // path, error
     const char *readDataError;   // path, error
     const char *fromScratch;     // path
@@ -127,7 +128,8 @@ struct PowerPolicy {
         .fileRecord =
             "minAC=%i, avgAC=%i, maxAC=%i, minDC=%i, avgDC=%i, maxDC=%i, tstamp=%i, idx=%i, "
             "numsamplesforavg=%i fname=%s",
-        .fileWriteError = "Writing power history data for file '%s', error code=%i",
+        .fileHeaderError = "Writing power history data header for file '%s', error code=%i",
+        .fileRecordError = "Writing power history data sample %i for file '%s', error code=%i",
         .readHeaderError = "Reading power history data header for file '%s', error code=%i",
         .readDataError = "Reading power history data for file '%s', error code=%i",
         .fromScratch = "Could not open power history file '%s', starting from scratch",
@@ -193,7 +195,8 @@ struct PerformancePolicy {
         .fileIndex = "nextPerformanceSampleIndex=%i, idx=%i",
         .fileRecord = "min=%i, avg=%i, max=%i, cpu=%i, mem=%i, io=%i, tstamp=%i, idx=%i, "
                       "numsamplesforavg=%i fname=%s",
-        .fileWriteError = "Writing power performance data for file '%s', error code=%i",
+        .fileHeaderError = "Writing power performance data header for file '%s', error code=%i",
+        .fileRecordError = "Writing power performance data sample %i for file '%s', error code=%i",
         .readHeaderError = "Reading power performance data header for file '%s', error code=%i",
         .readDataError = "Reading power performance data for file '%s', error code=%i",
         .fromScratch = "Could not open power performance file '%s', starting from scratch",
