@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -321,6 +322,38 @@ ReplacedFile::ReplacedFile(const char *path, const Options &options) : options_(
     }
     if (options.unbuffered)
         std::setvbuf(file_, nullptr, _IONBF, 0);
+}
+
+void ReplacedFile::removeLeftovers(const char *path, const Options &options) {
+    char resolved[PATH_MAX];
+    const char *name = nullptr;
+    const int dir = options.rooted && resolvePath(path, resolved, sizeof resolved)
+                        ? openParent(resolved, options.sticky, &name)
+                        : -1;
+    const int copy = dir >= 0 ? ::dup(dir) : -1; // the stream takes its own descriptor
+    DIR *entries = copy >= 0 ? ::fdopendir(copy) : nullptr;
+    if (entries == nullptr && copy >= 0)
+        ::close(copy);
+    const std::size_t length = name != nullptr ? std::strlen(name) : 0;
+    while (entries != nullptr) {
+        const struct dirent *entry = ::readdir(entries);
+        if (entry == nullptr)
+            break;
+        // The names the constructor draws: ".tmp", or ".tmp" and 8 hex digits.
+        const char *rest = entry->d_name + length;
+        const bool temporary =
+            std::strncmp(entry->d_name, name, length) == 0 && std::strncmp(rest, ".tmp", 4) == 0 &&
+            (rest[4] == '\0' ||
+             (std::strlen(rest + 4) == 8 && std::strspn(rest + 4, "0123456789abcdef") == 8));
+        struct stat st {};
+        if (temporary && ::fstatat(dir, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode) && st.st_uid == ::geteuid())
+            (void)::unlinkat(dir, entry->d_name, 0);
+    }
+    if (entries != nullptr)
+        ::closedir(entries);
+    if (dir >= 0)
+        ::close(dir);
 }
 
 ReplacedFile::~ReplacedFile() {

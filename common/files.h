@@ -76,6 +76,10 @@ class ReplacedFile {
     ReplacedFile(const ReplacedFile &) = delete;
     ReplacedFile &operator=(const ReplacedFile &) = delete;
 
+    // Removes what interrupted replacements of `path` left behind: files of
+    // its temporary names, regular and the caller's own, nothing else.
+    static void removeLeftovers(const char *path, const Options &options);
+
     FILE *stream() const { return file_; }
     // Flushes, syncs and closes the temporary file and renames it over the
     // final one; false (errno set) leaves the previous file in place.

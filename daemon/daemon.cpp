@@ -188,6 +188,21 @@ void Daemon::snapshotRead(bool read) {
     snapshotFailing = !read;
 }
 
+void Daemon::recordWritten(int error) {
+    // A directory that is not the daemon's is told by checkDirectories.
+    if (error == EPERM || (error != 0) == recordsFailing)
+        return;
+    recordsFailing = error != 0;
+    char message[160];
+    if (error != 0)
+        std::snprintf(message, sizeof message, "Metric records cannot be written in %s: %s",
+                      ml::kLogDir, std::strerror(error));
+    else
+        std::snprintf(message, sizeof message, "Metric records are written in %s again",
+                      ml::kLogDir);
+    alert(message);
+}
+
 void Daemon::seedFirstSnapshot() {
     while (!terminating()) {
         WaitValueLock();
@@ -290,7 +305,7 @@ void Daemon::cycle() {
         } else if (psBuffer->u16Tag != u16LastTag) {
             newData = true;
             perf = acquisition::readCyclePerformance(true);
-            ml::createDataLog(psBuffer, sHistogramData, blade, &*perf);
+            recordWritten(ml::createDataLog(psBuffer, sHistogramData, blade, &*perf));
             CheckBufForSendSWEvent(psBuffer);
             events::checkPowercapSettings(blade);
             u16LastTag = psBuffer->u16Tag;

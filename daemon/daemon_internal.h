@@ -36,12 +36,16 @@ struct Daemon {
     std::array<bool, kOwnDirs.size()> refused{}; // told once, and again when usable
     uint16_t u16LastTag = 0;
     bool snapshotFailing = false;
+    bool recordsFailing = false;
     PerformanceData sPerformanceData{};
     acquisition::Layout layout; // from the first read until the firmware restarts
 
     // A snapshot that cannot be read is told once when it starts and once
     // when it ends, not every cycle.
     void snapshotRead(bool read);
+    // The same for records that cannot be written (a full file system, say),
+    // `error` 0 when one was.
+    void recordWritten(int error);
     // Makes a directory removed while the daemon runs again, and tells a
     // refused one once, and when it is usable again.
     void checkDirectories();

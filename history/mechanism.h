@@ -387,6 +387,10 @@ void track(Tracker<P> &h, uint64_t stamp, const typename P::Reading &reading) {
     const uint64_t t = stamp / P::kTicksPerSecond;
     if (h.initialising != 0) {
         traceLine(1, P::kNames.track, "Info", "%s", P::kTexts.initialising);
+        // What a run killed while replacing its files left behind.
+        ReplacedFile::removeLeftovers(P::kFiles.full, historyFile(true));
+        for (const char *summary : P::kFiles.summaries)
+            ReplacedFile::removeLeftovers(summary, historyFile(false));
         // The stored u32 is a signed time stamp.
         if (load(h) != 0)
             h.endtime = static_cast<uint64_t>(

@@ -26,8 +26,9 @@ void setBaseline(const SnapshotBuffer &snapshot, HistogramData &histogram);
 // CreateDataLog for a blade (`blade`) or not: the daemon asks the platform
 // family once for its whole cycle, and the utilisation figures (`perf`) once
 // for the record and the history; null: asked here, as CreateDataLog does.
-void createDataLog(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade,
-                   const acquisition::CyclePerformance *perf);
+// 0 when the record was put in place, else why not (an errno value).
+int createDataLog(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade,
+                  const acquisition::CyclePerformance *perf);
 
 // The next record goes to file 0 and no file is counted.
 void restartFileNumbering();

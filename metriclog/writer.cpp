@@ -127,17 +127,17 @@ size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s3
 }
 
 void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
-    createDataLog(psBuffer, sHistogramData, IsBladeServer() != 0, nullptr);
+    (void)createDataLog(psBuffer, sHistogramData, IsBladeServer() != 0, nullptr);
 }
 
 } // extern "C"
 
-void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHistogramData,
-                                    bool blade, const acquisition::CyclePerformance *perf) {
+int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHistogramData,
+                                   bool blade, const acquisition::CyclePerformance *perf) {
     if (psBuffer == nullptr) {
         trace("ERROR", "Empty input buffer.");
         releaseHistogram(sHistogramData);
-        return;
+        return EINVAL;
     }
     SnapshotBuffer &s = *psBuffer;
     char name[32];
@@ -151,10 +151,11 @@ void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHi
     zelo::ReplacedFile record(name, {});
     FILE *file = logPath(name, path, sizeof path) ? record.stream() : nullptr;
     if (file == nullptr) {
+        const int error = errno;
         std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
         releaseHistogram(sHistogramData);
-        return;
+        return error != 0 ? error : EIO;
     }
 
     calculateSnapshotValue(&s, sHistogramData, blade);
@@ -181,14 +182,16 @@ void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHi
         putPerformance(file, perf);
     // A record not written whole is not counted: the counters keep naming
     // the previous newest, and its slot is tried again next time.
+    int error = 0;
     if (record.commit()) {
         if (u8LogFileNum < kLogFileCount)
             writeCounter(kNumFile, ++u8LogFileNum);
         writeCounter(kLastFile, u8LogFileIndex);
         u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
     } else {
+        error = errno != 0 ? errno : EIO;
         std::snprintf(message, sizeof message, "Can't write file: %.900s (%s)", path,
-                      std::strerror(errno));
+                      std::strerror(error));
         trace("ERROR", message);
     }
 
@@ -221,4 +224,5 @@ void zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHi
 
     trackPowerHistory(s.u64Timestamp, acRecord != nullptr ? acRecord->u64Avg : 0,
                       dcRecord != nullptr ? dcRecord->u64Avg : 0);
+    return error;
 }

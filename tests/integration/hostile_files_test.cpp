@@ -169,8 +169,9 @@ TEST_F(DaemonTest, FifosAreNotWaitedOn) {
         << read.out;
 }
 
-// A full metric log file system: the record is reported, not counted, and
-// leaves no empty file; once there is room again the log goes on.
+// A full metric log file system: the record is reported (in the journal
+// once), not counted, and leaves no empty file; once there is room again the
+// log goes on, and the journal says so.
 TEST_F(DaemonTest, AFullMetricLogIsReportedAndCountsNoRecord) {
     const std::string dir = root.path() + "/tmp/zelo_log";
     fs::create_directories(dir);
@@ -192,16 +193,24 @@ TEST_F(DaemonTest, AFullMetricLogIsReportedAndCountsNoRecord) {
     std::ofstream(dir + "/filler", std::ios::binary) << std::string(64 * 1024, 'f'); // fills it
     control("snapshot-now");
     ASSERT_TRUE(zelo.awaitTrace("Can't write file: " + logFile(1))) << zelo.trace();
+    const std::string full =
+        "zelo: Metric records cannot be written in /tmp/zelo_log/: No space left on device\n";
+    EXPECT_TRUE(zelo.awaitJournal(full)) << zelo.journal();
+    control("snapshot-now");
+    ASSERT_TRUE(zelo.awaitTrace("Can't write file: " + logFile(1), 2)) << zelo.trace();
     EXPECT_FALSE(fs::exists(logFile(1)));
     EXPECT_EQ(readFile(dir + "/zelo_num.log"), std::string(1, '\x01'));
     EXPECT_EQ(readFile(dir + "/zelo_last.log"), std::string(1, '\x00'));
 
     fs::remove(dir + "/filler");
     control("snapshot-now");
-    ASSERT_TRUE(zelo.awaitTrace(tagLine(4, 4), 2)) << zelo.trace();
+    ASSERT_TRUE(zelo.awaitTrace(tagLine(5, 5), 2)) << zelo.trace();
     ASSERT_TRUE(fs::exists(logFile(1))) << zelo.trace();
     EXPECT_GT(fs::file_size(logFile(1)), 0u);
     EXPECT_EQ(readFile(dir + "/zelo_num.log"), std::string(1, '\x02'));
+    EXPECT_EQ(occurrences(zelo.journal(), full), 1) << "told once";
+    EXPECT_TRUE(zelo.awaitJournal("zelo: Metric records are written in /tmp/zelo_log/ again\n"))
+        << zelo.journal();
     EXPECT_EQ(zelo.terminate(), 15);
 }
 

@@ -228,6 +228,28 @@ TEST_F(HistoryFilesTest, SlotsStampedBeforeZeroByAStepBackLoadEmpty) {
         << out;
 }
 
+// A run killed while replacing its files leaves temporary files behind; the
+// next start removes those of its own names and nothing else.
+TEST_F(HistoryFilesTest, TheFirstSampleRemovesLeftTemporaryFiles) {
+    const std::vector<std::string> leftovers = {
+        "/tmp/PowerHistoryLast1Hour.tmp", "/tmp/PowerPerformanceLast24Hours.tmp0123abcd",
+        "/pstorage/power/PowerHistoryFull.tmp", "/pstorage/power/PowerPerformanceFull.tmpffffffff"};
+    const std::vector<std::string> kept = {
+        "/tmp/PowerHistoryLast1Hour.tmpx", "/tmp/PowerHistoryLast6Hours.tmp0123ABCD",
+        "/tmp/other.tmp", "/pstorage/power/PowerPerformanceFull.tmp/entry"};
+    for (const auto &file : leftovers)
+        files::writeFile(root + file, {1});
+    std::filesystem::create_directory(root + "/pstorage/power/PowerPerformanceFull.tmp");
+    for (const auto &file : kept)
+        files::writeFile(root + file, {1});
+    trackPowerHistory(0, 0, 0);
+    trackPowerPerformance(0, 0, 0, 0, 0);
+    for (const auto &file : leftovers)
+        EXPECT_FALSE(std::filesystem::exists(root + file)) << file;
+    for (const auto &file : kept)
+        EXPECT_TRUE(std::filesystem::exists(root + file)) << file;
+}
+
 TEST_F(HistoryFilesTest, LoadCreatesTheMissingDirectoryForTheGroupOnly) {
     std::filesystem::remove_all(root + "/pstorage/power");
     EXPECT_EQ(loadPowerHistory(), 0);
