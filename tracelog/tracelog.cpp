@@ -13,7 +13,10 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <iterator>
+#include <string_view>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 namespace zelo::trace {
@@ -28,18 +31,24 @@ namespace {
 // when it was removed. Its size is taken from the file at every line: other
 // processes linking the library write the same two files.
 struct OpenLog {
-    FILE *file = nullptr;
+    int fd = -1;
     char path[PATH_MAX] = "";
 };
-thread_local OpenLog gLog; // per thread, as each caller's own stream
+thread_local OpenLog gLog; // per thread, as each caller's own descriptor
 
 void closeLog() {
-    if (gLog.file != nullptr)
-        std::fclose(gLog.file);
+    if (gLog.fd >= 0)
+        ::close(gLog.fd);
     gLog = OpenLog{};
 }
 
 bool currentLogPath(char *out, std::size_t cap) {
+    // The two names written at every line, formatted once.
+    static constexpr const char *kFiles[] = {"/tmp/zelo_trace/zelo_trace_log_0.txt",
+                                             "/tmp/zelo_trace/zelo_trace_log_1.txt"};
+    static_assert(std::string_view(kTraceDir) == "/tmp/zelo_trace/");
+    if (u32TraceLogIndex < 2)
+        return resolvePath(kFiles[u32TraceLogIndex], out, cap);
     char path[256];
     std::snprintf(path, sizeof path, "%szelo_trace_log_%u.txt", kTraceDir,
                   static_cast<unsigned>(u32TraceLogIndex));
@@ -48,9 +57,13 @@ bool currentLogPath(char *out, std::size_t cap) {
 
 // The trace file, appended to or emptied, only inside the daemon's own trace
 // directory and never through a link or a FIFO planted there.
+int openTraceFile(const char *path, bool truncate) {
+    return openOwnFile(path, O_RDWR | O_APPEND | (truncate ? O_TRUNC : 0), 0666);
+}
+
 FILE *openTrace(const char *path, bool truncate) {
-    const int fd = openOwnFile(path, O_RDWR | (truncate ? O_TRUNC : O_APPEND), 0666);
-    FILE *file = fd >= 0 ? ::fdopen(fd, truncate ? "w+" : "a+") : nullptr;
+    const int fd = openTraceFile(path, truncate);
+    FILE *file = fd >= 0 ? ::fdopen(fd, "a+") : nullptr;
     if (file == nullptr && fd >= 0)
         ::close(fd);
     return file;
@@ -112,12 +125,12 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
     // A file removed under the open stream (an administrator clearing the
     // trace) would swallow every later line: the name is opened again.
     struct stat st {};
-    if (gLog.file != nullptr && (std::strcmp(gLog.path, path) != 0 ||
-                                 ::fstat(::fileno(gLog.file), &st) != 0 || st.st_nlink == 0))
+    if (gLog.fd >= 0 &&
+        (std::strcmp(gLog.path, path) != 0 || ::fstat(gLog.fd, &st) != 0 || st.st_nlink == 0))
         closeLog();
-    if (gLog.file == nullptr) {
-        gLog.file = openTrace(path, false);
-        if (gLog.file == nullptr || ::fstat(::fileno(gLog.file), &st) != 0) {
+    if (gLog.fd < 0) {
+        gLog.fd = openTraceFile(path, false);
+        if (gLog.fd < 0 || ::fstat(gLog.fd, &st) != 0) {
             closeLog();
             return 0;
         }
@@ -126,13 +139,14 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
     if (st.st_size > static_cast<off_t>(kRotateAboveBytes)) {
         closeLog();
         u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
-        if (!currentLogPath(path, sizeof path) || (gLog.file = openTrace(path, true)) == nullptr)
+        if (!currentLogPath(path, sizeof path) || (gLog.fd = openTraceFile(path, true)) < 0)
             return 0;
         std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
     }
 
-    // STAMP [LEVEL] "FUNCTION": MESSAGE, or STAMP [LEVEL] Empty msg: put
-    // together piece by piece, with no format to parse for every line.
+    // STAMP [LEVEL] "FUNCTION": MESSAGE, or STAMP [LEVEL] Empty msg: one
+    // write of the pieces, with no format to parse and no copy, so that the
+    // line is whole in the file at once, whoever else appends to it.
     const bool whole = pszFunction != nullptr && pszMessage != nullptr;
     const char *pieces[] = {stamp,
                             " [",
@@ -142,10 +156,10 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
                             whole ? "\": " : "",
                             whole ? pszMessage : "",
                             whole ? "\n" : ""};
-    for (const char *piece : pieces)
-        std::fwrite(piece, 1, std::strlen(piece), gLog.file);
-    // Readers see every line at once, as when the file was closed after each.
-    return std::fflush(gLog.file);
+    struct iovec line[std::size(pieces)];
+    for (std::size_t i = 0; i < std::size(pieces); ++i)
+        line[i] = {const_cast<char *>(pieces[i]), std::strlen(pieces[i])};
+    return ::writev(gLog.fd, line, static_cast<int>(std::size(pieces))) < 0 ? EOF : 0;
 }
 
 int WriteToPowerHistoryLog(int32_t s32Level, const char *pszFunction, const char *pszLevel,

@@ -4,11 +4,15 @@
 #include "fake_platform.h"
 
 #include "history/history_internal.h"
+#include "history/support.h"
 #include "tracelog/state.h"
 
 #include <zelo/history.h>
 #include <zelo/telemetry.h>
 
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
 #include <filesystem>
 
 namespace zelo::test {
@@ -50,6 +54,32 @@ Values values(const PowerHistorySample &s) {
 }
 Values values(const PowerPerformanceSample &s) {
     return {s.min, s.avg, s.max, s.cpu, s.mem, s.io};
+}
+
+// The histories' own formatter writes what vsnprintf writes, cut where it
+// cuts, and leaves every other conversion to it.
+TEST(HistoryFormat, PlainTextsAsTheGeneralFormatterWritesThem) {
+    const auto both = [](std::size_t cap, const char *format, ...) {
+        va_list args, again;
+        va_start(args, format);
+        va_copy(again, args);
+        std::vector<char> plain(cap, 'x'), general(cap, 'x');
+        const bool handled = history::formatPlain(plain.data(), cap, format, args);
+        if (handled)
+            std::vsnprintf(general.data(), cap, format, again);
+        va_end(again);
+        va_end(args);
+        return std::make_pair(handled, handled ? std::string(plain.data()) == general.data()
+                                               : plain[0] == '\0');
+    };
+    EXPECT_EQ(both(64, "min=%i, avg=%d, max=%u %s%%", INT_MIN, -7, UINT_MAX, "fname"),
+              std::make_pair(true, true));
+    EXPECT_EQ(both(64, "%s and %s", static_cast<const char *>(nullptr), ""),
+              std::make_pair(true, true));
+    EXPECT_EQ(both(12, "tstamp=%i, idx=%i", 1800000000, 575), std::make_pair(true, true));
+    EXPECT_EQ(both(4, "%s", "longer"), std::make_pair(true, true));
+    for (const char *other : {"%llu", "%5i", "%x", "%i and %lu", "trailing %"})
+        EXPECT_EQ(both(64, other, 1), std::make_pair(false, true)) << other;
 }
 
 TEST_F(HistoryTrackerTest, TheStartUpCallWritesTheSummaries) {
