@@ -11,6 +11,7 @@
 //   zelo_cycle_bench [--cycles N] [--verbosity 0|1|2] [--history empty|full] [--dump]
 #include "daemon/daemon_internal.h"
 #include "model.h"
+#include "report.h"
 #include "scenario.h"
 
 #include <zelo.h>
@@ -220,6 +221,7 @@ int main(int argc, char **argv) {
     const std::string root = tmpl;
     ::setenv("ZELO_ROOT", root.c_str(), 1);
     ::unsetenv("ZELO_KIV_DIR");
+    zelo::setConsole(false); // as the daemon runs without -d
     for (const char *dir : {"/tmp/zelo_log", "/tmp/zelo_trace", "/pstorage/power"})
         std::filesystem::create_directories(root + dir);
     kiv_config_set_int("ZELO_power_history_log_level", verbosity, 1);

@@ -2,19 +2,98 @@
 
 #include "hooks.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
 namespace zelo {
 
+namespace {
+bool gConsole = true;
+}
+
+bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
+    std::size_t n = 0;
+    const auto put = [&](const char *text, std::size_t length) {
+        const std::size_t room = cap - 1 - n;
+        std::memcpy(out + n, text, length < room ? length : room);
+        n += length < room ? length : room;
+    };
+    for (const char *p = format;;) {
+        const char *percent = std::strchr(p, '%');
+        put(p, percent != nullptr ? static_cast<std::size_t>(percent - p) : std::strlen(p));
+        if (percent == nullptr)
+            break;
+        char number[16];
+        std::to_chars_result r{number, {}};
+        switch (percent[1]) {
+        case 's': {
+            const char *text = va_arg(args, const char *);
+            text = text != nullptr ? text : "(null)";
+            put(text, std::strlen(text));
+            break;
+        }
+        case '%':
+            put("%", 1);
+            break;
+        case 'u':
+            r = std::to_chars(number, number + sizeof number, va_arg(args, unsigned));
+            put(number, static_cast<std::size_t>(r.ptr - number));
+            break;
+        case 'i':
+        case 'd':
+            r = std::to_chars(number, number + sizeof number, va_arg(args, int));
+            put(number, static_cast<std::size_t>(r.ptr - number));
+            break;
+        default:
+            out[0] = '\0';
+            return false; // what was taken of args is the caller's copy
+        }
+        p = percent + 2;
+    }
+    out[n] = '\0';
+    return true;
+}
+
+void formatText(char *out, std::size_t cap, const char *format, va_list args) {
+    va_list again;
+    va_copy(again, args);
+    if (!formatPlain(out, cap, format, args))
+        std::vsnprintf(out, cap, format, again);
+    va_end(again);
+}
+
+void formatText(char *out, std::size_t cap, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    formatText(out, cap, format, args);
+    va_end(args);
+}
+
+void setConsole(bool on) {
+    gConsole = on;
+}
+
+void print(const char *format, ...) {
+    if (!gConsole)
+        return;
+    va_list args;
+    va_start(args, format);
+    std::vprintf(format, args);
+    va_end(args);
+}
+
 void report(Notice notice, const char *format, ...) {
+    const bool toConsole = (notice.sinks & kToStdout) != 0 && gConsole;
+    if (!toConsole && (notice.sinks & kToSyslog) == 0)
+        return;
     char message[256];
     va_list args;
     va_start(args, format);
     std::vsnprintf(message, sizeof message, format, args);
     va_end(args);
-    if (notice.sinks & kToStdout) {
+    if (toConsole) {
         std::fputs(message, stdout);
         // Every report is a line on the console, also the few texts without a line feed.
         const std::size_t len = std::strlen(message);

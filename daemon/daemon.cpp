@@ -8,6 +8,7 @@
 #include "files.h"
 #include "metriclog/cycle.h"
 #include "paths.h"
+#include "report.h"
 
 #include <zelo.h>
 #include <zelo/events.h>
@@ -288,9 +289,11 @@ void Daemon::cycle() {
         ml::releaseHistogram(sHistogramData);
     } else {
         snapshotRead(true);
-        std::snprintf(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
-                      "main", psBuffer->u16Tag, u16LastTag);
-        WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+        if (trace::verbosity() >= 1) { // formatted only for a trace that keeps it
+            formatText(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
+                       "main", psBuffer->u16Tag, u16LastTag);
+            WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+        }
         if (firmwareRestarted(*psBuffer, ml::baseline(), u16LastTag)) {
             // This snapshot is the new baseline; nothing is published for it.
             trace("Log", "Reset the ZELO.");
@@ -320,7 +323,7 @@ void Daemon::cycle() {
         perf = acquisition::readCyclePerformance(false);
     if (perf->currentRc == ZELO_RC_SUCCESS) {
         sPerformanceData = perf->data;
-        std::snprintf(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
+        formatText(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
         WriteToPowerHistoryLog(0, "main", "Log", msgBuf);
         trackPowerPerformance(sPerformanceData.u64PerfTimestamp, sPerformanceData.u64SystemPerf,
                               sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
@@ -361,6 +364,7 @@ int runDaemon(bool debug) {
     // The library reports every exchange on standard output, some 125 lines a
     // cycle: under systemd a flood of the journal. Only -d asks for them.
     if (!debug) {
+        zelo::setConsole(false); // the library's lines are then not even formatted
         const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         if (null >= 0) {
             std::fflush(stdout);

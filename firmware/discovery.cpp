@@ -38,7 +38,7 @@ SupportCache gCache;
 using Key = char[32];
 
 void formatKey(Key &key, const char *format, int32_t instance) {
-    std::snprintf(key, sizeof key, format, instance);
+    formatText(key, sizeof key, format, instance);
 }
 
 long uptimeSeconds() {

@@ -6,7 +6,6 @@
 #include "files.h"
 
 #include <climits>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -17,11 +16,6 @@ namespace zelo::history {
 // verbosity drops are not formatted at all.
 void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...)
     __attribute__((format(printf, 4, 5)));
-
-// vsnprintf for texts whose conversions are all %i, %d, %u, %s or %%; false
-// for any other, with `out` emptied and `args` partly taken (traceLine then
-// calls vsnprintf with a copy).
-bool formatPlain(char *out, std::size_t cap, const char *format, va_list args);
 
 inline void putLe16(uint8_t *at, uint16_t value) {
     putLe(at, value, 2);

@@ -3,6 +3,7 @@
 #include "files.h"
 #include "hooks.h"
 #include "paths.h"
+#include "report.h"
 #include "state.h"
 
 #include <zelo/metriclog.h>
@@ -234,7 +235,8 @@ LockWait takeLock(unsigned boundSeconds) {
         const int fd = zelo::openOwnFile(path, O_RDWR | O_EXCL);
         if (fd >= 0) {
             char pid[16];
-            const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
+            zelo::formatText(pid, sizeof pid, "%d\n", static_cast<int>(::getpid()));
+            const auto n = static_cast<ssize_t>(std::strlen(pid));
             // A lock that names no pid is still the lock; waiters break it
             // only once it is old, so a failed write costs nothing but that.
             if (::write(fd, pid, static_cast<std::size_t>(n)) != n)

@@ -5,6 +5,7 @@
 #include "bytes.h"
 #include "files.h"
 #include "inlet_internal.h"
+#include "report.h"
 #include "state.h"
 
 #include <zelo/firmware.h>
@@ -22,6 +23,7 @@
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
+#include <vector>
 
 namespace zelo::metriclog {
 
@@ -34,42 +36,57 @@ void trace(const char *level, const char *message) {
     WriteToLog("CreateDataLog", level, message);
 }
 
-// Little-endian, field by field: the file never depends on the host's layout.
-std::size_t putLE(FILE *file, uint64_t value, int width) {
-    uint8_t bytes[8];
-    putLe(bytes, value, static_cast<std::size_t>(width));
-    return std::fwrite(bytes, 1, static_cast<std::size_t>(width), file);
-}
+// A record built in memory, little-endian, field by field: the file never
+// depends on the host's layout, and it is written with one call.
+class Encoder {
+  public:
+    Encoder() { bytes_.reserve(512); }
+    void le(uint64_t value, std::size_t width) {
+        uint8_t at[8];
+        putLe(at, value, width);
+        bytes_.insert(bytes_.end(), at, at + width);
+    }
+    void stat(const MetricStat &s) {
+        le(s.u64Avg, 8);
+        le(s.u64Max, 8);
+        le(s.u64Min, 8);
+    }
+    // A presence byte, then the record when there is one.
+    void optional(const MetricStat *s) {
+        le(s != nullptr ? 1 : 0, 1);
+        if (s != nullptr)
+            stat(*s);
+    }
+    // A count byte and that many records (none when the array is missing).
+    void array(uint8_t count, const MetricStat *stats) {
+        le(count, 1);
+        for (uint8_t i = 0; stats != nullptr && i < count; ++i)
+            stat(stats[i]);
+    }
+    void raw(const char *text, std::size_t n) { bytes_.insert(bytes_.end(), text, text + n); }
+    bool writeTo(FILE *file) const {
+        return std::fwrite(bytes_.data(), 1, bytes_.size(), file) == bytes_.size();
+    }
 
-std::size_t putStat(FILE *file, const MetricStat &stat) {
-    putLE(file, stat.u64Avg, 8);
-    putLE(file, stat.u64Max, 8);
-    return putLE(file, stat.u64Min, 8);
-}
+  private:
+    std::vector<uint8_t> bytes_;
+};
 
-// A count byte and that many records (none when the array is missing).
-void putArray(FILE *file, uint8_t count, const MetricStat *stats) {
-    putLE(file, count, 1);
-    if (stats != nullptr)
-        for (uint8_t i = 0; i < count; ++i)
-            putStat(file, stats[i]);
-}
-
-void putInletReadings(FILE *file) {
+void putInletReadings(Encoder &out) {
     const BladeInletSensorBuffer &list = sBladeInletSensorBuffer;
-    putLE(file, list.u8SensorNum, 1);
+    out.le(list.u8SensorNum, 1);
     const InletSensorTemperature *node = list.psSensor;
     for (unsigned i = 0; i < list.u8SensorNum && node != nullptr; ++i, node = node->psNext) {
-        putLE(file, node->u32SensorIndex, 4);
-        std::fwrite(node->szTemperature, 1, sizeof node->szTemperature, file);
+        out.le(node->u32SensorIndex, 4);
+        out.raw(node->szTemperature, sizeof node->szTemperature);
     }
 }
 
 // The figures the cycle read (`cycle`), or read now as the exported writer does.
-void putPerformance(FILE *file, const zelo::acquisition::CyclePerformance *cycle) {
+void putPerformance(Encoder &out, const zelo::acquisition::CyclePerformance *cycle) {
     MetricStat perf[4] = {};
     if (cycle != nullptr ? !cycle->extremes : (ReadPerformanceDataFromXPM(perf) & 0xFF) != 0) {
-        std::printf("%s - fails to read performance data from xpm", "CreateDataLog");
+        zelo::print("%s - fails to read performance data from xpm", "CreateDataLog");
         return;
     }
     if (cycle != nullptr)
@@ -81,13 +98,13 @@ void putPerformance(FILE *file, const zelo::acquisition::CyclePerformance *cycle
         {"IOPerf.Avg: %lld\n", "IOPerf.Max: %lld\n", "IOPerf.Min : %lld\n"},
     };
     for (int i = 0; i < 4; ++i) {
-        std::printf(kLines[i][0], static_cast<long long>(perf[i].u64Avg));
-        std::printf(kLines[i][1], static_cast<long long>(perf[i].u64Max));
-        std::printf(kLines[i][2], static_cast<long long>(perf[i].u64Min));
+        zelo::print(kLines[i][0], static_cast<long long>(perf[i].u64Avg));
+        zelo::print(kLines[i][1], static_cast<long long>(perf[i].u64Max));
+        zelo::print(kLines[i][2], static_cast<long long>(perf[i].u64Min));
     }
     for (const MetricStat &stat : perf)
-        WriteZeroIfNullOrValueZero(file, &stat, 0);
-    std::printf("Write perf datas into /tmp/zelo_*.log \n");
+        out.optional(&stat);
+    zelo::print("Write perf datas into /tmp/zelo_*.log \n");
 }
 
 // Publishes one record's three figures; an absent record publishes zeros.
@@ -122,8 +139,14 @@ size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s3
     if (psFile == nullptr)
         return 0;
     const bool present = psStat != nullptr && !(s32Mode == 1 && psStat->u64Avg == 0);
-    const std::size_t written = putLE(psFile, present ? 1 : 0, 1);
-    return present ? putStat(psFile, *psStat) : written;
+    uint8_t bytes[1 + kStatBytes] = {present ? uint8_t{1} : uint8_t{0}};
+    if (!present)
+        return std::fwrite(bytes, 1, 1, psFile);
+    zelo::putLe(bytes + 1, psStat->u64Avg, 8);
+    zelo::putLe(bytes + 9, psStat->u64Max, 8);
+    zelo::putLe(bytes + 17, psStat->u64Min, 8);
+    // The count of the last field's bytes, as fwrite of each field returned.
+    return std::fwrite(bytes, 1, sizeof bytes, psFile) == sizeof bytes ? 8 : 0;
 }
 
 void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
@@ -141,8 +164,8 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
     }
     SnapshotBuffer &s = *psBuffer;
     char name[32];
-    std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir,
-                  static_cast<unsigned>(u8LogFileIndex));
+    zelo::formatText(name, sizeof name, "%szelo_%u.log", kLogDir,
+                     static_cast<unsigned>(u8LogFileIndex));
     char path[PATH_MAX];
     char message[1024];
     // Written whole under a temporary name, then put in place: a full disk
@@ -160,30 +183,31 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
 
     calculateSnapshotValue(&s, sHistogramData, blade);
 
-    putArray(file, s.u8PowerSupplyACNum, s.psPowerSupplyAC);
-    putArray(file, s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
+    Encoder out;
+    out.array(s.u8PowerSupplyACNum, s.psPowerSupplyAC);
+    out.array(s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
     for (const MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
                                      s.psCoolingPower, s.psEffectiveCPU})
-        WriteZeroIfNullOrValueZero(file, single, 0);
-    putLE(file, s.u8InletTemperature, 1);
-    putLE(file, s.u8OutletTemperature, 1);
-    putLE(file, s.u64Timestamp, 8);
-    putLE(file, s.u8PowerStatus, 1);
+        out.optional(single);
+    out.le(s.u8InletTemperature, 1);
+    out.le(s.u8OutletTemperature, 1);
+    out.le(s.u64Timestamp, 8);
+    out.le(s.u8PowerStatus, 1);
 
     if (gatherInletReadings(blade) == 1) {
         trace("ERROR", " -- Failed to get inlet temperature!");
-        putLE(file, 0, 1);
+        out.le(0, 1);
     } else {
-        std::printf("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
+        zelo::print("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
                     sBladeInletSensorBuffer.u8SensorNum);
-        putInletReadings(file);
+        putInletReadings(out);
     }
     if ((perf != nullptr ? perf->supported : NM_Performance_IsSupported()) == 1)
-        putPerformance(file, perf);
+        putPerformance(out, perf);
     // A record not written whole is not counted: the counters keep naming
     // the previous newest, and its slot is tried again next time.
     int error = 0;
-    if (record.commit()) {
+    if (out.writeTo(file) && record.commit()) {
         if (u8LogFileNum < kLogFileCount)
             writeCounter(kNumFile, ++u8LogFileNum);
         writeCounter(kLastFile, u8LogFileIndex);

@@ -4,7 +4,7 @@
 #include "fake_platform.h"
 
 #include "history/history_internal.h"
-#include "history/support.h"
+#include "report.h"
 #include "tracelog/state.h"
 
 #include <zelo/history.h>
@@ -56,7 +56,7 @@ Values values(const PowerPerformanceSample &s) {
     return {s.min, s.avg, s.max, s.cpu, s.mem, s.io};
 }
 
-// The histories' own formatter writes what vsnprintf writes, cut where it
+// The library's own formatter writes what vsnprintf writes, cut where it
 // cuts, and leaves every other conversion to it.
 TEST(HistoryFormat, PlainTextsAsTheGeneralFormatterWritesThem) {
     const auto both = [](std::size_t cap, const char *format, ...) {
@@ -64,7 +64,7 @@ TEST(HistoryFormat, PlainTextsAsTheGeneralFormatterWritesThem) {
         va_start(args, format);
         va_copy(again, args);
         std::vector<char> plain(cap, 'x'), general(cap, 'x');
-        const bool handled = history::formatPlain(plain.data(), cap, format, args);
+        const bool handled = zelo::formatPlain(plain.data(), cap, format, args);
         if (handled)
             std::vsnprintf(general.data(), cap, format, again);
         va_end(again);
