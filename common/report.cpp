@@ -2,16 +2,29 @@
 
 #include "hooks.h"
 
-#include <charconv>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 namespace zelo {
 
 namespace {
+
 bool gConsole = true;
+
+// The decimal digits of `value`, written backwards to end at `end`; the
+// first of them. (std::to_chars would export a table of the standard library
+// from the shared library.)
+char *decimal(char *end, uint64_t value) {
+    do {
+        *--end = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    return end;
 }
+
+} // namespace
 
 bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
     std::size_t n = 0;
@@ -26,7 +39,7 @@ bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
         if (percent == nullptr)
             break;
         char number[16];
-        std::to_chars_result r{number, {}};
+        char *const end = number + sizeof number;
         switch (percent[1]) {
         case 's': {
             const char *text = va_arg(args, const char *);
@@ -37,15 +50,22 @@ bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
         case '%':
             put("%", 1);
             break;
-        case 'u':
-            r = std::to_chars(number, number + sizeof number, va_arg(args, unsigned));
-            put(number, static_cast<std::size_t>(r.ptr - number));
+        case 'u': {
+            const char *digits = decimal(end, va_arg(args, unsigned));
+            put(digits, static_cast<std::size_t>(end - digits));
             break;
+        }
         case 'i':
-        case 'd':
-            r = std::to_chars(number, number + sizeof number, va_arg(args, int));
-            put(number, static_cast<std::size_t>(r.ptr - number));
+        case 'd': {
+            const int value = va_arg(args, int);
+            // The magnitude in 64 bits: INT_MIN has none in int.
+            char *digits = decimal(end, value < 0 ? 0 - static_cast<uint64_t>(int64_t{value})
+                                                  : static_cast<uint64_t>(value));
+            if (value < 0)
+                *--digits = '-';
+            put(digits, static_cast<std::size_t>(end - digits));
             break;
+        }
         default:
             out[0] = '\0';
             return false; // what was taken of args is the caller's copy
