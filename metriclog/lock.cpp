@@ -39,6 +39,9 @@ constexpr int kLockPollSeconds = 10;
 // Longer than any holder keeps the lock: the daemon's cycle with every
 // firmware request timing out, or a reader going through the whole log.
 constexpr std::time_t kStaleLockSeconds = 300;
+// Far longer than a waiting daemon takes to wake and take the lock, far
+// shorter than a reader's own read.
+constexpr int kReaderYieldMilliseconds = 20;
 // How often a long wait says who it waits for.
 constexpr int64_t kWaitTraceSeconds = 60;
 
@@ -200,14 +203,15 @@ class Release {
         return false;
     }
 
-    // Up to `seconds`, less when anything leaves the directory.
-    void wait(int seconds) {
+    // Up to `seconds`, less when anything leaves the directory; true then.
+    bool wait(int seconds) {
         struct pollfd watch = {fd_, POLLIN, 0};
-        if (zelo::hooks().poll(fd_ >= 0 ? &watch : nullptr, fd_ >= 0 ? 1 : 0, seconds * 1000) > 0) {
-            alignas(struct inotify_event) char events[4096];
-            while (::read(fd_, events, sizeof events) > 0) {
-            }
+        if (zelo::hooks().poll(fd_ >= 0 ? &watch : nullptr, fd_ >= 0 ? 1 : 0, seconds * 1000) <= 0)
+            return false;
+        alignas(struct inotify_event) char events[4096];
+        while (::read(fd_, events, sizeof events) > 0) {
         }
+        return true;
     }
 
   private:
@@ -222,7 +226,7 @@ void abandonLockWaitWhen(bool (*abandon)()) {
     gAbandonLockWait = abandon;
 }
 
-LockWait takeLock(unsigned boundSeconds) {
+LockWait takeLock(unsigned boundSeconds, bool yield) {
     char path[PATH_MAX];
     if (!logPath(kLockFile, path, sizeof path)) {
         WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
@@ -268,7 +272,11 @@ LockWait takeLock(unsigned boundSeconds) {
                       owner);
         }
         const int64_t left = boundSeconds != 0 ? boundSeconds - waited : kLockPollSeconds;
-        release.wait(static_cast<int>(std::min<int64_t>(left, kLockPollSeconds)));
+        // A reader woken by a release lets a waiting daemon, woken by the
+        // same release, take the lock first: readers in a loop would
+        // otherwise keep it from its cycle.
+        if (release.wait(static_cast<int>(std::min<int64_t>(left, kLockPollSeconds))) && yield)
+            (void)zelo::hooks().poll(nullptr, 0, kReaderYieldMilliseconds);
         if (gAbandonLockWait != nullptr && gAbandonLockWait())
             return LockWait::Abandoned;
     }

@@ -56,13 +56,14 @@ enum class LockWait {
 // How long a reader of the library's own (not the written ones) waits for
 // the lock: beyond a slow daemon cycle, short for a person.
 inline constexpr unsigned kReaderLockSeconds = 30;
-// WaitValueLock, which gives up after `boundSeconds` (0: never).
-LockWait takeLock(unsigned boundSeconds);
+// WaitValueLock, which gives up after `boundSeconds` (0: never). With
+// `yield`, a reader lets the daemon go first after a release.
+LockWait takeLock(unsigned boundSeconds, bool yield = false);
 
 // The lock as a reader holds it: released when this ends, only when taken.
 class ReaderLock {
   public:
-    explicit ReaderLock(unsigned boundSeconds) : wait_(takeLock(boundSeconds)) {}
+    explicit ReaderLock(unsigned boundSeconds) : wait_(takeLock(boundSeconds, true)) {}
     ~ReaderLock() {
         if (wait_ == LockWait::Taken)
             UnlockValue();
