@@ -142,8 +142,10 @@ Stale removeNotAFile(const char *path, const struct stat &seen) {
 
 // Removes a lock whose holder is gone, or one that names none and is older
 // than any holder keeps it. Only the file inspected is removed, not one a
-// faster waiter has put in its place since. *owner is the pid it names.
-Stale removeStaleLock(const char *path, pid_t *owner) {
+// faster waiter has put in its place since. *owner is the pid it names;
+// *unnamed the lock when it is old and names none, which is stale only when
+// it was so before the caller last waited (`before`).
+Stale removeStaleLock(const char *path, pid_t *owner, ino_t before, ino_t *unnamed) {
     *owner = 0;
     struct stat seen {};
     if (::lstat(path, &seen) != 0)
@@ -155,8 +157,13 @@ Stale removeStaleLock(const char *path, pid_t *owner) {
         return errno == ENOENT || errno == ELOOP ? Stale::Removed : Stale::Held;
     *owner = ownerOf(fd);
     ::close(fd);
-    const bool stale = *owner != 0 ? holderGone(*owner, seen.st_mtime)
-                                   : std::time(nullptr) - seen.st_mtime > kStaleLockSeconds;
+    // A lock naming no one may be one caught between its creation and its
+    // pid: old by its time stamp, it is stale only if it still names no one
+    // after a wait (a clock stepped forward makes any file look old).
+    const bool old = std::time(nullptr) - seen.st_mtime > kStaleLockSeconds;
+    const bool stale =
+        *owner != 0 ? holderGone(*owner, seen.st_mtime) : old && before == seen.st_ino;
+    *unnamed = *owner == 0 && old ? seen.st_ino : 0;
     struct stat now {};
     if (!stale || ::lstat(path, &now) != 0 || now.st_dev != seen.st_dev ||
         now.st_ino != seen.st_ino || zelo::removeOwnFile(path) != 0)
@@ -233,6 +240,7 @@ LockWait takeLock(unsigned boundSeconds, bool yield) {
         return LockWait::Unavailable;
     }
     Release release(path);
+    ino_t unnamed = 0, unnamedBeforeWait = 0; // an old lock that named no one
     int64_t since = -1, traced = 0;
     for (;;) {
         // Test and create in one step: of two processes only one can create it.
@@ -253,7 +261,7 @@ LockWait takeLock(unsigned boundSeconds, bool yield) {
             return LockWait::Unavailable;
         }
         pid_t owner = 0;
-        const Stale stale = removeStaleLock(path, &owner);
+        const Stale stale = removeStaleLock(path, &owner, unnamedBeforeWait, &unnamed);
         if (stale == Stale::Stuck)
             return LockWait::NotAFile;
         if (stale == Stale::Removed || !release.armed())
@@ -277,6 +285,7 @@ LockWait takeLock(unsigned boundSeconds, bool yield) {
         // otherwise keep it from its cycle.
         if (release.wait(static_cast<int>(std::min<int64_t>(left, kLockPollSeconds))) && yield)
             (void)zelo::hooks().poll(nullptr, 0, kReaderYieldMilliseconds);
+        unnamedBeforeWait = unnamed;
         if (gAbandonLockWait != nullptr && gAbandonLockWait())
             return LockWait::Abandoned;
     }
