@@ -67,69 +67,51 @@ uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
 
 using zelo::acquisition::Layout;
 
-// Each layout answer from `layout` when it has it, else from the firmware
-// (and kept once answered).
-uint8_t histogramConfiguration(Layout &layout, uint8_t handle, Layout::Histogram &h) {
-    if (!layout.histogram) {
-        Layout::Histogram read{};
-        const uint8_t rc = ZELO_ReadPowerHistogramConfiguration(
-            handle, &read.base, &read.second, &read.inner, &read.width, &read.size, &read.sixth);
+// A layout answer from `kept` when it holds one, else asked of the firmware
+// (`ask` fills it) and kept once answered.
+template <typename T, typename Ask>
+uint8_t keptOrAsked(std::optional<T> &kept, T &out, Ask ask) {
+    if (!kept) {
+        T read{};
+        const uint8_t rc = ask(read);
         if (rc != ZELO_RC_SUCCESS)
             return rc;
-        layout.histogram = read;
+        kept = read;
     }
-    h = *layout.histogram;
+    out = *kept;
     return ZELO_RC_SUCCESS;
+}
+
+uint8_t histogramConfiguration(Layout &layout, uint8_t handle, Layout::Histogram &h) {
+    return keptOrAsked(layout.histogram, h, [handle](Layout::Histogram &r) {
+        return ZELO_ReadPowerHistogramConfiguration(handle, &r.base, &r.second, &r.inner, &r.width,
+                                                    &r.size, &r.sixth);
+    });
 }
 
 uint8_t capabilities(Layout &layout, uint8_t handle, uint8_t &value) {
-    if (!layout.capabilities) {
-        uint8_t read = 0;
-        const uint8_t rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &read);
-        if (rc != ZELO_RC_SUCCESS)
-            return rc;
-        layout.capabilities = read;
-    }
-    value = *layout.capabilities;
-    return ZELO_RC_SUCCESS;
+    return keptOrAsked(layout.capabilities, value, [handle](uint8_t &r) {
+        return ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &r);
+    });
 }
 
 uint8_t extendedCapabilities(Layout &layout, uint8_t handle, uint32_t &value) {
-    if (!layout.extended) {
-        uint32_t read = 0;
-        const uint8_t rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &read);
-        if (rc != ZELO_RC_SUCCESS)
-            return rc;
-        layout.extended = read;
-    }
-    value = *layout.extended;
-    return ZELO_RC_SUCCESS;
+    return keptOrAsked(layout.extended, value, [handle](uint32_t &r) {
+        return ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &r);
+    });
 }
 
 uint8_t inputPowerConfiguration(Layout &layout, uint8_t handle, std::array<uint8_t, 8> &b) {
-    if (!layout.inputPower) {
-        std::array<uint8_t, 8> read{};
-        const uint8_t rc = ZELO_ReadInputPowerBufferConfiguration(
-            handle, &read[0], &read[1], &read[2], &read[3], &read[4], &read[5], &read[6], &read[7]);
-        if (rc != ZELO_RC_SUCCESS)
-            return rc;
-        layout.inputPower = read;
-    }
-    b = *layout.inputPower;
-    return ZELO_RC_SUCCESS;
+    return keptOrAsked(layout.inputPower, b, [handle](std::array<uint8_t, 8> &r) {
+        return ZELO_ReadInputPowerBufferConfiguration(handle, &r[0], &r[1], &r[2], &r[3], &r[4],
+                                                      &r[5], &r[6], &r[7]);
+    });
 }
 
 uint8_t snapshotConfiguration(Layout &layout, uint8_t handle, Layout::Snapshot &c) {
-    if (!layout.snapshot) {
-        Layout::Snapshot read{};
-        const uint8_t rc =
-            ZELO_ReadSnapshotBufferConfiguration(handle, &read.chunk, &read.second, &read.total);
-        if (rc != ZELO_RC_SUCCESS)
-            return rc;
-        layout.snapshot = read;
-    }
-    c = *layout.snapshot;
-    return ZELO_RC_SUCCESS;
+    return keptOrAsked(layout.snapshot, c, [handle](Layout::Snapshot &r) {
+        return ZELO_ReadSnapshotBufferConfiguration(handle, &r.chunk, &r.second, &r.total);
+    });
 }
 
 // Result of a block parse: a result code, or the layout not fitting.
