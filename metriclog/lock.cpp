@@ -66,9 +66,28 @@ pid_t ownerOf(int fd) {
     return whole && pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
-// The number after `key` in a /proc text; 0 when it is not there.
-uint64_t procNumber(const char *path, const char *key, unsigned skipFields) {
-    char text[2048];
+// The boot time in seconds since the epoch, from /proc/stat's btime line,
+// read line by line: the interrupt counts before it run to kilobytes on a
+// machine with many of them. 0 when unknown.
+uint64_t bootTime() {
+    FILE *stat = std::fopen("/proc/stat", "re");
+    if (stat == nullptr)
+        return 0;
+    char *line = nullptr;
+    std::size_t cap = 0;
+    uint64_t boot = 0;
+    while (boot == 0 && ::getline(&line, &cap, stat) > 0)
+        if (std::strncmp(line, "btime ", 6) == 0)
+            boot = std::strtoull(line + 6, nullptr, 10);
+    std::free(line);
+    std::fclose(stat);
+    return boot;
+}
+
+// When process `pid` started, in seconds since the epoch; 0 when unknown.
+std::time_t startOf(pid_t pid) {
+    char path[32], text[1024];
+    std::snprintf(path, sizeof path, "/proc/%ld/stat", static_cast<long>(pid));
     const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     const ssize_t n = fd >= 0 ? ::read(fd, text, sizeof text - 1) : -1;
     if (fd >= 0)
@@ -76,25 +95,15 @@ uint64_t procNumber(const char *path, const char *key, unsigned skipFields) {
     if (n <= 0)
         return 0;
     text[n] = '\0';
-    const char *at = std::strstr(text, key);
-    if (at == nullptr)
-        return 0;
-    at += std::strlen(key);
-    for (unsigned field = 0; field < skipFields && at != nullptr; ++field)
+    // After the command's last closing parenthesis (the command may hold
+    // one): the state is field 3, the start time (ticks since boot) field 22.
+    const char *at = std::strrchr(text, ')');
+    for (unsigned field = 2; field < 22 && at != nullptr; ++field)
         at = std::strchr(at + 1, ' ');
-    return at != nullptr ? std::strtoull(at, nullptr, 10) : 0;
-}
-
-// When process `pid` started, in seconds since the epoch; 0 when unknown.
-std::time_t startOf(pid_t pid) {
-    char path[32];
-    std::snprintf(path, sizeof path, "/proc/%ld/stat", static_cast<long>(pid));
-    // After the command's closing parenthesis: the state is field 3, the
-    // start time (ticks since boot) field 22.
-    const uint64_t ticks = procNumber(path, ") ", 19);
-    const uint64_t boot = procNumber("/proc/stat", "\nbtime ", 0);
+    const uint64_t ticks = at != nullptr ? std::strtoull(at, nullptr, 10) : 0;
+    const uint64_t boot = ticks != 0 ? bootTime() : 0;
     const long hertz = ::sysconf(_SC_CLK_TCK);
-    if (ticks == 0 || boot == 0 || hertz <= 0)
+    if (boot == 0 || hertz <= 0)
         return 0;
     return static_cast<std::time_t>(boot + ticks / static_cast<uint64_t>(hertz));
 }
