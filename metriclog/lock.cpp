@@ -39,9 +39,6 @@ constexpr int kLockPollSeconds = 10;
 // Longer than any holder keeps the lock: the daemon's cycle with every
 // firmware request timing out, or a reader going through the whole log.
 constexpr std::time_t kStaleLockSeconds = 300;
-// Far longer than a waiting daemon takes to wake and take the lock, far
-// shorter than a reader's own read.
-constexpr int kReaderYieldMilliseconds = 20;
 // How often a long wait says who it waits for.
 constexpr int64_t kWaitTraceSeconds = 60;
 
@@ -219,21 +216,63 @@ class Release {
         return false;
     }
 
-    // Up to `seconds`, less when anything leaves the directory; true then.
-    bool wait(int seconds) {
+    // Up to `seconds`, less when anything leaves the directory.
+    void wait(int seconds) {
         struct pollfd watch = {fd_, POLLIN, 0};
         if (zelo::hooks().poll(fd_ >= 0 ? &watch : nullptr, fd_ >= 0 ? 1 : 0, seconds * 1000) <= 0)
-            return false;
+            return;
         alignas(struct inotify_event) char events[4096];
         while (::read(fd_, events, sizeof events) > 0) {
         }
-        return true;
     }
 
   private:
     const char *path_;
     int fd_ = -1;
     bool tried_ = false;
+};
+
+// A writer waiting for the lock names itself in a file beside it; readers
+// leave the lock to it while that process lives, so a loop of readers cannot
+// keep the daemon from its cycle.
+class Wanted {
+  public:
+    explicit Wanted(const char *lockPath) {
+        std::snprintf(path_, sizeof path_, "%s.wanted", lockPath);
+    }
+    ~Wanted() {
+        if (posted_)
+            (void)zelo::removeOwnFile(path_);
+    }
+    Wanted(const Wanted &) = delete;
+    Wanted &operator=(const Wanted &) = delete;
+
+    void post() {
+        if (posted_)
+            return;
+        const int fd = zelo::openOwnFile(path_, O_RDWR | O_CREAT | O_TRUNC);
+        if (fd < 0)
+            return;
+        char pid[16];
+        zelo::formatText(pid, sizeof pid, "%d\n", static_cast<int>(::getpid()));
+        posted_ = ::write(fd, pid, std::strlen(pid)) > 0;
+        ::close(fd);
+    }
+
+    // The live process, other than this one, that waits to write; 0 when none.
+    pid_t writer() const {
+        struct stat seen {};
+        const int fd = ::open(path_, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0)
+            return 0;
+        const pid_t owner = ::fstat(fd, &seen) == 0 && S_ISREG(seen.st_mode) ? ownerOf(fd) : 0;
+        ::close(fd);
+        return owner != 0 && owner != ::getpid() && !holderGone(owner, seen.st_mtime) ? owner : 0;
+    }
+
+  private:
+    char path_[PATH_MAX + 8];
+    bool posted_ = false;
 };
 
 } // namespace
@@ -249,31 +288,38 @@ LockWait takeLock(unsigned boundSeconds, bool yield) {
         return LockWait::Unavailable;
     }
     Release release(path);
+    Wanted wanted(path);
     ino_t unnamed = 0, unnamedBeforeWait = 0; // an old lock that named no one
     int64_t since = -1, traced = 0;
     for (;;) {
-        // Test and create in one step: of two processes only one can create it.
-        const int fd = zelo::openOwnFile(path, O_RDWR | O_EXCL);
-        if (fd >= 0) {
-            char pid[16];
-            zelo::formatText(pid, sizeof pid, "%d\n", static_cast<int>(::getpid()));
-            const auto n = static_cast<ssize_t>(std::strlen(pid));
-            // A lock that names no pid is still the lock; waiters break it
-            // only once it is old, so a failed write costs nothing but that.
-            if (::write(fd, pid, static_cast<std::size_t>(n)) != n)
-                WriteToLog("WaitValueLock", "ERROR", "Can't write the pid into the lock file");
-            ::close(fd);
-            return LockWait::Taken;
+        pid_t owner = yield ? wanted.writer() : 0;
+        if (owner == 0) {
+            // Test and create in one step: of two processes only one can create it.
+            const int fd = zelo::openOwnFile(path, O_RDWR | O_EXCL);
+            if (fd >= 0) {
+                char pid[16];
+                zelo::formatText(pid, sizeof pid, "%d\n", static_cast<int>(::getpid()));
+                const auto n = static_cast<ssize_t>(std::strlen(pid));
+                // A lock that names no pid is still the lock; waiters break it
+                // only once it is old, so a failed write costs nothing but that.
+                if (::write(fd, pid, static_cast<std::size_t>(n)) != n)
+                    WriteToLog("WaitValueLock", "ERROR", "Can't write the pid into the lock file");
+                ::close(fd);
+                return LockWait::Taken;
+            }
+            if (errno != EEXIST) {
+                WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
+                return LockWait::Unavailable;
+            }
+            const Stale stale = removeStaleLock(path, &owner, unnamedBeforeWait, &unnamed);
+            if (stale == Stale::Stuck)
+                return LockWait::NotAFile;
+            if (stale == Stale::Removed)
+                continue;
+            if (!yield)
+                wanted.post();
         }
-        if (errno != EEXIST) {
-            WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
-            return LockWait::Unavailable;
-        }
-        pid_t owner = 0;
-        const Stale stale = removeStaleLock(path, &owner, unnamedBeforeWait, &unnamed);
-        if (stale == Stale::Stuck)
-            return LockWait::NotAFile;
-        if (stale == Stale::Removed || !release.armed())
+        if (!release.armed())
             continue;
         const int64_t now = zelo::hooks().monotonicSeconds();
         since = since < 0 ? now : since;
@@ -289,11 +335,7 @@ LockWait takeLock(unsigned boundSeconds, bool yield) {
                       owner);
         }
         const int64_t left = boundSeconds != 0 ? boundSeconds - waited : kLockPollSeconds;
-        // A reader woken by a release lets a waiting daemon, woken by the
-        // same release, take the lock first: readers in a loop would
-        // otherwise keep it from its cycle.
-        if (release.wait(static_cast<int>(std::min<int64_t>(left, kLockPollSeconds))) && yield)
-            (void)zelo::hooks().poll(nullptr, 0, kReaderYieldMilliseconds);
+        release.wait(static_cast<int>(std::min<int64_t>(left, kLockPollSeconds)));
         unnamedBeforeWait = unnamed;
         if (gAbandonLockWait != nullptr && gAbandonLockWait())
             return LockWait::Abandoned;

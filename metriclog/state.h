@@ -57,7 +57,7 @@ enum class LockWait {
 // the lock: beyond a slow daemon cycle, short for a person.
 inline constexpr unsigned kReaderLockSeconds = 30;
 // WaitValueLock, which gives up after `boundSeconds` (0: never). With
-// `yield`, a reader lets the daemon go first after a release.
+// `yield`, a reader leaves the lock to a writer that waits for it.
 LockWait takeLock(unsigned boundSeconds, bool yield = false);
 
 // The lock as a reader holds it: released when this ends, only when taken.

@@ -109,14 +109,17 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
         {EmptyDir, "", 0, 0, "was not a regular file"},
         {FullDir, "", 0, 0, "renamed to 'zelo.lock."},
     };
-    static std::string lock;
+    static std::string lock, wanted;
     static int pauses;
     lock = root + path;
+    wanted = std::to_string(::getpid()) + "\n";
     // The wait itself is real: the lock goes, and the watch sees it at once.
     static bool release;
     hooks->poll = [](struct pollfd *fds, nfds_t count, int milliseconds) {
         EXPECT_EQ(milliseconds, 10000);
         EXPECT_EQ(count, 1u) << "a watch on the lock's directory";
+        EXPECT_EQ(fileBytes(lock + ".wanted"), Bytes(wanted.begin(), wanted.end()))
+            << "the waiting writer names itself";
         ++pauses;
         if (release)
             std::filesystem::remove(lock);
@@ -151,6 +154,7 @@ TEST_F(MetricLogTest, TheLockIsWaitedForUnlessItsHolderIsGone) {
         }
         EXPECT_EQ(UnlockValue(), 0);
         EXPECT_FALSE(std::filesystem::exists(lock));
+        EXPECT_FALSE(std::filesystem::exists(lock + ".wanted"));
     }
     EXPECT_FALSE(std::filesystem::exists(root + "/elsewhere"));
 }
@@ -167,7 +171,7 @@ TEST_F(MetricLogTest, ALongWaitIsTracedAndAReaderGivesUp) {
     hooks->monotonicSeconds = [] { return clock; };
     hooks->poll = [](struct pollfd *, nfds_t, int milliseconds) {
         clock += milliseconds / 1000;
-        if (++pauses == 13)
+        if (++pauses == 13 || lock.ends_with(".wanted"))
             std::filesystem::remove(lock);
         return 0;
     };
@@ -191,6 +195,29 @@ TEST_F(MetricLogTest, ALongWaitIsTracedAndAReaderGivesUp) {
     EXPECT_EQ(pauses, 3);
     EXPECT_TRUE(traced("given up"));
     EXPECT_TRUE(std::filesystem::exists(lock));
+
+    // A reader leaves a free lock to a live writer that waits for it, until
+    // that writer has had it; a writer that is gone is waited for no more.
+    std::filesystem::remove(lock);
+    const pid_t writer = ::fork();
+    if (writer == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    lock += ".wanted";
+    for (const bool live : {true, false}) {
+        std::ofstream(lock) << writer << "\n";
+        pauses = 0;
+        files::LogRead again;
+        EXPECT_NE(
+            ReadMetricLog(&again.buffers, &again.inlets, &again.perfs, &again.count, &skipped),
+            ZELO_RC_BUSY);
+        EXPECT_EQ(pauses, live ? 1 : 0);
+        EXPECT_FALSE(std::filesystem::exists(root + "/tmp/zelo_log/zelo.lock")) << "released";
+        std::filesystem::remove(lock);
+        ::kill(writer, SIGKILL);
+        ::waitpid(writer, nullptr, 0);
+    }
 }
 
 TEST(CalculateAverage, RoundsHalfAwayFromZeroAndRefusesShrinkingTotals) {
