@@ -74,8 +74,14 @@ struct CyclePerformance {
 };
 
 // Reads the four current values, and with `withExtremes` their maxima and
-// minima for a new record; nothing past the first read without buffers. The
-// current values go to the store as GetPerformanceFromNM puts them there.
+// minima for a new record; nothing past the first read without buffers.
 CyclePerformance readCyclePerformance(bool withExtremes);
+
+// What CreateDataLog reads for its record: the support question, then with
+// buffers the twelve reads of ReadPerformanceDataFromXPM.
+CyclePerformance readRecordPerformance();
+
+// The current values to the store, as GetPerformanceFromNM puts them there.
+void publishPerformance(const CyclePerformance &perf);
 
 } // namespace zelo::acquisition

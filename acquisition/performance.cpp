@@ -248,7 +248,6 @@ zelo::acquisition::CyclePerformance zelo::acquisition::readCyclePerformance(bool
     perf.data.u64PerfTimestamp = timestampOf(current[0]);
     for (int i = 0; i < 4; ++i) {
         *fields[i] = current[i].u8Value <= kMaxUtilisation ? current[i].u8Value : 0;
-        (void)kiv_config_set_int64(kSources[i].storeKey, static_cast<int64_t>(*fields[i]), 0);
         perf.stats[i].u64Avg = current[i].u8Value;
     }
     if (!withExtremes)
@@ -265,4 +264,21 @@ zelo::acquisition::CyclePerformance zelo::acquisition::readCyclePerformance(bool
     }
     perf.extremes = true;
     return perf;
+}
+
+zelo::acquisition::CyclePerformance zelo::acquisition::readRecordPerformance() {
+    CyclePerformance perf;
+    perf.supported = NM_Performance_IsSupported();
+    if (perf.supported == 1)
+        perf.extremes = (ReadPerformanceDataFromXPM(perf.stats) & 0xFF) == 0;
+    return perf;
+}
+
+void zelo::acquisition::publishPerformance(const CyclePerformance &perf) {
+    if (perf.currentRc != ZELO_RC_SUCCESS)
+        return;
+    const uint64_t fields[4] = {perf.data.u64SystemPerf, perf.data.u64CPUPerf,
+                                perf.data.u64MemoryPerf, perf.data.u64IOPerf};
+    for (int i = 0; i < 4; ++i)
+        (void)kiv_config_set_int64(kSources[i].storeKey, static_cast<int64_t>(fields[i]), 0);
 }

@@ -269,6 +269,77 @@ void Daemon::checkDirectories() {
     }
 }
 
+Acquired::~Acquired() {
+    FreeSnapshotBuffer(snapshot);
+    ml::releaseHistogram(histogram);
+    ml::releaseCycleInlets();
+}
+
+void Daemon::acquire(Acquired &now, bool blade) {
+    if (acquisition::fetchSnapshot(&now.snapshot, &now.histogram, blade, layout, u16LastTag) !=
+        ZELO_RC_SUCCESS) {
+        trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
+        snapshotRead(false);
+    } else {
+        snapshotRead(true);
+        if (trace::verbosity() >= 1) { // formatted only for a trace that keeps it
+            formatText(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
+                       "main", now.snapshot->u16Tag, u16LastTag);
+            WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+        }
+        if (firmwareRestarted(*now.snapshot, ml::baseline(), u16LastTag))
+            now.found = Found::Restart;
+        else if (now.snapshot->u16Tag != u16LastTag)
+            now.found = Found::New;
+        else
+            now.found = Found::Unchanged;
+    }
+    now.perf = acquisition::readCyclePerformance(now.found == Found::New);
+    if (now.found == Found::New) {
+        ml::acquireInlets(blade);
+        now.caps = events::readPowercapSettings(blade);
+    }
+}
+
+void Daemon::restartFrom(Acquired &now) {
+    // This snapshot is the new baseline; nothing is published for it.
+    trace("Log", "Reset the ZELO.");
+    journal("The firmware restarted: its snapshot is the new baseline and the metric "
+            "log starts afresh.");
+    ml::setBaseline(*now.snapshot, now.histogram);
+    u16LastTag = now.snapshot->u16Tag;
+    layout.restarted();
+    if (!emptyLogDirectory())
+        trace("Log", "Failed to opendir(ZELO_LOG_PATH).");
+    ml::restartFileNumbering();
+}
+
+void Daemon::compute(Acquired &now, bool blade) {
+    ml::computeIntervals(*now.snapshot, now.histogram, blade);
+}
+
+void Daemon::record(const Acquired &now) {
+    recordWritten(ml::recordSnapshot(*now.snapshot, now.perf));
+}
+
+void Daemon::publish(Acquired &now, bool blade) {
+    if (now.found == Found::New) {
+        ml::publishFigures(*now.snapshot, blade);
+        CheckBufForSendSWEvent(now.snapshot);
+        events::sendPowercapEvents(now.caps);
+        u16LastTag = now.snapshot->u16Tag;
+    }
+    acquisition::publishPerformance(now.perf);
+    if (now.perf.currentRc == ZELO_RC_SUCCESS) {
+        sPerformanceData = now.perf.data;
+        formatText(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
+        WriteToPowerHistoryLog(0, "main", "Log", msgBuf);
+        trackPowerPerformance(sPerformanceData.u64PerfTimestamp, sPerformanceData.u64SystemPerf,
+                              sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
+                              sPerformanceData.u64IOPerf);
+    }
+}
+
 void Daemon::cycle() {
     checkDirectories();
     WaitValueLock();
@@ -277,61 +348,24 @@ void Daemon::cycle() {
     readLogLevel();
     // Asked once for the whole cycle and passed down to each step.
     const bool blade = IsBladeServer() != 0;
-    HistogramData sHistogramData{};
-    bool newData = false;
-    SnapshotBuffer *psBuffer = nullptr;
-    std::optional<acquisition::CyclePerformance> perf; // asked once, for record and history
-    if (acquisition::fetchSnapshot(&psBuffer, &sHistogramData, blade, layout, u16LastTag) !=
-        ZELO_RC_SUCCESS) {
-        trace("ERROR", "Get Snapshot buffer from ZELO is fail.");
-        snapshotRead(false);
-        FreeSnapshotBuffer(psBuffer);
-        ml::releaseHistogram(sHistogramData);
-    } else {
-        snapshotRead(true);
-        if (trace::verbosity() >= 1) { // formatted only for a trace that keeps it
-            formatText(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
-                       "main", psBuffer->u16Tag, u16LastTag);
-            WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+    bool recorded = false;
+    {
+        // The road of one snapshot: each step takes what the ones before it
+        // left in `now`, and asks nothing of an earlier one.
+        Acquired now;
+        acquire(now, blade);
+        if (now.found == Found::Restart)
+            restartFrom(now);
+        if (now.found == Found::New) {
+            compute(now, blade);
+            record(now);
+            recorded = true;
         }
-        if (firmwareRestarted(*psBuffer, ml::baseline(), u16LastTag)) {
-            // This snapshot is the new baseline; nothing is published for it.
-            trace("Log", "Reset the ZELO.");
-            journal("The firmware restarted: its snapshot is the new baseline and the metric "
-                    "log starts afresh.");
-            ml::setBaseline(*psBuffer, sHistogramData);
-            u16LastTag = psBuffer->u16Tag;
-            layout.restarted();
-            if (!emptyLogDirectory())
-                trace("Log", "Failed to opendir(ZELO_LOG_PATH).");
-            ml::restartFileNumbering();
-        } else if (psBuffer->u16Tag != u16LastTag) {
-            newData = true;
-            perf = acquisition::readCyclePerformance(true);
-            recordWritten(ml::createDataLog(psBuffer, sHistogramData, blade, &*perf));
-            CheckBufForSendSWEvent(psBuffer);
-            events::checkPowercapSettings(blade);
-            u16LastTag = psBuffer->u16Tag;
-            ml::releaseCycleInlets();
-        } else {
-            ml::releaseHistogram(sHistogramData);
-        }
-        FreeSnapshotBuffer(psBuffer);
-    }
-
-    if (!perf)
-        perf = acquisition::readCyclePerformance(false);
-    if (perf->currentRc == ZELO_RC_SUCCESS) {
-        sPerformanceData = perf->data;
-        formatText(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
-        WriteToPowerHistoryLog(0, "main", "Log", msgBuf);
-        trackPowerPerformance(sPerformanceData.u64PerfTimestamp, sPerformanceData.u64SystemPerf,
-                              sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
-                              sPerformanceData.u64IOPerf);
+        publish(now, blade);
     }
     unlock();
 
-    if (debug && newData && !terminating()) {
+    if (debug && recorded && !terminating()) {
         SnapshotBuffer *buffers = nullptr;
         BladeInletSensorBuffer *inlets = nullptr;
         PerfMetricSet *perfs = nullptr;

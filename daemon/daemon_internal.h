@@ -2,6 +2,7 @@
 #pragma once
 
 #include "acquisition/cycle.h"
+#include "events/cycle.h"
 #include "metriclog/cycle.h"
 #include "tracelog/verbosity.h"
 
@@ -30,6 +31,20 @@ struct OwnDir {
 inline constexpr std::array<OwnDir, 3> kOwnDirs{
     {{trace::kTraceDir, true}, {metriclog::kLogDir, true}, {"/pstorage/power", false}}};
 
+// What one cycle read, released together at its end.
+enum class Found { Nothing, Restart, Unchanged, New };
+struct Acquired {
+    Found found = Found::Nothing; // Nothing: the snapshot could not be read
+    SnapshotBuffer *snapshot = nullptr;
+    HistogramData histogram{};
+    acquisition::CyclePerformance perf; // with extremes for a new snapshot
+    events::PowercapReadings caps;      // for a new snapshot
+    Acquired() = default;
+    Acquired(const Acquired &) = delete;
+    Acquired &operator=(const Acquired &) = delete;
+    ~Acquired();
+};
+
 // The daemon's own state across cycles.
 struct Daemon {
     bool debug = false;
@@ -52,8 +67,21 @@ struct Daemon {
     void seedFirstSnapshot();
     void firstPerformance();
     // One ten-second cycle under the metric log lock: the snapshot, and the
-    // performance figures.
+    // performance figures, in the steps below, each once and in this order.
     void cycle();
+    // The snapshot, and for a new one the utilisation figures with their
+    // extremes, the inlet readings and the cap settings; the current
+    // utilisation figures always.
+    void acquire(Acquired &now, bool blade);
+    // A restarted firmware's snapshot becomes the baseline, the log starts afresh.
+    void restartFrom(Acquired &now);
+    // A new snapshot's interval figures.
+    void compute(Acquired &now, bool blade);
+    // Its record in the metric log.
+    void record(const Acquired &now);
+    // Its figures to the store and the histories, its events; the current
+    // utilisation figures to the store and the performance history.
+    void publish(Acquired &now, bool blade);
     int saveAndEnd();
 };
 

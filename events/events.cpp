@@ -10,6 +10,7 @@
 #include <zelo/registers.h>
 #include <zelo/tracelog.h>
 
+#include <array>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -108,6 +109,22 @@ void statusBits(uint8_t status) {
     }
 }
 
+// The three limits compared, in the order they are read and told.
+struct Limit {
+    const char *key;
+    uint8_t bit;
+    uint16_t event;
+    uint8_t (*read)(uint8_t, uint16_t *);
+};
+constexpr std::array<Limit, 3> kLimits{{
+    {"pcap_max_kiv_element_zelo", ZELO_PCAP_BIT_MAX, ZELO_EVENT_PCAP_MAX_CHANGED,
+     ZELO_ReadPcapMaxRegister},
+    {"pcap_min_kiv_element_zelo", ZELO_PCAP_BIT_MIN, ZELO_EVENT_PCAP_MIN_CHANGED,
+     ZELO_ReadPcapMinRegister},
+    {"pcap_soft_min_kiv_element_zelo", ZELO_PCAP_BIT_SOFT_MIN, ZELO_EVENT_PCAP_SOFT_MIN_CHANGED,
+     ZELO_ReadPcapSoftMinRegister},
+}};
+
 // Reads one published limit; its bit joins the mask when the key was there.
 void readStoredLimit(const char *key, uint8_t bit, uint8_t &mask, int &value) {
     if (kiv_config_get_int(key, &value) != 0)
@@ -158,58 +175,51 @@ void CheckPowercapRelatedSettingForSendSWEvent(void) {
 } // extern "C"
 
 void zelo::events::checkPowercapSettings(bool blade) {
-    if (firmware::supportsPowerUtilization(blade) == 0)
-        return;
+    sendPowercapEvents(readPowercapSettings(blade));
+}
 
+zelo::events::PowercapReadings zelo::events::readPowercapSettings(bool blade) {
+    PowercapReadings r;
+    if (firmware::supportsPowerUtilization(blade) == 0)
+        return r;
+    r.checked = true;
     // The current cap takes part in no comparison; its read only seeds the
     // mask (the store answers 1, which carries none of the limit bits).
     int current = 0;
-    auto kivMask = static_cast<uint8_t>(kiv_config_get_int("pcap_kiv_element_zelo", &current));
-    int storedMax = 0;
-    int storedMin = 0;
-    int storedSoftMin = 0;
-    readStoredLimit("pcap_max_kiv_element_zelo", ZELO_PCAP_BIT_MAX, kivMask, storedMax);
-    readStoredLimit("pcap_min_kiv_element_zelo", ZELO_PCAP_BIT_MIN, kivMask, storedMin);
-    readStoredLimit("pcap_soft_min_kiv_element_zelo", ZELO_PCAP_BIT_SOFT_MIN, kivMask,
-                    storedSoftMin);
+    r.kivMask = static_cast<uint8_t>(kiv_config_get_int("pcap_kiv_element_zelo", &current));
+    for (std::size_t i = 0; i < kLimits.size(); ++i)
+        readStoredLimit(kLimits[i].key, kLimits[i].bit, r.kivMask, r.stored[i]);
 
-    uint8_t zeloMask = 0;
-    uint16_t max = 0;
-    uint16_t min = 0;
-    uint16_t softMin = 0;
     const uint8_t handle = ZELO_GetModuleHandle(0);
     if (handle == 0) {
         traceFormat(kCheckCaps, "ERROR", "[%s]:Failed to call ZELO_GetModuleHandle().", kCheckCaps);
-    } else {
-        uint8_t settings = 0;
-        if (ZELO_ReadServerPowerSettingsRegister(handle, &settings) == ZELO_RC_SUCCESS) {
-            const uint8_t capping = settings & kCappingSettingsMask;
-            if (capping != 2 && capping != 5) {
-                traceFormat(kCheckCaps, "WARN",
-                            "%s: Pcap can not be read as power capping is not enabled[%d]",
-                            kCheckCaps, capping);
-            } else {
-                uint16_t cap = 0;
-                if (ZELO_ReadPcapRegister(handle, &cap) == ZELO_RC_SUCCESS)
-                    zeloMask |= ZELO_PCAP_BIT_CAP;
-            }
-        }
-        readFirmwareLimit(ZELO_ReadPcapMaxRegister, handle, ZELO_PCAP_BIT_MAX, zeloMask, max);
-        readFirmwareLimit(ZELO_ReadPcapMinRegister, handle, ZELO_PCAP_BIT_MIN, zeloMask, min);
-        readFirmwareLimit(ZELO_ReadPcapSoftMinRegister, handle, ZELO_PCAP_BIT_SOFT_MIN, zeloMask,
-                          softMin);
+        return r;
     }
+    uint8_t settings = 0;
+    if (ZELO_ReadServerPowerSettingsRegister(handle, &settings) == ZELO_RC_SUCCESS) {
+        const uint8_t capping = settings & kCappingSettingsMask;
+        if (capping != 2 && capping != 5) {
+            traceFormat(kCheckCaps, "WARN",
+                        "%s: Pcap can not be read as power capping is not enabled[%d]", kCheckCaps,
+                        capping);
+        } else {
+            uint16_t cap = 0;
+            if (ZELO_ReadPcapRegister(handle, &cap) == ZELO_RC_SUCCESS)
+                r.zeloMask |= ZELO_PCAP_BIT_CAP;
+        }
+    }
+    for (std::size_t i = 0; i < kLimits.size(); ++i)
+        readFirmwareLimit(kLimits[i].read, handle, kLimits[i].bit, r.zeloMask, r.firmware[i]);
+    return r;
+}
 
+void zelo::events::sendPowercapEvents(const PowercapReadings &r) {
+    if (!r.checked)
+        return;
     // Only the low 16 bits of a stored value count: the registers are 16 bits.
-    SendPowerCapsChangedEvent(kivMask, zeloMask, static_cast<uint16_t>(storedMax), max,
-                              ZELO_PCAP_BIT_MAX, ZELO_EVENT_PCAP_MAX_CHANGED,
-                              "pcap_max_kiv_element_zelo");
-    SendPowerCapsChangedEvent(kivMask, zeloMask, static_cast<uint16_t>(storedMin), min,
-                              ZELO_PCAP_BIT_MIN, ZELO_EVENT_PCAP_MIN_CHANGED,
-                              "pcap_min_kiv_element_zelo");
-    SendPowerCapsChangedEvent(kivMask, zeloMask, static_cast<uint16_t>(storedSoftMin), softMin,
-                              ZELO_PCAP_BIT_SOFT_MIN, ZELO_EVENT_PCAP_SOFT_MIN_CHANGED,
-                              "pcap_soft_min_kiv_element_zelo");
+    for (std::size_t i = 0; i < kLimits.size(); ++i)
+        SendPowerCapsChangedEvent(r.kivMask, r.zeloMask, static_cast<uint16_t>(r.stored[i]),
+                                  r.firmware[i], kLimits[i].bit, kLimits[i].event, kLimits[i].key);
 }
 
 extern "C" {

@@ -23,12 +23,24 @@ void resetBaseline();
 // snapshot is differenced against; the previous baseline is released.
 void setBaseline(const SnapshotBuffer &snapshot, HistogramData &histogram);
 
-// CreateDataLog for a blade (`blade`) or not: the daemon asks the platform
-// family once for its whole cycle, and the utilisation figures (`perf`) once
-// for the record and the history; null: asked here, as CreateDataLog does.
-// 0 when the record was put in place, else why not (an errno value).
-int createDataLog(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade,
-                  const acquisition::CyclePerformance *perf);
+// The road of one new snapshot through the metric log, in the cycle's order:
+// acquire, compute, record, publish. CreateDataLog is the four in a row.
+
+// The blade's inlet readings for the cycle's record; none when they cannot
+// be had (traced).
+void acquireInlets(bool blade);
+
+// The interval figures: the snapshot is differenced against the baseline and
+// averaged in place, then becomes the baseline with its histogram.
+void computeIntervals(SnapshotBuffer &snapshot, HistogramData &histogram, bool blade);
+
+// The record of the computed snapshot, with the cycle's inlet readings and
+// utilisation figures, put in the log. 0 when it was put in place, else why
+// not (an errno value): the record is lost, its figures still published.
+int recordSnapshot(const SnapshotBuffer &snapshot, const acquisition::CyclePerformance &perf);
+
+// The computed snapshot's figures to the store and the power history.
+void publishFigures(const SnapshotBuffer &snapshot, bool blade);
 
 // The next record goes to file 0 and no file is counted.
 void restartFileNumbering();

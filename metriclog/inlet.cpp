@@ -2,6 +2,7 @@
 // the readings come from the controller's own temperature sensors instead.
 #include "cycle.h"
 #include "inlet_internal.h"
+#include "report.h"
 
 #include <zelo/firmware.h>
 #include <zelo/metriclog.h>
@@ -93,6 +94,16 @@ const char *inletSensorName(uint32_t index) {
 
 void releaseCycleInlets() {
     FreeBladeInletSensorBuffer(&sBladeInletSensorBuffer);
+}
+
+void acquireInlets(bool blade) {
+    if (gatherInletReadings(blade) == 1) {
+        WriteToLog("CreateDataLog", "ERROR", " -- Failed to get inlet temperature!");
+        releaseCycleInlets(); // the record carries none
+        return;
+    }
+    zelo::print("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
+                sBladeInletSensorBuffer.u8SensorNum);
 }
 
 } // namespace zelo::metriclog

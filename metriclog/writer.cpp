@@ -82,15 +82,12 @@ void putInletReadings(Encoder &out) {
     }
 }
 
-// The figures the cycle read (`cycle`), or read now as the exported writer does.
-void putPerformance(Encoder &out, const zelo::acquisition::CyclePerformance *cycle) {
-    MetricStat perf[4] = {};
-    if (cycle != nullptr ? !cycle->extremes : (ReadPerformanceDataFromXPM(perf) & 0xFF) != 0) {
+// The utilisation figures read for the record, when the firmware has them.
+void putPerformance(Encoder &out, const zelo::acquisition::CyclePerformance &perf) {
+    if (!perf.extremes) {
         zelo::print("%s - fails to read performance data from xpm", "CreateDataLog");
         return;
     }
-    if (cycle != nullptr)
-        std::copy(std::begin(cycle->stats), std::end(cycle->stats), perf);
     static constexpr const char *kLines[4][3] = {
         {"SysPerf.Avg : %lld\n", "SysPerf.Max : %lld\n", "SysPerf.Min : %lld\n"},
         {"CPUPerf.Avg: %lld\n", "CPUPerf.Max: %lld\n", "CPUPerf.Min : %lld\n"},
@@ -98,11 +95,11 @@ void putPerformance(Encoder &out, const zelo::acquisition::CyclePerformance *cyc
         {"IOPerf.Avg: %lld\n", "IOPerf.Max: %lld\n", "IOPerf.Min : %lld\n"},
     };
     for (int i = 0; i < 4; ++i) {
-        zelo::print(kLines[i][0], static_cast<long long>(perf[i].u64Avg));
-        zelo::print(kLines[i][1], static_cast<long long>(perf[i].u64Max));
-        zelo::print(kLines[i][2], static_cast<long long>(perf[i].u64Min));
+        zelo::print(kLines[i][0], static_cast<long long>(perf.stats[i].u64Avg));
+        zelo::print(kLines[i][1], static_cast<long long>(perf.stats[i].u64Max));
+        zelo::print(kLines[i][2], static_cast<long long>(perf.stats[i].u64Min));
     }
-    for (const MetricStat &stat : perf)
+    for (const MetricStat &stat : perf.stats)
         out.optional(&stat);
     zelo::print("Write perf datas into /tmp/zelo_*.log \n");
 }
@@ -150,19 +147,42 @@ size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s3
 }
 
 void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
-    (void)createDataLog(psBuffer, sHistogramData, IsBladeServer() != 0, nullptr);
+    if (psBuffer == nullptr) {
+        trace("ERROR", "Empty input buffer.");
+        releaseHistogram(sHistogramData);
+        return;
+    }
+    const bool blade = IsBladeServer() != 0;
+    acquireInlets(blade);
+    const auto perf = zelo::acquisition::readRecordPerformance();
+    computeIntervals(*psBuffer, sHistogramData, blade);
+    (void)recordSnapshot(*psBuffer, perf);
+    publishFigures(*psBuffer, blade);
+    releaseCycleInlets();
 }
 
 } // extern "C"
 
-int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHistogramData,
-                                   bool blade, const acquisition::CyclePerformance *perf) {
-    if (psBuffer == nullptr) {
-        trace("ERROR", "Empty input buffer.");
-        releaseHistogram(sHistogramData);
-        return EINVAL;
-    }
-    SnapshotBuffer &s = *psBuffer;
+void zelo::metriclog::computeIntervals(SnapshotBuffer &s, HistogramData &histogram, bool blade) {
+    calculateSnapshotValue(&s, histogram, blade);
+}
+
+int zelo::metriclog::recordSnapshot(const SnapshotBuffer &s,
+                                    const acquisition::CyclePerformance &perf) {
+    Encoder out;
+    out.array(s.u8PowerSupplyACNum, s.psPowerSupplyAC);
+    out.array(s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
+    for (const MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
+                                     s.psCoolingPower, s.psEffectiveCPU})
+        out.optional(single);
+    out.le(s.u8InletTemperature, 1);
+    out.le(s.u8OutletTemperature, 1);
+    out.le(s.u64Timestamp, 8);
+    out.le(s.u8PowerStatus, 1);
+    putInletReadings(out);
+    if (perf.supported == 1)
+        putPerformance(out, perf);
+
     char name[32];
     zelo::formatText(name, sizeof name, "%szelo_%u.log", kLogDir,
                      static_cast<unsigned>(u8LogFileIndex));
@@ -174,51 +194,28 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
     zelo::ReplacedFile record(name, {});
     FILE *file = logPath(name, path, sizeof path) ? record.stream() : nullptr;
     if (file == nullptr) {
-        const int error = errno;
+        const int error = errno != 0 ? errno : EIO;
         std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
-        releaseHistogram(sHistogramData);
-        return error != 0 ? error : EIO;
+        return error;
     }
-
-    calculateSnapshotValue(&s, sHistogramData, blade);
-
-    Encoder out;
-    out.array(s.u8PowerSupplyACNum, s.psPowerSupplyAC);
-    out.array(s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
-    for (const MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
-                                     s.psCoolingPower, s.psEffectiveCPU})
-        out.optional(single);
-    out.le(s.u8InletTemperature, 1);
-    out.le(s.u8OutletTemperature, 1);
-    out.le(s.u64Timestamp, 8);
-    out.le(s.u8PowerStatus, 1);
-
-    if (gatherInletReadings(blade) == 1) {
-        trace("ERROR", " -- Failed to get inlet temperature!");
-        out.le(0, 1);
-    } else {
-        zelo::print("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
-                    sBladeInletSensorBuffer.u8SensorNum);
-        putInletReadings(out);
-    }
-    if ((perf != nullptr ? perf->supported : NM_Performance_IsSupported()) == 1)
-        putPerformance(out, perf);
     // A record not written whole is not counted: the counters keep naming
     // the previous newest, and its slot is tried again next time.
-    int error = 0;
-    if (out.writeTo(file) && record.commit()) {
-        if (u8LogFileNum < kLogFileCount)
-            writeCounter(kNumFile, ++u8LogFileNum);
-        writeCounter(kLastFile, u8LogFileIndex);
-        u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
-    } else {
-        error = errno != 0 ? errno : EIO;
+    if (!out.writeTo(file) || !record.commit()) {
+        const int error = errno != 0 ? errno : EIO;
         std::snprintf(message, sizeof message, "Can't write file: %.900s (%s)", path,
                       std::strerror(error));
         trace("ERROR", message);
+        return error;
     }
+    if (u8LogFileNum < kLogFileCount)
+        writeCounter(kNumFile, ++u8LogFileNum);
+    writeCounter(kLastFile, u8LogFileIndex);
+    u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
+    return 0;
+}
 
+void zelo::metriclog::publishFigures(const SnapshotBuffer &s, bool blade) {
     // On a blade the DC figures are in the AC record: the dc keys carry it,
     // published first.
     const MetricStat *acRecord = blade ? s.psSystemDC : s.psSystemAC;
@@ -248,5 +245,4 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
 
     trackPowerHistory(s.u64Timestamp, acRecord != nullptr ? acRecord->u64Avg : 0,
                       dcRecord != nullptr ? dcRecord->u64Avg : 0);
-    return error;
 }
