@@ -67,67 +67,78 @@ uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
 
 using zelo::acquisition::Layout;
 
-// A layout answer from `kept` when it holds one, else asked of the firmware
-// (`ask` fills it) and kept once answered.
-template <typename T, typename Ask>
-uint8_t keptOrAsked(std::optional<T> &kept, T &out, Ask ask) {
-    if (!kept) {
-        T read{};
-        const uint8_t rc = ask(read);
-        if (rc != ZELO_RC_SUCCESS)
-            return rc;
-        kept = read;
+// A layout answer the parse needs and the layout does not hold yet: the
+// parse stops there, the answer is asked, and the parse starts again.
+enum class Needs { Nothing, Histogram, Capabilities, Extended, InputPower };
+
+// Asks the firmware the answer the parse needs, and keeps it in `layout`.
+uint8_t ask(Layout &layout, uint8_t handle, Needs needs) {
+    uint8_t rc = ZELO_RC_SUCCESS;
+    switch (needs) {
+    case Needs::Histogram: {
+        Layout::Histogram r{};
+        rc = ZELO_ReadPowerHistogramConfiguration(handle, &r.base, &r.second, &r.inner, &r.width,
+                                                  &r.size, &r.sixth);
+        if (rc == ZELO_RC_SUCCESS)
+            layout.histogram = r;
+        return rc; // the read has told its failure
     }
-    out = *kept;
-    return ZELO_RC_SUCCESS;
-}
-
-uint8_t histogramConfiguration(Layout &layout, uint8_t handle, Layout::Histogram &h) {
-    return keptOrAsked(layout.histogram, h, [handle](Layout::Histogram &r) {
-        return ZELO_ReadPowerHistogramConfiguration(handle, &r.base, &r.second, &r.inner, &r.width,
-                                                    &r.size, &r.sixth);
-    });
-}
-
-uint8_t capabilities(Layout &layout, uint8_t handle, uint8_t &value) {
-    return keptOrAsked(layout.capabilities, value, [handle](uint8_t &r) {
-        return ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &r);
-    });
-}
-
-uint8_t extendedCapabilities(Layout &layout, uint8_t handle, uint32_t &value) {
-    return keptOrAsked(layout.extended, value, [handle](uint32_t &r) {
-        return ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &r);
-    });
-}
-
-uint8_t inputPowerConfiguration(Layout &layout, uint8_t handle, std::array<uint8_t, 8> &b) {
-    return keptOrAsked(layout.inputPower, b, [handle](std::array<uint8_t, 8> &r) {
-        return ZELO_ReadInputPowerBufferConfiguration(handle, &r[0], &r[1], &r[2], &r[3], &r[4],
-                                                      &r[5], &r[6], &r[7]);
-    });
+    case Needs::Capabilities: {
+        uint8_t r = 0;
+        if ((rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &r)) == ZELO_RC_SUCCESS)
+            layout.capabilities = r;
+        else
+            std::printf("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and "
+                        "the result code is %d.\n",
+                        rc);
+        return rc;
+    }
+    case Needs::Extended: {
+        uint32_t r = 0;
+        if ((rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &r)) == ZELO_RC_SUCCESS)
+            layout.extended = r;
+        else
+            std::printf("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the "
+                        "result code is %d.\n",
+                        rc);
+        return rc;
+    }
+    case Needs::InputPower: {
+        std::array<uint8_t, 8> r{};
+        if ((rc = ZELO_ReadInputPowerBufferConfiguration(handle, &r[0], &r[1], &r[2], &r[3], &r[4],
+                                                         &r[5], &r[6], &r[7])) == ZELO_RC_SUCCESS)
+            layout.inputPower = r;
+        else
+            std::printf("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result "
+                        "code is %d.\n",
+                        rc);
+        return rc;
+    }
+    case Needs::Nothing:
+        break;
+    }
+    return rc;
 }
 
 uint8_t snapshotConfiguration(Layout &layout, uint8_t handle, Layout::Snapshot &c) {
-    return keptOrAsked(layout.snapshot, c, [handle](Layout::Snapshot &r) {
-        return ZELO_ReadSnapshotBufferConfiguration(handle, &r.chunk, &r.second, &r.total);
-    });
+    if (!layout.snapshot) {
+        Layout::Snapshot r{};
+        const uint8_t rc =
+            ZELO_ReadSnapshotBufferConfiguration(handle, &r.chunk, &r.second, &r.total);
+        if (rc != ZELO_RC_SUCCESS)
+            return rc;
+        layout.snapshot = r;
+    }
+    c = *layout.snapshot;
+    return ZELO_RC_SUCCESS;
 }
 
 // Result of a block parse: a result code, or the layout not fitting.
 constexpr int kDoesNotFit = -1;
 
 // The input power block: E entries, each R x (A + W1 + W2) bytes apart.
-int parseInputPower(Layout &layout, uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
-    std::array<uint8_t, 8> b{};
-    const uint8_t rc = inputPowerConfiguration(layout, handle, b);
+int parseInputPower(const std::array<uint8_t, 8> &b, Cursor &cursor, SnapshotBuffer &s) {
     const uint8_t entries = b[1], repeat = b[2], lead = b[3], width1 = b[4], width2 = b[5];
-    if (rc != ZELO_RC_SUCCESS) {
-        std::printf("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result code "
-                    "is %d.\n",
-                    rc);
-        return rc;
-    }
     s.psPowerSupplyAC =
         static_cast<MetricStat *>(std::calloc(entries ? entries : 1, sizeof(MetricStat)));
     if (s.psPowerSupplyAC == nullptr)
@@ -190,12 +201,15 @@ void releaseArrays(SnapshotBuffer &s) {
         std::free(array);
 }
 
-uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
-              SnapshotBuffer *psBuffer, HistogramData *psHistogram, bool blade, Layout &layout) {
-    if (pu8Raw == nullptr || psBuffer == nullptr || psHistogram == nullptr)
-        return ZELO_RC_INVALID_PARAMETER;
-    SnapshotBuffer &s = *psBuffer;
+// The parse proper, on the raw bytes and the layout answers it is given.
+// Without an answer it needs, it stops and names it in `needs`.
+uint8_t parseWith(const Layout &layout, const uint8_t *pu8Raw, uint16_t u16RawLength,
+                  SnapshotBuffer &s, HistogramData *psHistogram, bool blade, Needs &needs) {
     Cursor cursor(pu8Raw, u16RawLength);
+    const auto missing = [&needs](Needs what) {
+        needs = what;
+        return ZELO_RC_FAILURE;
+    };
 
     s.u8PowerStatus = static_cast<uint8_t>(cursor.take(1));
     const uint64_t firstPower = cursor.take(8);
@@ -205,10 +219,9 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
     if ((firstRecord = newStat(firstPower)) == nullptr)
         return ZELO_RC_NO_MEMORY;
 
-    Layout::Histogram h{};
-    uint8_t rc = histogramConfiguration(layout, u8ModuleHandle, h);
-    if (rc != ZELO_RC_SUCCESS)
-        return rc;
+    if (!layout.histogram)
+        return missing(Needs::Histogram);
+    const Layout::Histogram &h = *layout.histogram;
     const uint16_t base = h.base;
     const uint8_t inner = h.inner, width = h.width, size = h.size;
     // Our own guard: more than 255 buckets cannot be counted in the record.
@@ -253,29 +266,20 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
             return ZELO_RC_NO_MEMORY;
     }
 
-    uint8_t caps = 0;
-    rc = capabilities(layout, u8ModuleHandle, caps);
-    if (rc != ZELO_RC_SUCCESS) {
-        std::printf("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and the "
-                    "result code is %d.\n",
-                    rc);
-        return rc;
-    }
-    if ((caps & kCapExtendedPart) == 0)
+    if (!layout.capabilities)
+        return missing(Needs::Capabilities);
+    if ((*layout.capabilities & kCapExtendedPart) == 0)
         return ZELO_RC_SUCCESS;
-    uint32_t extended = 0;
-    rc = extendedCapabilities(layout, u8ModuleHandle, extended);
-    if (rc != ZELO_RC_SUCCESS) {
-        std::printf("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the result "
-                    "code is %d.\n",
-                    rc);
-        return rc;
-    }
+    if (!layout.extended)
+        return missing(Needs::Extended);
+    const uint32_t extended = *layout.extended;
 
     if ((extended & kExtSkipped) && !cursor.skip(kSkippedBlockLen))
         return layoutDoesNotFit(cursor, u16RawLength);
     if ((extended & kExtInputPower) && !blade) {
-        const int result = parseInputPower(layout, u8ModuleHandle, cursor, s);
+        if (!layout.inputPower)
+            return missing(Needs::InputPower);
+        const int result = parseInputPower(*layout.inputPower, cursor, s);
         if (result == kDoesNotFit)
             return layoutDoesNotFit(cursor, u16RawLength);
         if (result != ZELO_RC_SUCCESS)
@@ -288,13 +292,40 @@ uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLeng
     }
     if (extended & kExtSubsystems) {
         const bool fitted = cursor.ok();
-        rc = parseSubsystems(cursor, s);
+        const uint8_t rc = parseSubsystems(cursor, s);
         if (fitted && !cursor.ok())
             return layoutDoesNotFit(cursor, u16RawLength);
         if (rc != ZELO_RC_SUCCESS)
             return rc;
     }
     return ZELO_RC_SUCCESS;
+}
+
+// The parse, with the layout answers it lacks asked as it comes to them and
+// kept in `layout`: the bytes are parsed again from the start with each.
+uint8_t parse(uint8_t handle, const uint8_t *pu8Raw, uint16_t u16RawLength,
+              SnapshotBuffer *psBuffer, HistogramData *psHistogram, bool blade, Layout &layout) {
+    if (pu8Raw == nullptr || psBuffer == nullptr || psHistogram == nullptr)
+        return ZELO_RC_INVALID_PARAMETER;
+    for (;;) {
+        SnapshotBuffer parsed{};
+        parsed.u16Tag = psBuffer->u16Tag;
+        Needs needs = Needs::Nothing;
+        const uint8_t rc =
+            parseWith(layout, pu8Raw, u16RawLength, parsed, psHistogram, blade, needs);
+        if (needs == Needs::Nothing) {
+            *psBuffer = parsed;
+            return rc;
+        }
+        releaseArrays(parsed);
+        if (needs != Needs::Histogram) { // the buckets are the parse's own by then
+            std::free(psHistogram->pu8BucketData);
+            psHistogram->pu8BucketData = nullptr;
+        }
+        const uint8_t asked = ask(layout, handle, needs);
+        if (asked != ZELO_RC_SUCCESS)
+            return asked;
+    }
 }
 
 } // namespace
