@@ -503,11 +503,11 @@ int CheckProcess() {
     if (held >= 0)
         return 1;
     char path[PATH_MAX];
-    if (!resolvePath(kPidFile, path, sizeof path) || !makeDirectories(path, false))
-        return 1; // no place for the lock: run rather than stay down
-    const int fd = openOwnFile(path, O_RDWR, 0600);
+    const int fd = resolvePath(kPidFile, path, sizeof path) && makeDirectories(path, false)
+                       ? openOwnFile(path, O_RDWR, 0600)
+                       : -1;
     if (fd < 0)
-        return 1;
+        return 1; // no place for the lock: run rather than stay down
     (void)::fchmod(fd, 0600);
     if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
         const bool busy = errno == EWOULDBLOCK;

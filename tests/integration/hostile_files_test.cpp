@@ -142,11 +142,14 @@ TEST_F(DaemonTest, LinksAboveTheDaemonsDirectoriesLeadNowhere) {
 }
 
 // A FIFO at the persisted history, at the next record and given to -r is
-// never waited on.
+// never waited on; one at the pid file leaves no place for its lock, and the
+// daemon runs rather than stays down.
 TEST_F(DaemonTest, FifosAreNotWaitedOn) {
     const std::string r = root.path();
     fs::create_directories(r + "/pstorage/power");
     ASSERT_EQ(::mkfifo((r + "/pstorage/power/PowerHistoryFull").c_str(), 0600), 0);
+    fs::create_directories(r + "/run");
+    ASSERT_EQ(::mkfifo((r + "/run/zelo.pid").c_str(), 0600), 0);
     SimProcess sim(r, scenarioHead + "snapshot-period 86400000\n");
     DaemonProcess zelo(r);
     ASSERT_TRUE(zelo.awaitTrace(tagLine(1, 1))) << zelo.trace();

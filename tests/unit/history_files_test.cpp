@@ -275,6 +275,8 @@ TEST_F(HistoryFilesTest, PrintShowsThePersistedRingOldestFirstDcBeforeAc) {
     printFullPowerHistory();
     printFullPowerPerformance();
     const std::string out = testing::internal::GetCapturedStdout();
+    // A header, every slot once, and three closing lines each.
+    EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2 * (1 + 576 + 3));
     EXPECT_EQ(out.substr(54, 54), "  575  1700000000     4     5     6     1     2     3\n");
     EXPECT_NE(out.find("\n    0           5     1     2     3     4     5     6\n"),
               std::string::npos);

@@ -10,6 +10,11 @@
 #include <fstream>
 #include <regex>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace zelo::test {
 namespace {
 
@@ -50,6 +55,36 @@ TEST_F(TraceLogTest, LinesAreStampedLevelledAndWrittenUnchanged) {
 
     std::filesystem::remove_all(dir);
     EXPECT_EQ(WriteToLog("f", "Log", "no directory"), 0);
+
+    // Nothing goes through a FIFO at the file's name, nor into a directory
+    // anyone may write in; the directory of a daemon's own user, who need
+    // not be root, is used.
+    std::filesystem::create_directories(dir);
+    ASSERT_EQ(::mkfifo(file(0).c_str(), 0600), 0);
+    const int fifo = ::open(file(0).c_str(), O_RDONLY | O_NONBLOCK);
+    WriteToLog("f", "Log", "into a FIFO");
+    char byte = 0;
+    EXPECT_EQ(::read(fifo, &byte, 1), 0) << "nothing written into it";
+    ::close(fifo);
+    std::filesystem::remove(file(0));
+    std::filesystem::permissions(dir, std::filesystem::perms::all);
+    WriteToLog("f", "Log", "in a shared directory");
+    EXPECT_FALSE(std::filesystem::exists(file(0)));
+    if (::geteuid() == 0) {
+        ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
+        ASSERT_EQ(::chown(dir.c_str(), 65534, 65534), 0);
+        const pid_t child = ::fork();
+        if (child == 0)
+            ::_exit(::setegid(65534) == 0 && ::seteuid(65534) == 0 &&
+                            WriteToLog("f", "Log", "as its owner") == 0 &&
+                            std::filesystem::exists(file(0))
+                        ? 0
+                        : 1);
+        int status = -1;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0) << "written by the directory's owner";
+    }
 }
 
 TEST_F(TraceLogTest, RotatesOnlyAboveTheLimitAndTruncatesTheOtherFile) {
