@@ -33,7 +33,7 @@ uint8_t u8LogFileNum = 0;
 namespace {
 
 void trace(const char *level, const char *message) {
-    WriteToLog("CreateDataLog", level, message);
+    zelo::report(zelo::traced("CreateDataLog", level), "%s", message);
 }
 
 // A record built in memory, little-endian, field by field: the file never
@@ -175,7 +175,7 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
     FILE *file = logPath(name, path, sizeof path) ? record.stream() : nullptr;
     if (file == nullptr) {
         const int error = errno;
-        std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
+        zelo::formatText(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
         releaseHistogram(sHistogramData);
         return error != 0 ? error : EIO;
@@ -214,8 +214,8 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
         u8LogFileIndex = static_cast<uint8_t>((u8LogFileIndex + 1) % kLogFileCount);
     } else {
         error = errno != 0 ? errno : EIO;
-        std::snprintf(message, sizeof message, "Can't write file: %.900s (%s)", path,
-                      std::strerror(error));
+        zelo::formatText(message, sizeof message, "Can't write file: %.900s (%s)", path,
+                         std::strerror(error));
         trace("ERROR", message);
     }
 
