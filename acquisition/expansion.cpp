@@ -5,8 +5,6 @@
 #include <zelo/firmware.h>
 #include <zelo/registers.h>
 
-#include <cstdio>
-
 namespace {
 
 // Shared steps of both queries; read(handle, &value) is the register read.

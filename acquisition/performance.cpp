@@ -9,7 +9,6 @@
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>

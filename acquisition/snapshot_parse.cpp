@@ -9,7 +9,6 @@
 #include <zelo/registers.h>
 
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -9,7 +9,6 @@
 #include <zelo/firmware.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 

@@ -12,7 +12,6 @@
 
 #include <cstdarg>
 #include <cstddef>
-#include <cstdio>
 
 namespace zelo::events {
 

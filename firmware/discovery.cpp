@@ -10,7 +10,6 @@
 #include <zelo/platform.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace zelo::firmware {

@@ -9,7 +9,6 @@
 #include <zelo/powersupply.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -8,7 +8,6 @@
 #include <zelo/registers.h>
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -10,7 +10,6 @@
 #include <zelo/registers.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <type_traits>
 

@@ -9,7 +9,6 @@
 #include <zelo/platform.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
