@@ -1,9 +1,9 @@
 // Power figures of the expansion unit, which has a firmware instance of its own.
+#include "report.h"
+
 #include <zelo/expansion.h>
 #include <zelo/firmware.h>
 #include <zelo/registers.h>
-
-#include <cstdio>
 
 namespace {
 
@@ -14,22 +14,22 @@ uint8_t expansionPower(const char *name, const char *readName, uint32_t *power, 
         return ZELO_RC_INVALID_PARAMETER;
     *power = 0;
     if (ZELO_IsSupported(ZELO_EXPANSION_INSTANCE) == 0) {
-        std::printf("%s Don't support the ZELO for ZELO_EXPANSION_INSTANCE.\n", name);
+        zelo::print("%s Don't support the ZELO for ZELO_EXPANSION_INSTANCE.\n", name);
         return ZELO_RC_FAILURE;
     }
     const uint8_t handle = ZELO_GetModuleHandle(ZELO_EXPANSION_INSTANCE);
     if (handle == 0) {
-        std::printf("%s Failed to call ZELO_GetModuleHandle().\n", name);
+        zelo::print("%s Failed to call ZELO_GetModuleHandle().\n", name);
         return ZELO_RC_FAILURE;
     }
     uint16_t value = 0;
     const uint8_t rc = read(handle, &value);
     if (rc != ZELO_RC_SUCCESS) {
-        std::printf("%s Failed to call %s() and the result code is %d.\n", name, readName, rc);
+        zelo::print("%s Failed to call %s() and the result code is %d.\n", name, readName, rc);
         return rc;
     }
     *power = value;
-    std::printf("%s Total input power is %d.\n", name, value);
+    zelo::print("%s Total input power is %d.\n", name, value);
     return ZELO_RC_SUCCESS;
 }
 

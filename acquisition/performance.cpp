@@ -3,12 +3,12 @@
 #include "cycle.h"
 #include "exchange.h"
 #include "hooks.h"
+#include "report.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <initializer_list>
@@ -66,7 +66,7 @@ uint8_t GetXPMRequestBuffer(uint8_t u8Arg1, uint8_t u8Arg2, uint8_t u8Arg3, uint
     if (ppu8Request == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *ppu8Request = nullptr;
-    if (u32RequestLen < kXpmRequestLen) // our own guard: the request has 11 bytes
+    if (u32RequestLen < kXpmRequestLen) // the request's 11 bytes would not fit
         return ZELO_RC_FAILURE;
     auto *request = static_cast<uint8_t *>(std::calloc(u32RequestLen, 1));
     if (request == nullptr)
@@ -97,7 +97,7 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
     zelo::firmware::Exchange x;
     if (GetXPMRequestBuffer(u8BufferId, u8Second, 1, u8Selector, kXpmRequestLen, &x.request) !=
         ZELO_RC_SUCCESS) {
-        std::printf("[%s] Failed to call GetXPMRequestBuffer().\n", kName);
+        zelo::print("[%s] Failed to call GetXPMRequestBuffer().\n", kName);
         return ZELO_RC_FAILURE;
     }
     // A busy firmware gets three attempts, 1 ms apart.
@@ -110,7 +110,7 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
     }
     if (rc != ZELO_RC_SUCCESS) {
         if (x.completionCode() != 0 && !x.transportFailed())
-            std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS) "
+            zelo::print("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_XPM_EXTENSIONS) "
                         "and the result code is %d.\n",
                         kName, rc);
         return rc;
@@ -119,7 +119,7 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
     if (answer.byte(9) != 0 || answer.byte(10) > kMaxUtilisation)
         return ZELO_RC_FAILURE;
     if (answer.byte(8) > u8ExpectedSize) {
-        std::printf("[%s] The returned buffer size (%d) is bigger than expected size (%d)!\n",
+        zelo::print("[%s] The returned buffer size (%d) is bigger than expected size (%d)!\n",
                     kName, answer.byte(8), u8ExpectedSize);
         return ZELO_RC_FAILURE;
     }
@@ -127,8 +127,8 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
     if (!answer.copy(4, bytes))
         return ZELO_RC_FAILURE;
     std::memcpy(psBuffer, bytes, kPerfBufferLen);
-    // "i: byte" per line, as printf("%d: %d\n") would print them; formatted
-    // by hand because the daemon prints seventeen of these reads a cycle.
+    // "i: byte" per line, as "%d: %d\n" would format them; formatted by hand
+    // because the daemon prints seventeen of these reads a cycle.
     char text[kPerfBufferLen * 8];
     char *at = text;
     for (int i = 0; i < kPerfBufferLen; ++i) {
@@ -143,14 +143,15 @@ uint8_t ZELO_ReadPerformanceBuffer(uint8_t u8BufferId, uint8_t u8Second, uint8_t
         *at++ = static_cast<char>('0' + value % 10);
         *at++ = '\n';
     }
-    std::fwrite(text, 1, static_cast<std::size_t>(at - text), stdout);
+    *at = '\0';
+    zelo::print("%s", text);
     return ZELO_RC_SUCCESS;
 }
 
 int NM_Performance_IsSupported(void) {
     auto *buffer = static_cast<PerformanceBuffer *>(std::calloc(1, sizeof(PerformanceBuffer)));
     if (buffer == nullptr) {
-        std::printf("[%s] Failed to allocate system for performance buffer.\n",
+        zelo::print("[%s] Failed to allocate system for performance buffer.\n",
                     "NM_Performance_IsSupported");
         return 2;
     }
@@ -169,7 +170,7 @@ uint8_t GetPerformanceFromNM(PerformanceData *psData) {
         const uint8_t rc = ZELO_ReadPerformanceBuffer(kSources[i].bufferId, 0, ZELO_PERF_CURRENT,
                                                       kPerfBufferLen, &buffers[i]);
         if (rc != ZELO_RC_SUCCESS) {
-            std::printf("[%s] Failed to call ZELO_ReadPerformanceBuffer(%s), return code is %d.\n",
+            zelo::print("[%s] Failed to call ZELO_ReadPerformanceBuffer(%s), return code is %d.\n",
                         kName, kSources[i].label, rc);
             return rc;
         }
@@ -192,14 +193,14 @@ uint8_t ReadPerformanceDataFromXPM(MetricStat *psStats) {
     constexpr uint8_t kSelectors[3] = {ZELO_PERF_CURRENT, ZELO_PERF_MAXIMUM, ZELO_PERF_MINIMUM};
     auto *buffers = static_cast<PerformanceBuffer *>(std::calloc(12, sizeof(PerformanceBuffer)));
     if (buffers == nullptr) {
-        std::printf("[%s] Failed to allocate memory for performance buffer.\n", kName);
+        zelo::print("[%s] Failed to allocate memory for performance buffer.\n", kName);
         return ZELO_RC_FAILURE;
     }
     for (int n = 0; n < 12; ++n) {
         const uint8_t rc = ZELO_ReadPerformanceBuffer(
             kSources[n / 3].bufferId, 0, kSelectors[n % 3], kPerfBufferLen, &buffers[n]);
         if (rc != ZELO_RC_SUCCESS) {
-            std::printf("[%s] Failed to call ZELO_ReadPerformanceBuffer(system), return code is "
+            zelo::print("[%s] Failed to call ZELO_ReadPerformanceBuffer(system), return code is "
                         "%d.\n",
                         kName, rc);
             std::free(buffers);
@@ -210,7 +211,7 @@ uint8_t ReadPerformanceDataFromXPM(MetricStat *psStats) {
         MetricStat &stat = psStats[n / 3];
         uint64_t *const slots[3] = {&stat.u64Avg, &stat.u64Max, &stat.u64Min};
         *slots[n % 3] = buffers[n].u8Value;
-        std::printf("Perf Data [%d] : %d\n", n, buffers[n].u8Value);
+        zelo::print("Perf Data [%d] : %d\n", n, buffers[n].u8Value);
     }
     std::free(buffers);
     return ZELO_RC_SUCCESS;
@@ -238,7 +239,7 @@ zelo::acquisition::CyclePerformance zelo::acquisition::readCyclePerformance(bool
         if (i == 0)
             perf.supported = supportedBy(perf.currentRc);
         if (perf.currentRc != ZELO_RC_SUCCESS) {
-            std::printf("[%s] Failed to call ZELO_ReadPerformanceBuffer(%s), return code is %d.\n",
+            zelo::print("[%s] Failed to call ZELO_ReadPerformanceBuffer(%s), return code is %d.\n",
                         kName, kSources[i].label, perf.currentRc);
             return perf;
         }

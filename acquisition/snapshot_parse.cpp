@@ -2,13 +2,13 @@
 // layout, which depends on the platform family and two capability registers.
 #include "bytes.h"
 #include "cycle.h"
+#include "report.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
 #include <zelo/registers.h>
 
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -59,7 +59,7 @@ MetricStat *newStat(uint64_t average) {
 }
 
 uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
-    std::printf(
+    zelo::print(
         "[%s] The snapshot layout does not fit the %d bytes of the buffer (at offset %d).\n",
         "ParseSnapshotBuffer", rawLength, static_cast<int>(cursor.offset()));
     return ZELO_RC_FAILURE;
@@ -88,7 +88,7 @@ uint8_t ask(Layout &layout, uint8_t handle, Needs needs) {
         if ((rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &r)) == ZELO_RC_SUCCESS)
             layout.capabilities = r;
         else
-            std::printf("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and "
+            zelo::print("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and "
                         "the result code is %d.\n",
                         rc);
         return rc;
@@ -98,7 +98,7 @@ uint8_t ask(Layout &layout, uint8_t handle, Needs needs) {
         if ((rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &r)) == ZELO_RC_SUCCESS)
             layout.extended = r;
         else
-            std::printf("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the "
+            zelo::print("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the "
                         "result code is %d.\n",
                         rc);
         return rc;
@@ -109,7 +109,7 @@ uint8_t ask(Layout &layout, uint8_t handle, Needs needs) {
                                                          &r[5], &r[6], &r[7])) == ZELO_RC_SUCCESS)
             layout.inputPower = r;
         else
-            std::printf("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result "
+            zelo::print("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result "
                         "code is %d.\n",
                         rc);
         return rc;
@@ -180,11 +180,11 @@ uint8_t parseSubsystems(Cursor &cursor, SnapshotBuffer &s) {
             duplicate = "Cooling Subsystems already existed.";
             break;
         default:
-            std::printf("Type(%d) of subsystem is not supported!\n", type);
+            zelo::print("Type(%d) of subsystem is not supported!\n", type);
             return ZELO_RC_FAILURE;
         }
         if (*slot != nullptr) {
-            std::printf("%s\n", duplicate);
+            zelo::print("%s\n", duplicate);
             return ZELO_RC_FAILURE;
         }
         if ((*slot = newStat(value)) == nullptr)
@@ -224,9 +224,9 @@ uint8_t parseWith(const Layout &layout, const uint8_t *pu8Raw, uint16_t u16RawLe
     const Layout::Histogram &h = *layout.histogram;
     const uint16_t base = h.base;
     const uint8_t inner = h.inner, width = h.width, size = h.size;
-    // Our own guard: more than 255 buckets cannot be counted in the record.
+    // The record counts buckets in one byte: more than 255 would wrap.
     if (inner > UINT8_MAX - 2) {
-        std::printf("[%s] The histogram has more buckets (%d) than a snapshot can carry.\n",
+        zelo::print("[%s] The histogram has more buckets (%d) than a snapshot can carry.\n",
                     "ParseSnapshotBuffer", inner + 2);
         return ZELO_RC_FAILURE;
     }
@@ -240,7 +240,7 @@ uint8_t parseWith(const Layout &layout, const uint8_t *pu8Raw, uint16_t u16RawLe
     psHistogram->pu8BucketData =
         static_cast<uint8_t *>(std::calloc(histogramLen ? histogramLen : 1, 1));
     if (psHistogram->pu8BucketData == nullptr) {
-        std::printf("[%s] Failed to allocate memory for power histogram data.\n",
+        zelo::print("[%s] Failed to allocate memory for power histogram data.\n",
                     "ParseSnapshotBuffer");
         return ZELO_RC_NO_MEMORY;
     }
@@ -349,12 +349,12 @@ uint8_t fetch(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bool blade
         return ZELO_RC_INVALID_PARAMETER;
     *ppsBuffer = nullptr;
     if (psHistogram == nullptr) {
-        std::printf("[%s] The point of sHistogramData is NULL.\n", kName);
+        zelo::print("[%s] The point of sHistogramData is NULL.\n", kName);
         return ZELO_RC_INVALID_PARAMETER;
     }
     const uint8_t handle = ZELO_GetModuleHandle(0);
     if (handle == 0) {
-        std::printf("[%s] Failed to call ZELO_GetModuleHandle().\n", kName);
+        zelo::print("[%s] Failed to call ZELO_GetModuleHandle().\n", kName);
         return ZELO_RC_FAILURE;
     }
     if (layout.handle != handle) {
@@ -365,7 +365,7 @@ uint8_t fetch(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bool blade
     Layout::Snapshot config{};
     uint8_t rc = snapshotConfiguration(layout, handle, config);
     if (rc != ZELO_RC_SUCCESS) {
-        std::printf("Failed to call ZELO_ReadSnapshotBufferConfiguration() and the result code is "
+        zelo::print("Failed to call ZELO_ReadSnapshotBufferConfiguration() and the result code is "
                     "%d.\n",
                     rc);
         return rc;
@@ -373,7 +373,7 @@ uint8_t fetch(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bool blade
     const uint16_t total = config.total;
     auto *raw = static_cast<uint8_t *>(std::calloc(total ? total : 1, 1));
     if (raw == nullptr) {
-        std::printf("[%s] Failed to allocate memory for snapshot buffer.\n", kName);
+        zelo::print("[%s] Failed to allocate memory for snapshot buffer.\n", kName);
         return ZELO_RC_NO_MEMORY;
     }
     uint16_t bytesRead = 0, tag = 0;
@@ -397,13 +397,13 @@ uint8_t fetch(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bool blade
         }
     }
     if (rc != ZELO_RC_SUCCESS) {
-        std::printf("Failed to call ReadTotalSnapshotBuffer() and the result code is %d.\n", rc);
+        zelo::print("Failed to call ReadTotalSnapshotBuffer() and the result code is %d.\n", rc);
         std::free(raw);
         return rc;
     }
     auto *record = static_cast<SnapshotBuffer *>(std::calloc(1, sizeof(SnapshotBuffer)));
     if (record == nullptr) {
-        std::printf("[%s] Failed to allocate memory for snapshot buffer struct.\n", kName);
+        zelo::print("[%s] Failed to allocate memory for snapshot buffer struct.\n", kName);
         std::free(raw);
         return ZELO_RC_NO_MEMORY;
     }
@@ -412,7 +412,7 @@ uint8_t fetch(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bool blade
     rc = parse(handle, raw, total, record, psHistogram, blade, layout);
     std::free(raw);
     if (rc != ZELO_RC_SUCCESS) {
-        std::printf("[%s] Failed to call ParseSnapshotBuffer(), return code is %d.\n", kName, rc);
+        zelo::print("[%s] Failed to call ParseSnapshotBuffer(), return code is %d.\n", kName, rc);
         std::free(psHistogram->pu8BucketData);
         psHistogram->pu8BucketData = nullptr;
         FreeSnapshotBuffer(record);

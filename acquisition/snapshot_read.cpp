@@ -3,12 +3,12 @@
 // snapshot.
 #include "cycle.h"
 #include "exchange.h"
+#include "report.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -31,7 +31,7 @@ uint8_t readConfiguration(const char *name, uint8_t handle, uint8_t element, uin
     Exchange x;
     if (GetInvokeElementMethodRequestBuffer(handle, element, ZELO_METHOD_READ_CONFIGURATION,
                                             ZELO_REQUEST_HEAD_LEN, &x.request) != 0) {
-        std::printf("[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", name);
+        zelo::print("[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", name);
         return ZELO_RC_NO_MEMORY;
     }
     const auto capacity = static_cast<uint32_t>(kConfigurationFirstByte + blockLen);
@@ -124,7 +124,7 @@ uint8_t ZELO_ReadSnapshotBuffer(uint8_t u8ModuleHandle, uint16_t u16Offset, uint
     if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kSnapshotElement,
                                             ZELO_METHOD_READ_BUFFER, kBufferRequestLen,
                                             &x.request) != 0) {
-        std::printf("[%s]Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        zelo::print("[%s]Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
         return ZELO_RC_NO_MEMORY;
     }
     x.request[6] = static_cast<uint8_t>(u16Offset >> 8);
@@ -139,7 +139,7 @@ uint8_t ZELO_ReadSnapshotBuffer(uint8_t u8ModuleHandle, uint16_t u16Offset, uint
     *pu16Tag = static_cast<uint16_t>(answer.be(4, 2));
     *pu16ReturnedLength = static_cast<uint16_t>(answer.be(6, 2));
     if (*pu16ReturnedLength > u16Length) {
-        std::printf("[%s] The returned buffer size (%d) is bigger than expected size (%d)!\n",
+        zelo::print("[%s] The returned buffer size (%d) is bigger than expected size (%d)!\n",
                     kName, *pu16ReturnedLength, u16Length);
         return ZELO_RC_FAILURE;
     }

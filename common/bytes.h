@@ -1,6 +1,7 @@
-// The one place where bytes become numbers and numbers bytes: big-endian for
-// the firmware's answers, little-endian for the files, the enterprise number
-// at the head of every request.
+// Byte-order helpers: unsigned values of 1 to 8 bytes read from and written
+// to byte arrays, big-endian as the firmware answers, little-endian as the
+// files hold them; and the enterprise number that heads every request. They
+// check no bounds: a caller reads only bytes it has checked are there.
 #pragma once
 
 #include <zelo/firmware.h>

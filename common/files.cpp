@@ -1,6 +1,7 @@
 #include "files.h"
 
 #include "paths.h"
+#include "report.h"
 
 #include <cerrno>
 #include <cinttypes>
@@ -98,8 +99,8 @@ uint32_t randomBits(unsigned attempt) {
     return static_cast<uint32_t>(mixed >> 32);
 }
 
-// NAME.tmp, as snprintf would write it (the length, however long), without
-// parsing a format for each record a cycle writes.
+// NAME.tmp as formatText would write it (returning the whole length, however
+// long), without parsing a format for each record a cycle writes.
 int plainTemporary(char *out, std::size_t cap, const char *name) {
     const std::size_t length = std::strlen(name);
     if (length + 5 <= cap) {
@@ -303,8 +304,8 @@ ReplacedFile::ReplacedFile(const char *path, const Options &options) : options_(
     int fd = -1;
     for (unsigned attempt = 0; fd < 0 && attempt < 16; ++attempt) {
         const int n = attempt == 0 ? plainTemporary(temp_, sizeof temp_, name_)
-                                   : std::snprintf(temp_, sizeof temp_, "%s.tmp%08" PRIx32, name_,
-                                                   randomBits(attempt));
+                                   : zelo::formatText(temp_, sizeof temp_, "%s.tmp%08" PRIx32,
+                                                      name_, randomBits(attempt));
         if (n < 0 || static_cast<std::size_t>(n) >= sizeof temp_) {
             temp_[0] = '\0';
             errno = ENAMETOOLONG;

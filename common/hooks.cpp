@@ -1,8 +1,9 @@
 // The real calls behind the hooks, and their replacement for a test's duration.
 #include "hooks.h"
 
+#include "report.h"
+
 #include <cstdlib>
-#include <syslog.h>
 
 namespace zelo {
 
@@ -14,12 +15,8 @@ int64_t monotonicSeconds() {
     return now.tv_sec;
 }
 
-void toSyslog(int priority, const char *message) {
-    ::syslog(LOG_USER | priority, "%s", message);
-}
-
-Hooks gHooks{::sysinfo, ::poll,  ::usleep, monotonicSeconds,
-             std::time, ::fsync, toSyslog, std::malloc};
+Hooks gHooks{::sysinfo, ::poll,  ::usleep,  monotonicSeconds,
+             std::time, ::fsync, systemLog, std::malloc};
 
 } // namespace
 

@@ -1,9 +1,10 @@
 #include "paths.h"
 
+#include "report.h"
+
 #include <cerrno>
 #include <climits>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
@@ -72,13 +73,13 @@ bool envOrRootPath(const char *env, const char *absDefault, char *out, std::size
     const char *value = std::getenv(env);
     if (value == nullptr || value[0] == '\0')
         return resolvePath(absDefault, out, cap);
-    const int n = std::snprintf(out, cap, "%s", value);
+    const int n = zelo::formatText(out, cap, "%s", value);
     return n > 0 && static_cast<std::size_t>(n) < cap;
 }
 
 bool makeDirectories(const char *path, bool self) {
     char copy[PATH_MAX];
-    const int n = std::snprintf(copy, sizeof copy, "%s", path);
+    const int n = zelo::formatText(copy, sizeof copy, "%s", path);
     if (n <= 0 || static_cast<std::size_t>(n) >= sizeof copy)
         return false;
     for (char *p = copy + 1; *p != '\0'; ++p) {

@@ -1,9 +1,13 @@
+// The diagnostic channel: where each message of the library goes.
 #include "report.h"
 
 #include "hooks.h"
 
+#include "tracelog/verbosity.h"
+
+#include <zelo/tracelog.h>
+
 #include <cstdarg>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -13,115 +17,75 @@ namespace {
 
 bool gConsole = true;
 
-// The decimal digits of `value`, written backwards to end at `end`; the
-// first of them. (std::to_chars would export a table of the standard library
-// from the shared library.)
-char *decimal(char *end, uint64_t value) {
-    do {
-        *--end = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    return end;
-}
-
 } // namespace
-
-bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
-    std::size_t n = 0;
-    const auto put = [&](const char *text, std::size_t length) {
-        const std::size_t room = cap - 1 - n;
-        std::memcpy(out + n, text, length < room ? length : room);
-        n += length < room ? length : room;
-    };
-    for (const char *p = format;;) {
-        const char *percent = std::strchr(p, '%');
-        put(p, percent != nullptr ? static_cast<std::size_t>(percent - p) : std::strlen(p));
-        if (percent == nullptr)
-            break;
-        char number[16];
-        char *const end = number + sizeof number;
-        switch (percent[1]) {
-        case 's': {
-            const char *text = va_arg(args, const char *);
-            text = text != nullptr ? text : "(null)";
-            put(text, std::strlen(text));
-            break;
-        }
-        case '%':
-            put("%", 1);
-            break;
-        case 'u': {
-            const char *digits = decimal(end, va_arg(args, unsigned));
-            put(digits, static_cast<std::size_t>(end - digits));
-            break;
-        }
-        case 'i':
-        case 'd': {
-            const int value = va_arg(args, int);
-            // The magnitude in 64 bits: INT_MIN has none in int.
-            char *digits = decimal(end, value < 0 ? 0 - static_cast<uint64_t>(int64_t{value})
-                                                  : static_cast<uint64_t>(value));
-            if (value < 0)
-                *--digits = '-';
-            put(digits, static_cast<std::size_t>(end - digits));
-            break;
-        }
-        default:
-            out[0] = '\0';
-            return false; // what was taken of args is the caller's copy
-        }
-        p = percent + 2;
-    }
-    out[n] = '\0';
-    return true;
-}
-
-void formatText(char *out, std::size_t cap, const char *format, va_list args) {
-    va_list again;
-    va_copy(again, args);
-    if (!formatPlain(out, cap, format, args))
-        std::vsnprintf(out, cap, format, again);
-    va_end(again);
-}
-
-void formatText(char *out, std::size_t cap, const char *format, ...) {
-    va_list args;
-    va_start(args, format);
-    formatText(out, cap, format, args);
-    va_end(args);
-}
 
 void setConsole(bool on) {
     gConsole = on;
 }
 
-void print(const char *format, ...) {
-    if (!gConsole)
-        return;
+void systemLog(int priority, const char *message) {
+    ::syslog(LOG_USER | priority, "%s", message);
+}
+
+void vreport(const Notice &notice, const char *format, va_list args) {
+    const bool console = gConsole;
+    const bool toTrace = (notice.sinks & kToTrace) != 0 && trace::verbosity() >= notice.verbosity;
+    const bool toLine = (notice.sinks & kToStdout) != 0 && console;
+    const bool toSyslog = (notice.sinks & kToSyslog) != 0;
+    va_list copy;
+    if (toTrace) {
+        // A text handed over whole is written whole, however long (a path).
+        if (std::strcmp(format, "%s") == 0) {
+            va_copy(copy, args);
+            WriteToLog(notice.function, notice.level, va_arg(copy, const char *));
+            va_end(copy);
+        } else {
+            char message[ZELO_MSG_BUF_SIZE];
+            va_copy(copy, args);
+            formatText(message, sizeof message, format, copy);
+            va_end(copy);
+            WriteToLog(notice.function, notice.level, message);
+        }
+    }
+    if ((notice.sinks & kToConsole) != 0 && console) {
+        va_copy(copy, args);
+        std::vprintf(format, copy);
+        va_end(copy);
+    }
+    if (toLine || toSyslog) {
+        char message[256];
+        va_copy(copy, args);
+        std::vsnprintf(message, sizeof message, format, copy);
+        va_end(copy);
+        if (toLine) {
+            std::fputs(message, stdout);
+            // Every report is a line on the console, also the few texts without a line feed.
+            const std::size_t len = std::strlen(message);
+            if (len == 0 || message[len - 1] != '\n')
+                std::fputc('\n', stdout);
+        }
+        if (toSyslog)
+            hooks().syslog(notice.priority, message);
+    }
+    if ((notice.sinks & kToJournal) != 0) {
+        va_copy(copy, args);
+        std::vfprintf(stderr, format, copy);
+        va_end(copy);
+    }
+}
+
+void report(const Notice &notice, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vprintf(format, args);
+    vreport(notice, format, args);
     va_end(args);
 }
 
-void report(Notice notice, const char *format, ...) {
-    const bool toConsole = (notice.sinks & kToStdout) != 0 && gConsole;
-    if (!toConsole && (notice.sinks & kToSyslog) == 0)
-        return;
-    char message[256];
+void print(const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(message, sizeof message, format, args);
+    vreport(kConsole, format, args);
     va_end(args);
-    if (toConsole) {
-        std::fputs(message, stdout);
-        // Every report is a line on the console, also the few texts without a line feed.
-        const std::size_t len = std::strlen(message);
-        if (len == 0 || message[len - 1] != '\n')
-            std::fputc('\n', stdout);
-    }
-    if (notice.sinks & kToSyslog)
-        hooks().syslog(notice.priority, message);
 }
 
 } // namespace zelo

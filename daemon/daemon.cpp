@@ -59,13 +59,13 @@ bool terminating() {
 }
 
 void trace(const char *level, const char *message) {
-    WriteToLog("main", level, message);
+    report(traced("main", level), "%s", message);
 }
 
 // What an operator acts on goes to standard error (the journal under
 // systemd); errors go to the trace as well.
 void journal(const char *message) {
-    std::fprintf(stderr, "zelo: %s\n", message);
+    report(kJournal, "zelo: %s\n", message);
 }
 
 void alert(const char *message) {
@@ -104,10 +104,10 @@ int openOwnDir(const char *absPath) {
 // written or removed.
 void refusedDir(const char *absPath) {
     char message[PATH_MAX + 160];
-    std::snprintf(message, sizeof message,
-                  "Directory '%s' is not used: %s (it must be no link, the daemon's user's, "
-                  "and not writable by others)",
-                  absPath, std::strerror(errno));
+    formatText(message, sizeof message,
+               "Directory '%s' is not used: %s (it must be no link, the daemon's user's, "
+               "and not writable by others)",
+               absPath, std::strerror(errno));
     alert(message);
 }
 
@@ -165,8 +165,8 @@ bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, ui
 void unlock() {
     for (int attempt = 1; UnlockValue() != 0 && errno != ENOENT && errno != EPERM; ++attempt) {
         char message[160];
-        std::snprintf(message, sizeof message, "Failed to remove the metric log lock (%s), %s",
-                      std::strerror(errno), attempt < 5 ? "retrying" : "giving up");
+        formatText(message, sizeof message, "Failed to remove the metric log lock (%s), %s",
+                   std::strerror(errno), attempt < 5 ? "retrying" : "giving up");
         trace("ERROR", message);
         if (attempt == 5 || terminating())
             return;
@@ -196,11 +196,10 @@ void Daemon::recordWritten(int error) {
     recordsFailing = error != 0;
     char message[160];
     if (error != 0)
-        std::snprintf(message, sizeof message, "Metric records cannot be written in %s: %s",
-                      ml::kLogDir, std::strerror(error));
+        formatText(message, sizeof message, "Metric records cannot be written in %s: %s",
+                   ml::kLogDir, std::strerror(error));
     else
-        std::snprintf(message, sizeof message, "Metric records are written in %s again",
-                      ml::kLogDir);
+        formatText(message, sizeof message, "Metric records are written in %s again", ml::kLogDir);
     alert(message);
 }
 
@@ -241,9 +240,8 @@ void Daemon::firstPerformance() {
         unlock();
         return;
     }
-    std::snprintf(msgBuf, sizeof msgBuf, "%s --NM_Performance_IsSupported() returns %d\n", "main",
-                  supported);
-    WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
+    report(traced("main", "Log", 1), "%s --NM_Performance_IsSupported() returns %d\n", "main",
+           supported);
 }
 
 void Daemon::checkDirectories() {
@@ -261,7 +259,7 @@ void Daemon::checkDirectories() {
             refusedDir(dir);
         if (usable && refused[i]) {
             char message[PATH_MAX + 40];
-            std::snprintf(message, sizeof message, "Directory '%s' is used again", dir);
+            formatText(message, sizeof message, "Directory '%s' is used again", dir);
             trace("INFO", message);
             journal(message);
         }
@@ -282,11 +280,8 @@ void Daemon::acquire(Acquired &now, bool blade) {
         snapshotRead(false);
     } else {
         snapshotRead(true);
-        if (trace::verbosity() >= 1) { // formatted only for a trace that keeps it
-            formatText(msgBuf, sizeof msgBuf, "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
-                       "main", now.snapshot->u16Tag, u16LastTag);
-            WriteToPowerHistoryLog(1, "main", "Log", msgBuf);
-        }
+        report(traced("main", "Log", 1), "%s -- psBuffer->u16Tag is %d & u16LastTag is %d\n",
+               "main", now.snapshot->u16Tag, u16LastTag);
         if (firmwareRestarted(*now.snapshot, ml::baseline(), u16LastTag))
             now.found = Found::Restart;
         else if (now.snapshot->u16Tag != u16LastTag)
@@ -332,8 +327,7 @@ void Daemon::publish(Acquired &now, bool blade) {
     acquisition::publishPerformance(now.perf);
     if (now.perf.currentRc == ZELO_RC_SUCCESS) {
         sPerformanceData = now.perf.data;
-        formatText(msgBuf, sizeof msgBuf, "%s -- GetPerformanceFromNM response ok!", "main");
-        WriteToPowerHistoryLog(0, "main", "Log", msgBuf);
+        report(traced("main", "Log", 0), "%s -- GetPerformanceFromNM response ok!", "main");
         trackPowerPerformance(sPerformanceData.u64PerfTimestamp, sPerformanceData.u64SystemPerf,
                               sPerformanceData.u64CPUPerf, sPerformanceData.u64MemoryPerf,
                               sPerformanceData.u64IOPerf);
@@ -371,7 +365,7 @@ void Daemon::cycle() {
         PerfMetricSet *perfs = nullptr;
         uint8_t count = 0;
         GetMetricValue(&buffers, &inlets, &perfs, &count);
-        std::printf("[ZELO_DEBUG] Get %d MetricValues.\n The last one is:\n", count);
+        zelo::print("[ZELO_DEBUG] Get %d MetricValues.\n The last one is:\n", count);
         if (count != 0) {
             PrintAllMetricValue(&buffers[count - 1], &inlets[count - 1],
                                 perfs != nullptr ? &perfs[count - 1] : nullptr);
@@ -420,7 +414,7 @@ int runDaemon(bool debug) {
     (void)emptyLogDirectory();
     for (const int instance : {0, 1}) {
         char key[32];
-        std::snprintf(key, sizeof key, "zelo_supported_%d", instance);
+        formatText(key, sizeof key, "zelo_supported_%d", instance);
         uint8_t value = 0;
         if (kiv_config_get_bool(key, &value) != 0)
             (void)kiv_config_clear(key);
@@ -446,7 +440,7 @@ int readLogFile(const char *path) {
     PerfMetricSet perf{};
     const int rc = ReadMeticValueFromFile(path, &snapshot, &inlets, &perf);
     if (rc != 0) {
-        std::printf("[ZELO ERR]: Read log file error. Error code: %d.\n", rc);
+        zelo::print("[ZELO ERR]: Read log file error. Error code: %d.\n", rc);
         FreeSignalMetricValue(&snapshot, &inlets, &perf);
         return 1;
     }
@@ -477,7 +471,7 @@ bool lockHolder(int fd, long &pid, uid_t &uid) {
     }
     std::fclose(locks);
     char status[64];
-    std::snprintf(status, sizeof status, "/proc/%ld/status", pid);
+    formatText(status, sizeof status, "/proc/%ld/status", pid);
     std::FILE *in = found ? std::fopen(status, "re") : nullptr;
     found = false;
     while (in != nullptr && !found && std::fgets(line, sizeof line, in) != nullptr) {
@@ -516,18 +510,18 @@ int CheckProcess() {
         const bool foreign = busy && lockHolder(fd, pid, uid) && uid != ::geteuid();
         ::close(fd);
         if (foreign) {
-            std::snprintf(gLockRefusal, sizeof gLockRefusal,
-                          "The pid file %s is locked by process %ld of user %lu, not by a zelo "
-                          "daemon; not starting.",
-                          kPidFile, pid, static_cast<unsigned long>(uid));
+            formatText(gLockRefusal, sizeof gLockRefusal,
+                       "The pid file %s is locked by process %ld of user %lu, not by a zelo "
+                       "daemon; not starting.",
+                       kPidFile, pid, static_cast<unsigned long>(uid));
             return -1;
         }
         return busy ? 0 : 1;
     }
     char pid[32];
-    const int n = std::snprintf(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
+    const int n = formatText(pid, sizeof pid, "%ld\n", static_cast<long>(::getpid()));
     if (::ftruncate(fd, 0) != 0 || ::write(fd, pid, static_cast<std::size_t>(n)) != n)
-        WriteToLog("main", "ERROR", "Can't write the pid file.");
+        report(traced("main", "ERROR"), "Can't write the pid file.");
     held = fd;
     return 1;
 }
@@ -546,6 +540,6 @@ extern "C" int ZeloDaemonMain(int argc, char **argv) {
     }
     if (argc == 3 && std::strcmp(argv[1], "-r") == 0)
         return readLogFile(argv[2]);
-    std::puts(kUsage);
+    zelo::print("%s\n", kUsage);
     return 0;
 }

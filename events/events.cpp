@@ -3,17 +3,16 @@
 #include "cycle.h"
 #include "events_internal.h"
 #include "firmware/family.h"
+#include "report.h"
 
 #include <zelo/events.h>
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 #include <zelo/registers.h>
-#include <zelo/tracelog.h>
 
 #include <array>
 #include <cstdarg>
 #include <cstddef>
-#include <cstdio>
 
 namespace zelo::events {
 
@@ -44,14 +43,12 @@ constexpr uint16_t kEventBit2 = 0x0004;
 // Settings values (low three bits) under which the power cap can be read.
 constexpr uint8_t kCappingSettingsMask = 0x07;
 
-[[gnu::format(printf, 3, 4)]] void traceFormat(const char *function, const char *level,
-                                               const char *format, ...) {
-    char message[ZELO_MSG_BUF_SIZE];
+ZELO_FORMAT(3, 4)
+void traceFormat(const char *function, const char *level, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(message, sizeof message, format, args);
+    zelo::vreport(zelo::traced(function, level), format, args);
     va_end(args);
-    WriteToLog(function, level, message);
 }
 
 // A failed hand-over is only logged: whatever led to it has already moved on.
@@ -155,7 +152,7 @@ extern "C" {
 
 void CheckBufForSendSWEvent(SnapshotBuffer *psBuffer) {
     if (psBuffer == nullptr) {
-        WriteToLog(kCheckBuf, "ERROR", "Null parament.");
+        zelo::report(zelo::traced(kCheckBuf, "ERROR"), "Null parament.");
         return;
     }
     // The bits mean something only in this power state.
@@ -255,10 +252,10 @@ void SendPowerCapsChangedEvent(uint8_t u8KivMask, uint8_t u8ZeloMask, uint16_t u
         traceFormat(kSendCaps, "ERROR", "%d unexpected event id !!", u16EventId);
     } else {
         PowerCapsEventParams params{};
-        std::snprintf(params.szPreviousValue, sizeof params.szPreviousValue, "%u",
-                      static_cast<unsigned>(u16KivValue));
-        std::snprintf(params.szNewValue, sizeof params.szNewValue, "%u",
-                      static_cast<unsigned>(u16ZeloValue));
+        zelo::formatText(params.szPreviousValue, sizeof params.szPreviousValue, "%u",
+                         static_cast<unsigned>(u16KivValue));
+        zelo::formatText(params.szNewValue, sizeof params.szNewValue, "%u",
+                         static_cast<unsigned>(u16ZeloValue));
         raise(kSendCaps, u16EventId, &params);
     }
     publish(pszKey, u16ZeloValue);

@@ -10,7 +10,6 @@
 #include <zelo/platform.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 namespace zelo::firmware {
@@ -88,7 +87,7 @@ uint8_t ZELO_FindFirmwareInstance(uint8_t u8Instance, uint8_t *pu8Descriptor1,
     Reader answer = x.answer();
     *pu8ModuleHandle = answer.byte(7);
     if (*pu8ModuleHandle == 0) {
-        std::printf("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
+        zelo::print("[%s] Failed to call IPMI Command(NETFN_DUV, CMDID_ZELO_INVOKE_ELEMENT_METHOD) "
                     "and the result code is %d.\n",
                     "ZELO_FindFirmwareInstance", rc);
         return ZELO_RC_NO_INSTANCE;
@@ -131,13 +130,13 @@ int ZELO_IsSupported(int32_t s32Instance) {
                                                  &descriptor2, &handle);
     gCache.supported = rc == ZELO_RC_SUCCESS ? 1 : 0;
     if (rc != ZELO_RC_SUCCESS) {
-        std::printf("[%s] Failed to call ZELO_FindFirmwareInstance() and the result code is %d.\n",
+        zelo::print("[%s] Failed to call ZELO_FindFirmwareInstance() and the result code is %d.\n",
                     "ZELO_IsSupported", rc);
-        std::printf("Don't support the ZELO.\n");
+        zelo::print("Don't support the ZELO.\n");
     }
 
     if (kiv_config_set_bool(supportedKey, gCache.supported, 1) == 0) {
-        std::printf("[%s] Failed to call kiv_config_set_bool(%s).\n", "ZELO_IsSupported",
+        zelo::print("[%s] Failed to call kiv_config_set_bool(%s).\n", "ZELO_IsSupported",
                     supportedKey);
         return gCache.supported;
     }
@@ -147,7 +146,7 @@ int ZELO_IsSupported(int32_t s32Instance) {
     Key handleKey;
     formatKey(handleKey, kHandleKey, s32Instance);
     if (kiv_config_set_int(handleKey, handle, 1) == 0) {
-        std::printf("[%s] Failed to call kiv_config_set_int(%s).\n", "ZELO_IsSupported", handleKey);
+        zelo::print("[%s] Failed to call kiv_config_set_int(%s).\n", "ZELO_IsSupported", handleKey);
         // Other processes must not see "supported" without a handle.
         (void)kiv_config_clear(supportedKey);
         return 0;
@@ -163,7 +162,7 @@ uint8_t ZELO_GetModuleHandle(int32_t s32Instance) {
     formatKey(handleKey, kHandleKey, s32Instance);
     int value = 0;
     if (kiv_config_get_int(handleKey, &value) == 0) {
-        std::printf("[%s] Failed to call kiv_config_get_int(%s).\n", "ZELO_GetModuleHandle",
+        zelo::print("[%s] Failed to call kiv_config_get_int(%s).\n", "ZELO_GetModuleHandle",
                     handleKey);
         return 0;
     }

@@ -2,13 +2,13 @@
 // element configuration block and the two indexed buffers.
 #include "exchange.h"
 #include "register_access.h"
+#include "report.h"
 
 #include <zelo/firmware.h>
 #include <zelo/platform.h>
 #include <zelo/powersupply.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -90,9 +90,9 @@ void decodeConfigEntry(const char *name, Reader &r, RedundancyConfigEntry &e) {
     e.u8Active = bit(properties, 6);
     e.u8Bit7 = bit(properties, 7);
     e.u8Bit7Clear = e.u8Bit7 ^ 1u;
-    std::printf("%s : Config properties is 0x%X\n", name, properties);
-    std::printf("%s : Config is valid for PSUs: %d\n", name, e.u8ValidForPSUs);
-    std::printf("%s : Power Mode is %d\n", name, e.u8PowerMode);
+    zelo::print("%s : Config properties is 0x%X\n", name, properties);
+    zelo::print("%s : Config is valid for PSUs: %d\n", name, e.u8ValidForPSUs);
+    zelo::print("%s : Power Mode is %d\n", name, e.u8PowerMode);
     e.u16ConfigProperties = properties;
     e.u8RedundancyN = r.byte(10);
     e.u8RedundancyM = r.byte(11);
@@ -102,9 +102,9 @@ void decodeConfigEntry(const char *name, Reader &r, RedundancyConfigEntry &e) {
 }
 
 void printBufferHead(const char *name, Reader &answer) {
-    std::printf("%s : Bufer ID is [%d]\n", name, answer.byte(4));
-    std::printf("%s : Bufer Index is [%d]\n", name, answer.byte(5));
-    std::printf("%s : Bufer Length is [%d]\n", name, answer.byte(6));
+    zelo::print("%s : Bufer ID is [%d]\n", name, answer.byte(4));
+    zelo::print("%s : Bufer Index is [%d]\n", name, answer.byte(5));
+    zelo::print("%s : Bufer Length is [%d]\n", name, answer.byte(6));
 }
 
 constexpr ExchangeTexts kConfigurationTexts{
@@ -159,7 +159,7 @@ uint8_t ZELO_ReadPowerSupplyPresenceRegister(uint8_t u8ModuleHandle, uint8_t u8R
                 report(kReportedError, "[%s] Failed to read Power Supply Presence info",
                        kPresence.name);
             else
-                std::printf("[%s] Power Supply Presence info is [%d]\n", kPresence.name, d[0]);
+                zelo::print("[%s] Power Supply Presence info is [%d]\n", kPresence.name, d[0]);
         });
 }
 
@@ -230,7 +230,7 @@ uint8_t ZELO_ReadSupportedPSUTypesIndexedBuffer(uint8_t u8ModuleHandle, uint8_t 
     if (GetInvokeElementMethodRequestBuffer(u8ModuleHandle, kElement,
                                             ZELO_METHOD_READ_INDEXED_BUFFER, kIndexedRequestLen,
                                             &x.request) != ZELO_RC_SUCCESS) {
-        std::printf("[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
+        zelo::print("[%s] Failed to call GetInvokeElementMethodRequestBuffer().\n", kName);
         return ZELO_RC_FAILURE;
     }
     x.request[6] = kPsuTypesBuffer;
@@ -282,10 +282,10 @@ uint8_t ZELO_ReadSupportedRedundancyConfigsIndexedBuffer(uint8_t u8ModuleHandle,
     decodeConfigEntry(kName, answer, *psEntry);
 
     const int listLen = static_cast<int>(answer.byte(6)) - static_cast<int>(kConfigEntryHeadLen);
-    std::printf("%s : PSU type index buf length is [%d]\n", kName, listLen);
+    zelo::print("%s : PSU type index buf length is [%d]\n", kName, listLen);
     uint8_t *list = listLen > 0 ? static_cast<uint8_t *>(std::calloc(listLen, 1)) : nullptr;
     if (listLen < 0 || (listLen > 0 && list == nullptr)) {
-        std::printf("[%s] Failed to allocate memory for PSU type index buffer.\n", kName);
+        zelo::print("[%s] Failed to allocate memory for PSU type index buffer.\n", kName);
         return ZELO_RC_SUCCESS;
     }
     // Copy only what arrived and what the configuration block allows; the

@@ -1,12 +1,13 @@
 // Redundancy report: the PSU types, every redundancy configuration with a
 // description, which are allowed under the current policy and target, and
 // which one is active, gathered into one record for a management interface.
+#include "report.h"
+
 #include <zelo/firmware.h>
 #include <zelo/powersupply.h>
 #include <zelo/registers.h>
 
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,10 +15,10 @@ namespace {
 
 constexpr uint8_t kFailedHere = 1;
 
-__attribute__((format(printf, 2, 3))) void setError(RedundancyConfigs &r, const char *format, ...) {
+ZELO_FORMAT(2, 3) void setError(RedundancyConfigs &r, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    std::vsnprintf(r.errorText, sizeof r.errorText, format, args);
+    zelo::formatText(r.errorText, sizeof r.errorText, format, args);
     va_end(args);
 }
 
@@ -27,14 +28,14 @@ bool describe(const RedundancyConfigEntry &e, const PSUTypeEntry *types, char (&
     const int n = e.u8RedundancyN;
     const int m = e.u8RedundancyM;
     if (e.u8PSUTypeIndexLen == 2) {
-        std::snprintf(text, sizeof text, "%i+%i with one %iW power supply per feed", n, m,
-                      types[list[0]].u16PSUWattage);
+        zelo::formatText(text, sizeof text, "%i+%i with one %iW power supply per feed", n, m,
+                         types[list[0]].u16PSUWattage);
     } else if (e.u8PSUTypeIndexLen == 4 && list[0] == list[1]) {
-        std::snprintf(text, sizeof text, "%i+%i with two %iW power supplies per feed", n, m,
-                      types[list[0]].u16PSUWattage);
+        zelo::formatText(text, sizeof text, "%i+%i with two %iW power supplies per feed", n, m,
+                         types[list[0]].u16PSUWattage);
     } else if (e.u8PSUTypeIndexLen == 4) {
-        std::snprintf(text, sizeof text, "%i+%i with one %iW and %iW power supply per feed", n, m,
-                      types[list[0]].u16PSUWattage, types[list[1]].u16PSUWattage);
+        zelo::formatText(text, sizeof text, "%i+%i with one %iW and %iW power supply per feed", n,
+                         m, types[list[0]].u16PSUWattage, types[list[1]].u16PSUWattage);
     } else {
         return false;
     }

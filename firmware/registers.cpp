@@ -3,13 +3,13 @@
 #include "exchange.h"
 #include "family.h"
 #include "register_access.h"
+#include "report.h"
 
 #include <zelo/firmware.h>
 #include <zelo/powersupply.h>
 #include <zelo/registers.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <type_traits>
 
@@ -204,11 +204,11 @@ ZELO_REGISTER_LIST(ZELO_GENERATE)
 uint8_t ZELO_ReadPOSTPowerSettingsRegister(uint8_t u8ModuleHandle, uint8_t *pu8Value) {
     static constexpr const char *kName = "ZELO_ReadPOSTPowerSettingsRegister";
     static constexpr RegisterRow kRow = registerRow("post-settings");
-    std::printf("[%s] read POST Power Settings Register\n", kName);
+    zelo::print("[%s] read POST Power Settings Register\n", kName);
     const uint8_t rc = readOne(kName, elementOf(kRow.element, kRow.reg), u8ModuleHandle, kRow.reg,
                                kRow.length, pu8Value);
     if (rc == ZELO_RC_SUCCESS)
-        std::printf("Post Power Settings register value is %d\n", *pu8Value);
+        zelo::print("Post Power Settings register value is %d\n", *pu8Value);
     return rc;
 }
 
@@ -219,7 +219,7 @@ uint8_t ZELO_ReadPcapMinHotplugRegister(uint8_t u8ModuleHandle, uint16_t *pu16Va
         return ZELO_RC_INVALID_PARAMETER;
     *pu16Value = 0;
     if (ZELO_IsSupportPowerCapMinHotplugRegister() == 0) {
-        std::printf("%s: Pcap Min hotplug is not supported!!!\n ", kName);
+        zelo::print("%s: Pcap Min hotplug is not supported!!!\n ", kName);
         return ZELO_RC_FAILURE;
     }
     return readOne(kName, elementOf(kRow.element, kRow.reg), u8ModuleHandle, kRow.reg, kRow.length,
@@ -267,7 +267,7 @@ uint8_t ZELO_ReadNumberOfPowerCyclesRegister(uint8_t u8ModuleHandle, uint16_t *p
 int ZELO_IsPowerCappingEnabled(void) {
     const uint8_t handle = ZELO_GetModuleHandle(0);
     if (handle == 0) {
-        std::printf("[%s]Failed to call ZELO_GetModuleHandle().\n", "ZELO_IsPowerCappingEnabled");
+        zelo::print("[%s]Failed to call ZELO_GetModuleHandle().\n", "ZELO_IsPowerCappingEnabled");
         return 0;
     }
     uint8_t settings = 0;
@@ -293,13 +293,13 @@ int ZELO_IsPowerCappingModeSupported(void) {
     static constexpr const char *kName = "ZELO_IsPowerCappingModeSupported";
     const uint8_t handle = ZELO_GetModuleHandle(0);
     if (handle == 0) {
-        std::printf("[%s]Failed to call ZELO_GetModuleHandle().\n", kName);
+        zelo::print("[%s]Failed to call ZELO_GetModuleHandle().\n", kName);
         return 0;
     }
     uint8_t mode = 0;
     const uint8_t rc = ZELO_ReadPcapModeRegister(handle, &mode);
     if (rc != ZELO_RC_SUCCESS) {
-        std::printf("[%s]ZELO_ReadPcapModeRegister() returns [%d].\n", kName, rc);
+        zelo::print("[%s]ZELO_ReadPcapModeRegister() returns [%d].\n", kName, rc);
         return 0;
     }
     return 1;

@@ -40,7 +40,7 @@ uint8_t GetInvokeElementMethodRequestBuffer(uint8_t u8ModuleHandle, uint8_t u8El
     if (ppu8Request == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *ppu8Request = nullptr;
-    // Our own guard: the head alone is 6 bytes, a shorter request cannot be built.
+    // The head alone is 6 bytes: a shorter request cannot be built.
     if (u32RequestLen < ZELO_REQUEST_HEAD_LEN)
         return ZELO_RC_FAILURE;
     auto *request = static_cast<uint8_t *>(std::calloc(u32RequestLen, 1));
@@ -107,7 +107,7 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
     if (ppu8Response == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     *ppu8Response = nullptr;
-    if (pu8Request == nullptr) // our own guard: nothing to send
+    if (pu8Request == nullptr) // nothing to send
         return ZELO_RC_FAILURE;
     // The caller's area first: without it nothing is sent.
     const uint32_t capacity = uint32_t{u8DataLen} + ZELO_RESPONSE_HEAD_LEN;
@@ -122,7 +122,7 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
 }
 
 uint8_t WriteRegister(uint8_t *pu8Request, uint32_t u32RequestLen) {
-    // Our own guard: a write request carries at least register id and length.
+    // A shorter request would be sent without its register id and length.
     if (pu8Request == nullptr || u32RequestLen < kReadRequestLen)
         return ZELO_RC_FAILURE;
     Exchange x;

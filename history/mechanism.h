@@ -6,6 +6,7 @@
 #include "history_internal.h"
 #include "hooks.h"
 #include "paths.h"
+#include "report.h"
 #include "samples.h"
 #include "support.h"
 
@@ -202,7 +203,7 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
     ReplacedFile file(path, historyFile(false));
     FILE *out = file.stream();
     if (out == nullptr) {
-        WriteToLog(name, "Error, couldn't open file", path);
+        zelo::report(zelo::traced(name, "Error, couldn't open file"), "%s", path);
         return 0;
     }
     // Built whole in memory and written at once: the file is small, and one
@@ -258,7 +259,7 @@ int generateFile(const Tracker<P> &h, const char *path, int next, int perRecord,
     if (!whole)
         return 0;
     if (!file.commit()) {
-        WriteToLog(name, "Error, couldn't open file", path);
+        zelo::report(zelo::traced(name, "Error, couldn't open file"), "%s", path);
         return 0;
     }
     return 1;
@@ -433,20 +434,20 @@ void track(Tracker<P> &h, uint64_t stamp, const typename P::Reading &reading) {
 template <class P>
 void print(Tracker<P> &h) {
     if (load(h) == 0) {
-        std::puts(P::kTexts.printLoadFailed);
+        zelo::print("%s\n", P::kTexts.printLoadFailed);
         return;
     }
     const auto &w = P::kPrintHeader;
-    std::printf("%5s %11s %5s %5s %5s %5s %5s %5s\n", w[0], w[1], w[2], w[3], w[4], w[5], w[6],
+    zelo::print("%5s %11s %5s %5s %5s %5s %5s %5s\n", w[0], w[1], w[2], w[3], w[4], w[5], w[6],
                 w[7]);
     const auto &f = P::kPrinted;
     for (uint16_t i = 0; i < kSlots; ++i) {
         const uint16_t slot = static_cast<uint16_t>((h.nextIndex + i) % kSlots);
         const auto &s = h.ring[slot];
-        std::printf("%5i %11i %5i %5i %5i %5i %5i %5i\n", slot, static_cast<int>(s.timestamp),
+        zelo::print("%5i %11i %5i %5i %5i %5i %5i %5i\n", slot, static_cast<int>(s.timestamp),
                     s.*f[0], s.*f[1], s.*f[2], s.*f[3], s.*f[4], s.*f[5]);
     }
-    std::printf("\nCurrent time=%i, Unknown sample=%i\n\n", static_cast<int>(hooks().time(nullptr)),
+    zelo::print("\nCurrent time=%i, Unknown sample=%i\n\n", static_cast<int>(hooks().time(nullptr)),
                 ZELO_POWER_HISTORY_UNKNOWN);
 }
 

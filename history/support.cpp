@@ -4,10 +4,6 @@
 #include "hooks.h"
 #include "report.h"
 
-#include "tracelog/verbosity.h"
-
-#include <zelo/tracelog.h>
-
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -15,15 +11,10 @@
 namespace zelo::history {
 
 void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...) {
-    // The tracker logs per sample; formatting a line nobody keeps would
-    // dominate a long gap fill.
-    if (trace::verbosity() < level)
-        return;
     va_list args;
     va_start(args, format);
-    formatText(msgBuf, sizeof msgBuf, format, args);
+    vreport(traced(function, tag, level), format, args);
     va_end(args);
-    WriteToPowerHistoryLog(level, function, tag, msgBuf);
 }
 
 ReplacedFile::Options historyFile(bool durable) {

@@ -4,6 +4,7 @@
 
 #include "bytes.h"
 #include "files.h"
+#include "report.h"
 
 #include <climits>
 #include <cstddef>
@@ -12,10 +13,11 @@
 
 namespace zelo::history {
 
-// Formats into msgBuf and hands the line to WriteToPowerHistoryLog; lines the
-// verbosity drops are not formatted at all.
+// A trace line kept from verbosity `level` on; the tracker logs per sample,
+// and a line the verbosity drops is not even formatted (it would dominate a
+// long gap fill).
 void traceLine(int32_t level, const char *function, const char *tag, const char *format, ...)
-    __attribute__((format(printf, 4, 5)));
+    ZELO_FORMAT(4, 5);
 
 inline void putLe16(uint8_t *at, uint16_t value) {
     putLe(at, value, 2);

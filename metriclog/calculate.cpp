@@ -1,11 +1,11 @@
 // Interval figures: each running total of a new snapshot is differenced
 // against the previous snapshot into an average, and the histogram's changed
 // buckets give the DC minimum and maximum.
+#include "report.h"
 #include "state.h"
 
 #include <zelo/firmware.h>
 #include <zelo/metriclog.h>
-#include <zelo/tracelog.h>
 
 #include <cmath>
 #include <cstdlib>
@@ -19,7 +19,7 @@ HistogramData sLastHistogramData{};
 namespace {
 
 void trace(const char *level, const char *message) {
-    WriteToLog("CalculateSnapshotValue", level, message);
+    zelo::report(zelo::traced("CalculateSnapshotValue", level), "%s", message);
 }
 
 // The DC figures live in the AC record on a blade.
@@ -121,7 +121,7 @@ void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, Histogram
                                              bool blade) {
     if (psBuffer == nullptr || h.pu8BucketData == nullptr) {
         trace("ERROR", "Empty input buffer");
-        // Our own choice: nothing may leak, also on a call the daemon never makes.
+        // Released here too: nothing may leak, also on a call the daemon never makes.
         releaseHistogram(h);
         return;
     }

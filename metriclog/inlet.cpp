@@ -7,10 +7,8 @@
 #include <zelo/firmware.h>
 #include <zelo/metriclog.h>
 #include <zelo/platform.h>
-#include <zelo/tracelog.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -75,9 +73,8 @@ int collect(const uint8_t *area, uint32_t count) {
             node->szTemperature, reading,
             strnlen(reading, std::min<std::size_t>(kReadingMax, kRecordLen - kReadingOffset)));
         if (std::strcmp(node->szTemperature, kUnavailable) == 0) {
-            std::snprintf(msgBuf, sizeof msgBuf, "Sensor[%s] 's inlet temp is %s", name,
-                          node->szTemperature);
-            WriteToLog(kWriteFunction, "WARN", msgBuf);
+            zelo::report(zelo::traced(kWriteFunction, "WARN"), "Sensor[%s] 's inlet temp is %s",
+                         name, node->szTemperature);
         }
         node->psNext = list.psSensor;
         list.psSensor = node;
@@ -98,7 +95,8 @@ void releaseCycleInlets() {
 
 void acquireInlets(bool blade) {
     if (gatherInletReadings(blade) == 1) {
-        WriteToLog("CreateDataLog", "ERROR", " -- Failed to get inlet temperature!");
+        zelo::report(zelo::traced("CreateDataLog", "ERROR"),
+                     " -- Failed to get inlet temperature!");
         releaseCycleInlets(); // the record carries none
         return;
     }
@@ -128,7 +126,7 @@ int WriteBladeInletTemperatureFromInletSensor(void) {
 
 int zelo::metriclog::gatherInletReadings(bool blade) {
     if (!blade) {
-        std::printf("%s -- non-blade platform does not need read inlet temperature from ipmi "
+        zelo::print("%s -- non-blade platform does not need read inlet temperature from ipmi "
                     "sensor at all\n",
                     kWriteFunction);
         return 0;
@@ -136,7 +134,7 @@ int zelo::metriclog::gatherInletReadings(bool blade) {
     // Zeroed, so bytes a platform claims but never wrote read as empty texts.
     auto *area = static_cast<uint8_t *>(std::calloc(kAreaLen, 1));
     if (area == nullptr) {
-        std::printf("Unable to malloc (%d bytes)memory for sensor info\n)",
+        zelo::print("Unable to malloc (%d bytes)memory for sensor info\n)",
                     static_cast<int>(kAreaLen));
         return 1;
     }
@@ -145,13 +143,13 @@ int zelo::metriclog::gatherInletReadings(bool blade) {
     const int rc = GetAllSensorInfoByType(&delivered, kAreaLen, &type, area);
     int result = 1;
     if (rc != 0) {
-        std::printf("Unable to get sensor info (type %d), KIV returned %d\n", type, rc);
+        zelo::print("Unable to get sensor info (type %d), KIV returned %d\n", type, rc);
     } else if (delivered < kRecordLen) {
-        std::printf("No sensor info for type %d\n", type);
+        zelo::print("No sensor info for type %d\n", type);
     } else {
         // A platform claiming more than the area holds must not lead the walk past it.
         const uint32_t count = std::min(delivered, kAreaLen) / kRecordLen;
-        std::printf("totally there are %d sensor info for type %d\n", static_cast<int>(count),
+        zelo::print("totally there are %d sensor info for type %d\n", static_cast<int>(count),
                     type);
         result = collect(area, count);
     }
@@ -166,7 +164,7 @@ void CopyInletTemperatureSnapshotBuffer(BladeInletSensorBuffer *psDest,
     if (psDest == nullptr || psSource == nullptr)
         return;
     const uint8_t count = psSource->u8SensorNum;
-    std::printf("%s --source len [%d] --dest len [%d]\n", "CopyInletTemperatureSnapshotBuffer",
+    zelo::print("%s --source len [%d] --dest len [%d]\n", "CopyInletTemperatureSnapshotBuffer",
                 count, count);
     psDest->psSensor = nullptr;
     InletSensorTemperature **tail = &psDest->psSensor;

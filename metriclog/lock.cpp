@@ -7,7 +7,6 @@
 #include "state.h"
 
 #include <zelo/metriclog.h>
-#include <zelo/tracelog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -43,9 +42,7 @@ constexpr std::time_t kStaleLockSeconds = 300;
 constexpr int64_t kWaitTraceSeconds = 60;
 
 void traceLock(const char *level, const char *format, long value) {
-    char message[256];
-    std::snprintf(message, sizeof message, format, kLockFile, value);
-    WriteToLog("WaitValueLock", level, message);
+    zelo::report(zelo::traced("WaitValueLock", level), format, kLockFile, value);
 }
 
 // The pid a lock file names; 0 when it names none (empty, being written, the
@@ -84,7 +81,7 @@ uint64_t bootTime() {
 // When process `pid` started, in seconds since the epoch; 0 when unknown.
 std::time_t startOf(pid_t pid) {
     char path[32], text[1024];
-    std::snprintf(path, sizeof path, "/proc/%ld/stat", static_cast<long>(pid));
+    zelo::formatText(path, sizeof path, "/proc/%ld/stat", static_cast<long>(pid));
     const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
     const ssize_t n = fd >= 0 ? ::read(fd, text, sizeof text - 1) : -1;
     if (fd >= 0)
@@ -131,14 +128,12 @@ Stale removeNotAFile(const char *path, const struct stat &seen) {
         return Stale::Removed;
     }
     char aside[48];
-    std::snprintf(aside, sizeof aside, "zelo.lock.%llu",
-                  static_cast<unsigned long long>(seen.st_ino));
+    zelo::formatText(aside, sizeof aside, "zelo.lock.%llu",
+                     static_cast<unsigned long long>(seen.st_ino));
     if (directory && zelo::renameOwnFile(path, aside) == 0) {
-        char message[PATH_MAX + 96];
-        std::snprintf(message, sizeof message,
-                      "Lock file '%s' was a directory with entries: renamed to '%s'", kLockFile,
-                      aside);
-        WriteToLog("WaitValueLock", "WARNING", message);
+        zelo::report(zelo::traced("WaitValueLock", "WARNING"),
+                     "Lock file '%s' was a directory with entries: renamed to '%s'", kLockFile,
+                     aside);
         return Stale::Removed;
     }
     traceLock("ERROR", "Lock file '%s' is not a regular file and cannot be removed (errno %ld)",
@@ -206,7 +201,7 @@ class Release {
         const char *slash = std::strrchr(path_, '/');
         const auto length = static_cast<std::size_t>(slash - path_);
         fd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        std::snprintf(dir, sizeof dir, "%.*s", static_cast<int>(length), path_);
+        zelo::formatText(dir, sizeof dir, "%.*s", static_cast<int>(length), path_);
         if (fd_ >= 0 && ::inotify_add_watch(fd_, dir,
                                             IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF |
                                                 IN_MOVE_SELF | IN_ONLYDIR | IN_DONT_FOLLOW) < 0) {
@@ -238,7 +233,7 @@ class Release {
 class Wanted {
   public:
     explicit Wanted(const char *lockPath) {
-        std::snprintf(path_, sizeof path_, "%s.wanted", lockPath);
+        zelo::formatText(path_, sizeof path_, "%s.wanted", lockPath);
     }
     ~Wanted() {
         if (posted_)
@@ -284,7 +279,7 @@ void abandonLockWaitWhen(bool (*abandon)()) {
 LockWait takeLock(unsigned boundSeconds, bool yield) {
     char path[PATH_MAX];
     if (!logPath(kLockFile, path, sizeof path)) {
-        WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
+        zelo::report(zelo::traced("WaitValueLock", "ERROR"), "Can't open lock file");
         return LockWait::Unavailable;
     }
     Release release(path);
@@ -303,12 +298,13 @@ LockWait takeLock(unsigned boundSeconds, bool yield) {
                 // A lock that names no pid is still the lock; waiters break it
                 // only once it is old, so a failed write costs nothing but that.
                 if (::write(fd, pid, static_cast<std::size_t>(n)) != n)
-                    WriteToLog("WaitValueLock", "ERROR", "Can't write the pid into the lock file");
+                    zelo::report(zelo::traced("WaitValueLock", "ERROR"),
+                                 "Can't write the pid into the lock file");
                 ::close(fd);
                 return LockWait::Taken;
             }
             if (errno != EEXIST) {
-                WriteToLog("WaitValueLock", "ERROR", "Can't open lock file");
+                zelo::report(zelo::traced("WaitValueLock", "ERROR"), "Can't open lock file");
                 return LockWait::Unavailable;
             }
             const Stale stale = removeStaleLock(path, &owner, unnamedBeforeWait, &unnamed);
@@ -366,10 +362,8 @@ void WriteUCToFile(const char *pszPath, uint8_t u8Value) {
     zelo::ReplacedFile file(pszPath, options);
     if (file.stream() == nullptr || std::fwrite(&u8Value, 1, 1, file.stream()) != 1 ||
         !file.commit()) {
-        char message[1024];
-        std::snprintf(message, sizeof message, "Can't write %u to %s", u8Value,
-                      pszPath != nullptr ? pszPath : "(null)");
-        WriteToLog("WriteUCToFile", "ERROR", message);
+        zelo::report(zelo::traced("WriteUCToFile", "ERROR"), "Can't write %u to %s", u8Value,
+                     pszPath != nullptr ? pszPath : "(null)");
     }
 }
 

@@ -33,7 +33,7 @@ uint8_t u8LogFileNum = 0;
 namespace {
 
 void trace(const char *level, const char *message) {
-    WriteToLog("CreateDataLog", level, message);
+    zelo::report(zelo::traced("CreateDataLog", level), "%s", message);
 }
 
 // A record built in memory, little-endian, field by field: the file never
@@ -195,7 +195,7 @@ int zelo::metriclog::recordSnapshot(const SnapshotBuffer &s,
     FILE *file = logPath(name, path, sizeof path) ? record.stream() : nullptr;
     if (file == nullptr) {
         const int error = errno != 0 ? errno : EIO;
-        std::snprintf(message, sizeof message, "Can't create file: %.1000s", path);
+        zelo::formatText(message, sizeof message, "Can't create file: %.1000s", path);
         trace("ERROR", message);
         return error;
     }
@@ -203,8 +203,8 @@ int zelo::metriclog::recordSnapshot(const SnapshotBuffer &s,
     // the previous newest, and its slot is tried again next time.
     if (!out.writeTo(file) || !record.commit()) {
         const int error = errno != 0 ? errno : EIO;
-        std::snprintf(message, sizeof message, "Can't write file: %.900s (%s)", path,
-                      std::strerror(error));
+        zelo::formatText(message, sizeof message, "Can't write file: %.900s (%s)", path,
+                         std::strerror(error));
         trace("ERROR", message);
         return error;
     }

@@ -3,6 +3,7 @@
 #include "firmware/discovery_internal.h"
 #include "history/history_internal.h"
 #include "metriclog/cycle.h"
+#include "report.h"
 #include "scenario.h"
 #include "tracelog/state.h"
 
@@ -65,6 +66,7 @@ void PlatformTest::SetUp() {
     trace::s32PowerHistoryLogLevel = 0;
     hooks->sysinfo = fakeSysinfo;
     hooks->syslog = recordSyslog;
+    setConsole(true);
     char tmpl[] = "/tmp/zelo-test-XXXXXX";
     ASSERT_NE(::mkdtemp(tmpl), nullptr);
     root = tmpl;

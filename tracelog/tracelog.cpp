@@ -5,6 +5,7 @@
 
 #include "files.h"
 #include "paths.h"
+#include "report.h"
 
 #include <zelo/tracelog.h>
 
@@ -50,8 +51,8 @@ bool currentLogPath(char *out, std::size_t cap) {
     if (u32TraceLogIndex < 2)
         return resolvePath(kFiles[u32TraceLogIndex], out, cap);
     char path[256];
-    std::snprintf(path, sizeof path, "%szelo_trace_log_%u.txt", kTraceDir,
-                  static_cast<unsigned>(u32TraceLogIndex));
+    zelo::formatText(path, sizeof path, "%szelo_trace_log_%u.txt", kTraceDir,
+                     static_cast<unsigned>(u32TraceLogIndex));
     return resolvePath(path, out, cap);
 }
 
@@ -112,8 +113,9 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
     if (now != stampedAt) {
         struct tm local {};
         localtime_r(&now, &local);
-        std::snprintf(stamp, sizeof stamp, "%d%02d%02d-%02d%02d%02d", local.tm_year + 1900,
-                      local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+        zelo::formatText(stamp, sizeof stamp, "%d%02d%02d-%02d%02d%02d", local.tm_year + 1900,
+                         local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                         local.tm_sec);
         stampedAt = now;
     }
 
@@ -134,14 +136,14 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
             closeLog();
             return 0;
         }
-        std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
+        zelo::formatText(gLog.path, sizeof gLog.path, "%s", path);
     }
     if (st.st_size > static_cast<off_t>(kRotateAboveBytes)) {
         closeLog();
         u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
         if (!currentLogPath(path, sizeof path) || (gLog.fd = openTraceFile(path, true)) < 0)
             return 0;
-        std::snprintf(gLog.path, sizeof gLog.path, "%s", path);
+        zelo::formatText(gLog.path, sizeof gLog.path, "%s", path);
     }
 
     // STAMP [LEVEL] "FUNCTION": MESSAGE, or STAMP [LEVEL] Empty msg: one

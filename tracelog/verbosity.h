@@ -9,7 +9,8 @@ namespace zelo::trace {
 // Checked (and made) by the daemon at start-up.
 inline constexpr const char *kTraceDir = "/tmp/zelo_trace/";
 
-// What WriteToPowerHistoryLog lets through: lines of this level and below.
+// What the trace keeps of leveled lines (the library's, through its
+// diagnostic channel, and WriteToPowerHistoryLog's): this level and below.
 int32_t verbosity();
 // The daemon sets it from the store every cycle.
 void setVerbosity(int32_t level);

@@ -24,12 +24,13 @@
  * names that can be pasted (MY_##access) in the macro that receives them; a
  * macro they are handed on to sees the numbers.
  *
- * For example, the names and widths of the writable registers:
+ * For example, the name and width of each writable register handed to a
+ * function of the caller's:
  *
  *   #define WRITABLE(name, element, reg, length, type, label, access, form, \
  *                    read, write)                                           \
  *       if ((access) & ZELO_ACCESS_W)                                        \
- *           printf("%s %d\n", name, length);
+ *           show_writable(name, length);
  *   ZELO_REGISTER_LIST(WRITABLE)
  */
 #ifndef ZELO_REGISTER_LIST_H

@@ -80,6 +80,12 @@ TEST(HistoryFormat, PlainTextsAsTheGeneralFormatterWritesThem) {
     EXPECT_EQ(both(4, "%s", "longer"), std::make_pair(true, true));
     for (const char *other : {"%llu", "%5i", "%x", "%i and %lu", "trailing %"})
         EXPECT_EQ(both(64, other, 1), std::make_pair(false, true)) << other;
+    // formatText returns the whole length, as vsnprintf does, also when cut.
+    char cut[4];
+    EXPECT_EQ(zelo::formatText(cut, sizeof cut, "%s", "longer"), 6);
+    EXPECT_EQ(zelo::formatText(cut, sizeof cut, "%llu", 1234567ULL), 7);
+    EXPECT_EQ(zelo::formatText(cut, sizeof cut, "%s", "abc"), 3);
+    EXPECT_STREQ(cut, "abc");
 }
 
 TEST_F(HistoryTrackerTest, TheStartUpCallWritesTheSummaries) {

@@ -1,6 +1,7 @@
 // The trace log's line format and its two files taking turns.
 #include "fake_platform.h"
 
+#include "report.h"
 #include "tracelog/state.h"
 
 #include <zelo/tracelog.h>
@@ -113,6 +114,56 @@ TEST_F(TraceLogTest, RotatesOnlyAboveTheLimitAndTruncatesTheOtherFile) {
     EXPECT_EQ(trace::u32TraceLogIndex, 1u);
     EXPECT_TRUE(
         std::regex_match(contents(1), std::regex("[0-9-]{15} \\[Log\\] \"f\": file 1 again\n")));
+}
+
+// Each message goes where its notice says and nowhere else: a trace line
+// (whole when handed over as "%s", else cut to the message buffer; one with a
+// verbosity only while the configured one reaches it), a report line on the
+// console and in the system log, console text as formatted, the journal.
+TEST_F(TraceLogTest, TheChannelSendsEachMessageWhereItsNoticeSays) {
+    const std::string path(1500, 'p');
+    const struct {
+        Notice notice;
+        bool console;
+        const char *format;
+        const char *argument;
+        std::string traced, out, syslog, err;
+    } cases[] = {
+        {zelo::traced("f", "ERROR"), true, "%s", path.c_str(), "[ERROR] \"f\": " + path, "", "",
+         ""},
+        {zelo::traced("f", "Log"), true, "%s.", path.c_str(),
+         "[Log] \"f\": " + path.substr(0, ZELO_MSG_BUF_SIZE - 1), "", "", ""},
+        {zelo::traced("f", "Log", 1), true, "%s", "too detailed", "", "", "", ""},
+        {zelo::traced("f", "Log", 0), false, "%s", "kept", "[Log] \"f\": kept", "", "", ""},
+        {kPrinted, true, "[%s] no line feed", "op", "", "[op] no line feed\n", "", ""},
+        {kPrinted, false, "[%s] off", "op", "", "", "", ""},
+        {kReportedWarning, false, "[%s] logged\n", "op", "", "", "4:[op] logged\n", ""},
+        {kReportedError, true, "%s", "both", "", "both\n", "3:both", ""},
+        {kConsole, true, "%5s|", "ab", "", "   ab|", "", ""},
+        {kConsole, false, "%s", "off", "", "", "", ""},
+        {kJournal, false, "zelo: %s\n", "told", "", "", "", "zelo: told\n"},
+    };
+    for (const auto &c : cases) {
+        std::filesystem::remove(file(0));
+        fake().syslog.clear();
+        setConsole(c.console);
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        report(c.notice, c.format, c.argument);
+        std::fflush(stdout);
+        const std::string out = testing::internal::GetCapturedStdout();
+        const std::string err = testing::internal::GetCapturedStderr();
+        setConsole(true);
+        const std::string line = contents(0);
+        EXPECT_EQ(line.empty() ? "" : line.substr(16, line.size() - 17), c.traced) << c.format;
+        EXPECT_EQ(out, c.out) << c.format;
+        EXPECT_EQ(fake().syslog.empty()
+                      ? ""
+                      : std::to_string(fake().syslog[0].first) + ":" + fake().syslog[0].second,
+                  c.syslog)
+            << c.format;
+        EXPECT_EQ(err, c.err) << c.format;
+    }
 }
 
 // Escapes whole or not at all when room runs out; the result's length comes
