@@ -2,6 +2,7 @@
 // layout, which depends on the platform family and two capability registers.
 #include "bytes.h"
 #include "cycle.h"
+#include "snapshot_records.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
@@ -21,35 +22,7 @@ constexpr uint32_t kExtTimestamp = 0x10;
 constexpr uint32_t kExtSubsystems = 0x20;
 constexpr std::size_t kSkippedBlockLen = 16;
 
-// A read position in the raw buffer that never passes its end: a read that
-// would is refused and leaves the cursor failed.
-class Cursor {
-  public:
-    Cursor(const uint8_t *data, std::size_t length) : data_(data), length_(length) {}
-
-    // The next `width` bytes as one big-endian number (low 64 bits kept).
-    uint64_t take(std::size_t width) {
-        const std::size_t at = offset_;
-        if (!skip(width))
-            return 0;
-        return zelo::getBe(data_ + at, width);
-    }
-    bool skip(std::size_t count) {
-        if (!ok_ || count > length_ - offset_)
-            return ok_ = false;
-        offset_ += count;
-        return true;
-    }
-    const uint8_t *here() const { return data_ + offset_; }
-    bool ok() const { return ok_; }
-    std::size_t offset() const { return offset_; }
-
-  private:
-    const uint8_t *data_;
-    std::size_t length_;
-    std::size_t offset_ = 0;
-    bool ok_ = true;
-};
+using zelo::Reader;
 
 MetricStat *newStat(uint64_t average) {
     auto *stat = static_cast<MetricStat *>(std::calloc(1, sizeof(MetricStat)));
@@ -58,7 +31,7 @@ MetricStat *newStat(uint64_t average) {
     return stat;
 }
 
-uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
+uint8_t layoutDoesNotFit(const Reader &cursor, uint16_t rawLength) {
     std::printf(
         "[%s] The snapshot layout does not fit the %d bytes of the buffer (at offset %d).\n",
         "ParseSnapshotBuffer", rawLength, static_cast<int>(cursor.offset()));
@@ -118,7 +91,7 @@ uint8_t snapshotConfiguration(Layout &layout, uint8_t handle, Layout::Snapshot &
 constexpr int kDoesNotFit = -1;
 
 // The input power block: E entries, each R x (A + W1 + W2) bytes apart.
-int parseInputPower(Layout &layout, uint8_t handle, Cursor &cursor, SnapshotBuffer &s) {
+int parseInputPower(Layout &layout, uint8_t handle, Reader &cursor, SnapshotBuffer &s) {
     std::array<uint8_t, 8> b{};
     const uint8_t rc = inputPowerConfiguration(layout, handle, b);
     const uint8_t entries = b[1], repeat = b[2], lead = b[3], width1 = b[4], width2 = b[5];
@@ -135,7 +108,7 @@ int parseInputPower(Layout &layout, uint8_t handle, Cursor &cursor, SnapshotBuff
     s.u8PowerSupplyACNum = entries;
     const std::size_t entryLen = std::size_t{lead} + width1 + width2;
     for (uint8_t i = 0; i < entries; ++i) {
-        Cursor entry = cursor;
+        Reader entry = cursor;
         entry.skip(lead);
         s.psPowerSupplyAC[i].u64Avg = entry.take(width1);
         s.psPowerSupplyAC[i].u64Max = entry.take(width2);
@@ -146,7 +119,7 @@ int parseInputPower(Layout &layout, uint8_t handle, Cursor &cursor, SnapshotBuff
 }
 
 // The subsystem list: a count, then (type, eight-byte value) pairs.
-uint8_t parseSubsystems(Cursor &cursor, SnapshotBuffer &s) {
+uint8_t parseSubsystems(Reader &cursor, SnapshotBuffer &s) {
     const auto count = static_cast<unsigned>(cursor.take(1));
     for (unsigned i = 0; i < count && cursor.ok(); ++i) {
         const auto type = static_cast<int>(cursor.take(1));
@@ -182,26 +155,19 @@ uint8_t parseSubsystems(Cursor &cursor, SnapshotBuffer &s) {
     return cursor.ok() ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
 }
 
-void releaseArrays(SnapshotBuffer &s) {
-    MetricStat *arrays[] = {s.psPowerSupplyAC, s.psPowerSupplyDC, s.psSystemAC,
-                            s.psSystemDC,      s.psCPUPower,      s.psMemoryPower,
-                            s.psCoolingPower,  s.psEffectiveCPU};
-    for (MetricStat *array : arrays)
-        std::free(array);
-}
-
 uint8_t parse(uint8_t u8ModuleHandle, const uint8_t *pu8Raw, uint16_t u16RawLength,
               SnapshotBuffer *psBuffer, HistogramData *psHistogram, bool blade, Layout &layout) {
     if (pu8Raw == nullptr || psBuffer == nullptr || psHistogram == nullptr)
         return ZELO_RC_INVALID_PARAMETER;
     SnapshotBuffer &s = *psBuffer;
-    Cursor cursor(pu8Raw, u16RawLength);
+    Reader cursor(pu8Raw, u16RawLength);
 
     s.u8PowerStatus = static_cast<uint8_t>(cursor.take(1));
     const uint64_t firstPower = cursor.take(8);
     if (!cursor.ok())
         return layoutDoesNotFit(cursor, u16RawLength);
-    MetricStat *&firstRecord = blade ? s.psSystemAC : s.psSystemDC;
+    // The first value is the DC power.
+    MetricStat *&firstRecord = s.*zelo::acquisition::powerRecords(blade).dc;
     if ((firstRecord = newStat(firstPower)) == nullptr)
         return ZELO_RC_NO_MEMORY;
 
@@ -424,7 +390,7 @@ uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psH
 void FreeSnapshotBuffer(SnapshotBuffer *psBuffer) {
     if (psBuffer == nullptr)
         return;
-    releaseArrays(*psBuffer);
+    zelo::acquisition::releaseRecords(*psBuffer);
     std::free(psBuffer);
 }
 

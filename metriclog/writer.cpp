@@ -2,9 +2,10 @@
 // rotating files, the counters, the published power figures and the power
 // history sample.
 #include "acquisition/cycle.h"
-#include "bytes.h"
+#include "acquisition/snapshot_records.h"
 #include "files.h"
 #include "inlet_internal.h"
+#include "record_codec.h"
 #include "report.h"
 #include "state.h"
 
@@ -21,7 +22,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <iterator>
 #include <vector>
 
@@ -36,75 +36,28 @@ void trace(const char *level, const char *message) {
     WriteToLog("CreateDataLog", level, message);
 }
 
-// A record built in memory, little-endian, field by field: the file never
-// depends on the host's layout, and it is written with one call.
-class Encoder {
-  public:
-    Encoder() { bytes_.reserve(512); }
-    void le(uint64_t value, std::size_t width) {
-        uint8_t at[8];
-        putLe(at, value, width);
-        bytes_.insert(bytes_.end(), at, at + width);
-    }
-    void stat(const MetricStat &s) {
-        le(s.u64Avg, 8);
-        le(s.u64Max, 8);
-        le(s.u64Min, 8);
-    }
-    // A presence byte, then the record when there is one.
-    void optional(const MetricStat *s) {
-        le(s != nullptr ? 1 : 0, 1);
-        if (s != nullptr)
-            stat(*s);
-    }
-    // A count byte and that many records (none when the array is missing).
-    void array(uint8_t count, const MetricStat *stats) {
-        le(count, 1);
-        for (uint8_t i = 0; stats != nullptr && i < count; ++i)
-            stat(stats[i]);
-    }
-    void raw(const char *text, std::size_t n) { bytes_.insert(bytes_.end(), text, text + n); }
-    bool writeTo(FILE *file) const {
-        return std::fwrite(bytes_.data(), 1, bytes_.size(), file) == bytes_.size();
-    }
-
-  private:
-    std::vector<uint8_t> bytes_;
-};
-
-void putInletReadings(Encoder &out) {
-    const BladeInletSensorBuffer &list = sBladeInletSensorBuffer;
-    out.le(list.u8SensorNum, 1);
-    const InletSensorTemperature *node = list.psSensor;
-    for (unsigned i = 0; i < list.u8SensorNum && node != nullptr; ++i, node = node->psNext) {
-        out.le(node->u32SensorIndex, 4);
-        out.raw(node->szTemperature, sizeof node->szTemperature);
-    }
-}
-
-// The figures the cycle read (`cycle`), or read now as the exported writer does.
-void putPerformance(Encoder &out, const zelo::acquisition::CyclePerformance *cycle) {
-    MetricStat perf[4] = {};
+// The figures the cycle read (`cycle`), or read now as the exported writer
+// does, into perf; false when there are none.
+bool readPerformance(const zelo::acquisition::CyclePerformance *cycle, MetricStat *perf) {
     if (cycle != nullptr ? !cycle->extremes : (ReadPerformanceDataFromXPM(perf) & 0xFF) != 0) {
         zelo::print("%s - fails to read performance data from xpm", "CreateDataLog");
-        return;
+        return false;
     }
     if (cycle != nullptr)
         std::copy(std::begin(cycle->stats), std::end(cycle->stats), perf);
-    static constexpr const char *kLines[4][3] = {
+    static constexpr const char *kLines[kPerformanceRecords][3] = {
         {"SysPerf.Avg : %lld\n", "SysPerf.Max : %lld\n", "SysPerf.Min : %lld\n"},
         {"CPUPerf.Avg: %lld\n", "CPUPerf.Max: %lld\n", "CPUPerf.Min : %lld\n"},
         {"MemPerf.Avg: %lld\n", "MemPerf.Max: %lld\n", "MemPerf.Min : %lld\n"},
         {"IOPerf.Avg: %lld\n", "IOPerf.Max: %lld\n", "IOPerf.Min : %lld\n"},
     };
-    for (int i = 0; i < 4; ++i) {
+    for (std::size_t i = 0; i < kPerformanceRecords; ++i) {
         zelo::print(kLines[i][0], static_cast<long long>(perf[i].u64Avg));
         zelo::print(kLines[i][1], static_cast<long long>(perf[i].u64Max));
         zelo::print(kLines[i][2], static_cast<long long>(perf[i].u64Min));
     }
-    for (const MetricStat &stat : perf)
-        out.optional(&stat);
     zelo::print("Write perf datas into /tmp/zelo_*.log \n");
+    return true;
 }
 
 // Publishes one record's three figures; an absent record publishes zeros.
@@ -139,14 +92,12 @@ size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psStat, int s3
     if (psFile == nullptr)
         return 0;
     const bool present = psStat != nullptr && !(s32Mode == 1 && psStat->u64Avg == 0);
-    uint8_t bytes[1 + kStatBytes] = {present ? uint8_t{1} : uint8_t{0}};
+    uint8_t bytes[kOptionalBytes];
+    const std::size_t length = putOptional(present ? psStat : nullptr, bytes);
     if (!present)
-        return std::fwrite(bytes, 1, 1, psFile);
-    zelo::putLe(bytes + 1, psStat->u64Avg, 8);
-    zelo::putLe(bytes + 9, psStat->u64Max, 8);
-    zelo::putLe(bytes + 17, psStat->u64Min, 8);
+        return std::fwrite(bytes, 1, length, psFile);
     // The count of the last field's bytes, as fwrite of each field returned.
-    return std::fwrite(bytes, 1, sizeof bytes, psFile) == sizeof bytes ? 8 : 0;
+    return std::fwrite(bytes, 1, length, psFile) == length ? 8 : 0;
 }
 
 void CreateDataLog(SnapshotBuffer *psBuffer, HistogramData sHistogramData) {
@@ -183,31 +134,25 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
 
     calculateSnapshotValue(&s, sHistogramData, blade);
 
-    Encoder out;
-    out.array(s.u8PowerSupplyACNum, s.psPowerSupplyAC);
-    out.array(s.u8PowerSupplyDCNum, s.psPowerSupplyDC);
-    for (const MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
-                                     s.psCoolingPower, s.psEffectiveCPU})
-        out.optional(single);
-    out.le(s.u8InletTemperature, 1);
-    out.le(s.u8OutletTemperature, 1);
-    out.le(s.u64Timestamp, 8);
-    out.le(s.u8PowerStatus, 1);
-
+    const BladeInletSensorBuffer *readings = nullptr;
     if (gatherInletReadings(blade) == 1) {
         trace("ERROR", " -- Failed to get inlet temperature!");
-        out.le(0, 1);
     } else {
         zelo::print("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
                     sBladeInletSensorBuffer.u8SensorNum);
-        putInletReadings(out);
+        readings = &sBladeInletSensorBuffer;
     }
-    if ((perf != nullptr ? perf->supported : NM_Performance_IsSupported()) == 1)
-        putPerformance(out, perf);
+    MetricStat performance[kPerformanceRecords] = {};
+    const bool withPerformance =
+        (perf != nullptr ? perf->supported : NM_Performance_IsSupported()) == 1 &&
+        readPerformance(perf, performance);
+    std::vector<uint8_t> bytes;
+    bytes.reserve(512);
+    encode(s, readings, withPerformance ? performance : nullptr, bytes);
     // A record not written whole is not counted: the counters keep naming
     // the previous newest, and its slot is tried again next time.
     int error = 0;
-    if (out.writeTo(file) && record.commit()) {
+    if (std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size() && record.commit()) {
         if (u8LogFileNum < kLogFileCount)
             writeCounter(kNumFile, ++u8LogFileNum);
         writeCounter(kLastFile, u8LogFileIndex);
@@ -221,8 +166,9 @@ int zelo::metriclog::createDataLog(SnapshotBuffer *psBuffer, HistogramData &sHis
 
     // On a blade the DC figures are in the AC record: the dc keys carry it,
     // published first.
-    const MetricStat *acRecord = blade ? s.psSystemDC : s.psSystemAC;
-    const MetricStat *dcRecord = blade ? s.psSystemAC : s.psSystemDC;
+    const auto power = zelo::acquisition::powerRecords(blade);
+    const MetricStat *acRecord = s.*power.ac;
+    const MetricStat *dcRecord = s.*power.dc;
     const auto publishAc = [acRecord] {
         publish("ZELO_total_ac_power_in_use_Avg", "ZELO_total_ac_power_in_use_Min",
                 "ZELO_total_ac_power_in_use_Max", acRecord);
