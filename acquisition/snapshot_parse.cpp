@@ -3,6 +3,7 @@
 #include "bytes.h"
 #include "cycle.h"
 #include "report.h"
+#include "snapshot_records.h"
 
 #include <zelo/acquisition.h>
 #include <zelo/firmware.h>
@@ -21,35 +22,7 @@ constexpr uint32_t kExtTimestamp = 0x10;
 constexpr uint32_t kExtSubsystems = 0x20;
 constexpr std::size_t kSkippedBlockLen = 16;
 
-// A read position in the raw buffer that never passes its end: a read that
-// would is refused and leaves the cursor failed.
-class Cursor {
-  public:
-    Cursor(const uint8_t *data, std::size_t length) : data_(data), length_(length) {}
-
-    // The next `width` bytes as one big-endian number (low 64 bits kept).
-    uint64_t take(std::size_t width) {
-        const std::size_t at = offset_;
-        if (!skip(width))
-            return 0;
-        return zelo::getBe(data_ + at, width);
-    }
-    bool skip(std::size_t count) {
-        if (!ok_ || count > length_ - offset_)
-            return ok_ = false;
-        offset_ += count;
-        return true;
-    }
-    const uint8_t *here() const { return data_ + offset_; }
-    bool ok() const { return ok_; }
-    std::size_t offset() const { return offset_; }
-
-  private:
-    const uint8_t *data_;
-    std::size_t length_;
-    std::size_t offset_ = 0;
-    bool ok_ = true;
-};
+using zelo::Reader;
 
 MetricStat *newStat(uint64_t average) {
     auto *stat = static_cast<MetricStat *>(std::calloc(1, sizeof(MetricStat)));
@@ -58,7 +31,7 @@ MetricStat *newStat(uint64_t average) {
     return stat;
 }
 
-uint8_t layoutDoesNotFit(const Cursor &cursor, uint16_t rawLength) {
+uint8_t layoutDoesNotFit(const Reader &cursor, uint16_t rawLength) {
     zelo::print(
         "[%s] The snapshot layout does not fit the %d bytes of the buffer (at offset %d).\n",
         "ParseSnapshotBuffer", rawLength, static_cast<int>(cursor.offset()));
@@ -137,7 +110,7 @@ uint8_t snapshotConfiguration(Layout &layout, uint8_t handle, Layout::Snapshot &
 constexpr int kDoesNotFit = -1;
 
 // The input power block: E entries, each R x (A + W1 + W2) bytes apart.
-int parseInputPower(const std::array<uint8_t, 8> &b, Cursor &cursor, SnapshotBuffer &s) {
+int parseInputPower(const std::array<uint8_t, 8> &b, Reader &cursor, SnapshotBuffer &s) {
     const uint8_t entries = b[1], repeat = b[2], lead = b[3], width1 = b[4], width2 = b[5];
     s.psPowerSupplyAC =
         static_cast<MetricStat *>(std::calloc(entries ? entries : 1, sizeof(MetricStat)));
@@ -146,7 +119,7 @@ int parseInputPower(const std::array<uint8_t, 8> &b, Cursor &cursor, SnapshotBuf
     s.u8PowerSupplyACNum = entries;
     const std::size_t entryLen = std::size_t{lead} + width1 + width2;
     for (uint8_t i = 0; i < entries; ++i) {
-        Cursor entry = cursor;
+        Reader entry = cursor;
         entry.skip(lead);
         s.psPowerSupplyAC[i].u64Avg = entry.take(width1);
         s.psPowerSupplyAC[i].u64Max = entry.take(width2);
@@ -157,7 +130,7 @@ int parseInputPower(const std::array<uint8_t, 8> &b, Cursor &cursor, SnapshotBuf
 }
 
 // The subsystem list: a count, then (type, eight-byte value) pairs.
-uint8_t parseSubsystems(Cursor &cursor, SnapshotBuffer &s) {
+uint8_t parseSubsystems(Reader &cursor, SnapshotBuffer &s) {
     const auto count = static_cast<unsigned>(cursor.take(1));
     for (unsigned i = 0; i < count && cursor.ok(); ++i) {
         const auto type = static_cast<int>(cursor.take(1));
@@ -193,19 +166,11 @@ uint8_t parseSubsystems(Cursor &cursor, SnapshotBuffer &s) {
     return cursor.ok() ? ZELO_RC_SUCCESS : ZELO_RC_FAILURE;
 }
 
-void releaseArrays(SnapshotBuffer &s) {
-    MetricStat *arrays[] = {s.psPowerSupplyAC, s.psPowerSupplyDC, s.psSystemAC,
-                            s.psSystemDC,      s.psCPUPower,      s.psMemoryPower,
-                            s.psCoolingPower,  s.psEffectiveCPU};
-    for (MetricStat *array : arrays)
-        std::free(array);
-}
-
 // The parse proper, on the raw bytes and the layout answers it is given.
 // Without an answer it needs, it stops and names it in `needs`.
 uint8_t parseWith(const Layout &layout, const uint8_t *pu8Raw, uint16_t u16RawLength,
                   SnapshotBuffer &s, HistogramData *psHistogram, bool blade, Needs &needs) {
-    Cursor cursor(pu8Raw, u16RawLength);
+    Reader cursor(pu8Raw, u16RawLength);
     const auto missing = [&needs](Needs what) {
         needs = what;
         return ZELO_RC_FAILURE;
@@ -215,7 +180,8 @@ uint8_t parseWith(const Layout &layout, const uint8_t *pu8Raw, uint16_t u16RawLe
     const uint64_t firstPower = cursor.take(8);
     if (!cursor.ok())
         return layoutDoesNotFit(cursor, u16RawLength);
-    MetricStat *&firstRecord = blade ? s.psSystemAC : s.psSystemDC;
+    // The first value is the DC power.
+    MetricStat *&firstRecord = s.*zelo::acquisition::powerRecords(blade).dc;
     if ((firstRecord = newStat(firstPower)) == nullptr)
         return ZELO_RC_NO_MEMORY;
 
@@ -317,7 +283,7 @@ uint8_t parse(uint8_t handle, const uint8_t *pu8Raw, uint16_t u16RawLength,
             *psBuffer = parsed;
             return rc;
         }
-        releaseArrays(parsed);
+        zelo::acquisition::releaseRecords(parsed);
         if (needs != Needs::Histogram) { // the buckets are the parse's own by then
             std::free(psHistogram->pu8BucketData);
             psHistogram->pu8BucketData = nullptr;
@@ -455,7 +421,7 @@ uint8_t GetSnapshotBufferFromZELO(SnapshotBuffer **ppsBuffer, HistogramData *psH
 void FreeSnapshotBuffer(SnapshotBuffer *psBuffer) {
     if (psBuffer == nullptr)
         return;
-    releaseArrays(*psBuffer);
+    zelo::acquisition::releaseRecords(*psBuffer);
     std::free(psBuffer);
 }
 

@@ -1,5 +1,7 @@
 #include "readings.h"
 
+#include "acquisition/snapshot_records.h"
+
 #include <algorithm>
 
 namespace zelo::bus {
@@ -21,8 +23,9 @@ bool sameFigure(double a, double b) {
 Record toRecord(const SnapshotBuffer &s, const PerfMetricSet *perf, bool blade) {
     Record r;
     r.ms = s.u64Timestamp;
-    r.ac = stat(blade ? s.psSystemDC : s.psSystemAC);
-    r.dc = stat(blade ? s.psSystemAC : s.psSystemDC);
+    const auto power = acquisition::powerRecords(blade);
+    r.ac = stat(s.*power.ac);
+    r.dc = stat(s.*power.dc);
     r.cpu = stat(s.psCPUPower);
     r.memory = stat(s.psMemoryPower);
     r.cooling = stat(s.psCoolingPower);

@@ -4,20 +4,10 @@
 
 #include <zelo/platform.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 namespace zelo::firmware {
-
-bool Reader::copy(uint32_t offset, std::span<uint8_t> out) {
-    if (offset > size_ || out.size() > size_ - offset) {
-        ok_ = false;
-        return false;
-    }
-    std::copy_n(area_ + offset, out.size(), out.begin());
-    return true;
-}
 
 Exchange::~Exchange() {
     std::free(request);

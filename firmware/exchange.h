@@ -1,6 +1,6 @@
 // One firmware exchange: send the request, check the transport's result and
 // the completion code, report failures from the caller's message row, and
-// hand back a bounded big-endian reader over the answer.
+// hand back a bounded reader over the answer.
 #pragma once
 
 #include "bytes.h"
@@ -14,29 +14,8 @@
 
 namespace zelo::firmware {
 
-// Big-endian reads over a response area. The area is zero-filled, so bytes a
-// short answer left out read as zero; a read past the area's end reads 0 and
-// fails the decode.
-class Reader {
-  public:
-    Reader(const uint8_t *area, uint32_t size) : area_(area), size_(size) {}
-    uint64_t be(uint32_t offset, uint32_t width) {
-        if (width > 8 || offset > size_ || width > size_ - offset) {
-            ok_ = false;
-            return 0;
-        }
-        return getBe(area_ + offset, width);
-    }
-    uint8_t byte(uint32_t offset) { return static_cast<uint8_t>(be(offset, 1)); }
-    // Copies out.size() bytes from offset; nothing when they are not all there.
-    bool copy(uint32_t offset, std::span<uint8_t> out);
-    bool ok() const { return ok_; }
-
-  private:
-    const uint8_t *area_;
-    uint32_t size_;
-    bool ok_ = true;
-};
+// Answers are read with the library's one bounded reader.
+using zelo::Reader;
 
 // What an exchange says when it fails; every text starts with the
 // operation's name ("[%s] ...").
@@ -84,6 +63,7 @@ class Exchange {
     bool transportFailed() const { return transportFailed_; }
     uint8_t completionCode() const { return area_ != nullptr ? area_[0] : 0; }
     uint32_t received() const { return received_; }
+    // The area is zero-filled, so bytes a short answer left out read as zero.
     Reader answer() const { return Reader(area_, capacity_); }
 
   private:

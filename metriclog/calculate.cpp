@@ -1,6 +1,7 @@
 // Interval figures: each running total of a new snapshot is differenced
 // against the previous snapshot into an average, and the histogram's changed
 // buckets give the DC minimum and maximum.
+#include "acquisition/snapshot_records.h"
 #include "report.h"
 #include "state.h"
 
@@ -9,9 +10,11 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <initializer_list>
 
 namespace zelo::metriclog {
+
+using acquisition::kSingleRecords;
+using acquisition::kSupplyRecords;
 
 SnapshotBuffer sLastSnapshotBuffer{};
 HistogramData sLastHistogramData{};
@@ -20,11 +23,6 @@ namespace {
 
 void trace(const char *level, const char *message) {
     zelo::report(zelo::traced("CalculateSnapshotValue", level), "%s", message);
-}
-
-// The DC figures live in the AC record on a blade.
-MetricStat *dcRecord(SnapshotBuffer &s, bool blade) {
-    return blade ? s.psSystemAC : s.psSystemDC;
 }
 
 struct Range {
@@ -136,22 +134,18 @@ void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, Histogram
     SnapshotBuffer raw{};
     CopySnapshotBuffer(&raw, &s);
     const uint64_t elapsed = s.u64Timestamp - last.u64Timestamp;
-    CalculateAverage(last.psSystemAC, s.psSystemAC, elapsed);
-    CalculateAverage(last.psSystemDC, s.psSystemDC, elapsed);
-    CalculateAverage(last.psCPUPower, s.psCPUPower, elapsed);
-    CalculateAverage(last.psMemoryPower, s.psMemoryPower, elapsed);
-    CalculateAverage(last.psCoolingPower, s.psCoolingPower, elapsed);
-    CalculateAverage(last.psEffectiveCPU, s.psEffectiveCPU, elapsed / 1000);
+    for (const auto &single : kSingleRecords)
+        CalculateAverage(last.*single.record, s.*single.record,
+                         single.perSecond ? elapsed / 1000 : elapsed);
 
     FreeSignalMetricValue(&last, nullptr, nullptr);
     CopySnapshotBuffer(&last, &raw);
     FreeSignalMetricValue(&raw, nullptr, nullptr);
 
-    SetMaxMinValue(s.psPowerSupplyAC, s.u8PowerSupplyACNum);
-    SetMaxMinValue(s.psPowerSupplyDC, s.u8PowerSupplyDCNum);
-    for (MetricStat *single : {s.psSystemAC, s.psSystemDC, s.psCPUPower, s.psMemoryPower,
-                               s.psCoolingPower, s.psEffectiveCPU})
-        SetMaxMinValue(single, 1);
+    for (const auto &supplies : kSupplyRecords)
+        SetMaxMinValue(s.*supplies.records, s.*supplies.count);
+    for (const auto &single : kSingleRecords)
+        SetMaxMinValue(s.*single.record, 1);
 
     if (h.u8BucketNum != sLastHistogramData.u8BucketNum ||
         h.u8BucketSize != sLastHistogramData.u8BucketSize) {
@@ -160,7 +154,7 @@ void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, Histogram
         return;
     }
     const Range range = histogramRange(h, sLastHistogramData);
-    if (MetricStat *dc = dcRecord(s, blade); dc != nullptr) {
+    if (MetricStat *dc = s.*zelo::acquisition::powerRecords(blade).dc; dc != nullptr) {
         dc->u64Min = range.min;
         dc->u64Max = range.max;
     }

@@ -1,9 +1,14 @@
 // Deep copy and release of the records that make up one stored snapshot.
+#include "acquisition/snapshot_records.h"
+
 #include <zelo/acquisition.h>
 #include <zelo/metriclog.h>
 
 #include <cstdlib>
 #include <cstring>
+
+using zelo::acquisition::kSingleRecords;
+using zelo::acquisition::kSupplyRecords;
 
 extern "C" {
 
@@ -30,16 +35,11 @@ void CopySnapshotBuffer(SnapshotBuffer *psDest, const SnapshotBuffer *psSource) 
     psDest->u8OutletTemperature = psSource->u8OutletTemperature;
     psDest->u64Timestamp = psSource->u64Timestamp;
     psDest->u8PowerStatus = psSource->u8PowerStatus;
-    CreateAndCopyData(&psDest->psPowerSupplyAC, psSource->psPowerSupplyAC,
-                      psSource->u8PowerSupplyACNum);
-    CreateAndCopyData(&psDest->psPowerSupplyDC, psSource->psPowerSupplyDC,
-                      psSource->u8PowerSupplyDCNum);
-    CreateAndCopyData(&psDest->psSystemAC, psSource->psSystemAC, 1);
-    CreateAndCopyData(&psDest->psSystemDC, psSource->psSystemDC, 1);
-    CreateAndCopyData(&psDest->psCPUPower, psSource->psCPUPower, 1);
-    CreateAndCopyData(&psDest->psMemoryPower, psSource->psMemoryPower, 1);
-    CreateAndCopyData(&psDest->psCoolingPower, psSource->psCoolingPower, 1);
-    CreateAndCopyData(&psDest->psEffectiveCPU, psSource->psEffectiveCPU, 1);
+    for (const auto &supplies : kSupplyRecords)
+        CreateAndCopyData(&(psDest->*supplies.records), psSource->*supplies.records,
+                          psSource->*supplies.count);
+    for (const auto &single : kSingleRecords)
+        CreateAndCopyData(&(psDest->*single.record), psSource->*single.record, 1);
 }
 
 void CopyXPMPerfDataBuffer(PerfMetricSet *psDest, const PerfMetricSet *psSource) {
@@ -58,16 +58,8 @@ void FreeIfNotNull(void *pvPointer) {
 
 void FreeSignalMetricValue(SnapshotBuffer *psBuffer, BladeInletSensorBuffer *psInlet,
                            PerfMetricSet *psPerf) {
-    if (psBuffer != nullptr) {
-        FreeIfNotNull(psBuffer->psPowerSupplyAC);
-        FreeIfNotNull(psBuffer->psPowerSupplyDC);
-        FreeIfNotNull(psBuffer->psSystemAC);
-        FreeIfNotNull(psBuffer->psSystemDC);
-        FreeIfNotNull(psBuffer->psCPUPower);
-        FreeIfNotNull(psBuffer->psMemoryPower);
-        FreeIfNotNull(psBuffer->psCoolingPower);
-        FreeIfNotNull(psBuffer->psEffectiveCPU);
-    }
+    if (psBuffer != nullptr)
+        zelo::acquisition::releaseRecords(*psBuffer);
     if (psInlet != nullptr) {
         InletSensorTemperature *node = psInlet->psSensor;
         for (unsigned i = 0; i < psInlet->u8SensorNum && node != nullptr; ++i) {

@@ -93,17 +93,6 @@ void releaseCycleInlets() {
     FreeBladeInletSensorBuffer(&sBladeInletSensorBuffer);
 }
 
-void acquireInlets(bool blade) {
-    if (gatherInletReadings(blade) == 1) {
-        zelo::report(zelo::traced("CreateDataLog", "ERROR"),
-                     " -- Failed to get inlet temperature!");
-        releaseCycleInlets(); // the record carries none
-        return;
-    }
-    zelo::print("%s -- there are totally [%d] inlet temperature!\n", "CreateDataLog",
-                sBladeInletSensorBuffer.u8SensorNum);
-}
-
 } // namespace zelo::metriclog
 
 using namespace zelo::metriclog;

@@ -1,9 +1,11 @@
 // The metric log reader and printer. A file may come from anywhere (the
-// daemon reads any path it is given), so every count from the file bounds
-// what is allocated and nothing is trusted to be terminated.
-#include "bytes.h"
+// daemon reads any path it is given): it is decoded as the log's own files
+// are, and a file cut short is refused.
+#include "acquisition/snapshot_records.h"
 #include "files.h"
 #include "inlet_internal.h"
+#include "record_codec.h"
+#include "report.h"
 #include "state.h"
 
 #include <zelo/metriclog.h>
@@ -13,54 +15,49 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 #include <unistd.h>
 
 namespace zelo::metriclog {
 namespace {
 
-bool getLE(FILE *file, uint64_t *value, int width) {
-    uint8_t bytes[8] = {};
-    if (std::fread(bytes, 1, static_cast<std::size_t>(width), file) !=
-        static_cast<std::size_t>(width))
-        return false;
-    *value = getLe(bytes, static_cast<std::size_t>(width));
-    return true;
-}
+// The exported reader with the performance-support answer, asked once per
+// call: by the caller, or here (kAskHere) when a performance set is given and
+// the file could be read.
+constexpr int kAskHere = -1;
 
-template <typename T>
-void getField(FILE *file, T *field) {
-    uint64_t value = 0;
-    getLE(file, &value, sizeof(T));
-    *field = static_cast<T>(value);
-}
-
-enum class Reading { Linked, Skipped, EndOfFile };
-
-// Reads one inlet reading and links a node for it at the front of the list.
-// Its bytes are consumed even when no node can be had, so the rest of the
-// file is read in step.
-Reading getReading(FILE *file, BladeInletSensorBuffer &list) {
-    uint64_t index = 0;
-    char text[ZELO_INLET_TEMPERATURE_TEXT];
-    if (!getLE(file, &index, 4) || std::fread(text, 1, sizeof text, file) != sizeof text)
-        return Reading::EndOfFile;
-    auto *node =
-        static_cast<InletSensorTemperature *>(std::calloc(1, sizeof(InletSensorTemperature)));
-    if (node == nullptr)
-        return Reading::Skipped;
-    node->u32SensorIndex = static_cast<uint32_t>(index);
-    std::memcpy(node->szTemperature, text, sizeof text);
-    node->szTemperature[sizeof text - 1] = '\0'; // a foreign file need not terminate it
-    node->psNext = list.psSensor;
-    list.psSensor = node;
-    return Reading::Linked;
+int readMetricFile(const char *pszPath, SnapshotBuffer *psBuffer, BladeInletSensorBuffer *psInlet,
+                   PerfMetricSet *psPerf, int perfSupported) {
+    if (pszPath == nullptr || psBuffer == nullptr || psInlet == nullptr)
+        return 1;
+    FILE *file = zelo::openRegularStream(pszPath); // a FIFO at the path is refused, not waited on
+    if (file == nullptr)
+        return 2;
+    // No record is longer; what a file holds beyond it is never read.
+    auto *bytes = static_cast<uint8_t *>(std::malloc(kMaxRecordBytes));
+    if (bytes == nullptr) {
+        std::fclose(file);
+        WriteToLog("ReadMetricData", "ERROR", "Memory allcate fail");
+        return -1;
+    }
+    const std::size_t length = std::fread(bytes, 1, kMaxRecordBytes, file);
+    std::fclose(file);
+    if (psPerf != nullptr && perfSupported == kAskHere)
+        perfSupported = NM_Performance_IsSupported();
+    // Performance figures the platform does not offer are not read: the
+    // bytes after the readings are left as they are.
+    const Decoded decoded = decode(bytes, length, perfSupported, *psBuffer, *psInlet, psPerf);
+    std::free(bytes);
+    if (decoded == Decoded::NoMemory)
+        WriteToLog("ReadMetricData", "ERROR", "Memory allcate fail");
+    zelo::print("%s -- inlet sensor number is %u\n", "ReadMeticValueFromFile",
+                static_cast<unsigned>(psInlet->u8SensorNum));
+    return decoded == Decoded::Damaged ? -1 : 0;
 }
 
 bool readStoredFile(uint8_t index, SnapshotBuffer *s, BladeInletSensorBuffer *l, PerfMetricSet *f,
                     int perfSupported) {
     char name[32];
-    std::snprintf(name, sizeof name, "%szelo_%u.log", kLogDir, static_cast<unsigned>(index));
+    zelo::formatText(name, sizeof name, "%szelo_%u.log", kLogDir, static_cast<unsigned>(index));
     char path[PATH_MAX];
     return logPath(name, path, sizeof path) && readMetricFile(path, s, l, f, perfSupported) == 0;
 }
@@ -72,12 +69,15 @@ using namespace zelo::metriclog;
 
 extern "C" {
 
+// Bytes the file does not hold read as 0, as a count byte at the end of the
+// file does.
 void ReadMetricData(FILE *psFile, uint8_t *pu8Count, MetricStat **ppsStats) {
     if (psFile == nullptr || ppsStats == nullptr || pu8Count == nullptr)
         return;
-    uint64_t count = 0;
-    getLE(psFile, &count, 1); // end of file counts as 0
-    *pu8Count = static_cast<uint8_t>(count);
+    uint8_t count = 0;
+    if (std::fread(&count, 1, 1, psFile) != 1)
+        count = 0;
+    *pu8Count = count;
     *ppsStats = nullptr;
     if (count == 0)
         return;
@@ -88,76 +88,19 @@ void ReadMetricData(FILE *psFile, uint8_t *pu8Count, MetricStat **ppsStats) {
         std::fseek(psFile, static_cast<long>(count * kStatBytes), SEEK_CUR);
         return;
     }
-    for (uint64_t i = 0; i < count; ++i) {
-        getLE(psFile, &stats[i].u64Avg, 8);
-        getLE(psFile, &stats[i].u64Max, 8);
-        getLE(psFile, &stats[i].u64Min, 8);
+    for (uint8_t i = 0; i < count; ++i) {
+        uint8_t bytes[kStatBytes];
+        const std::size_t got = std::fread(bytes, 1, sizeof bytes, psFile);
+        std::memset(bytes + got, 0, sizeof bytes - got);
+        stats[i] = getStat(bytes);
     }
     *ppsStats = stats;
 }
 
 int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
                            BladeInletSensorBuffer *psInlet, PerfMetricSet *psPerf) {
-    return readMetricFile(pszPath, psBuffer, psInlet, psPerf, kAskWhenNeeded);
+    return readMetricFile(pszPath, psBuffer, psInlet, psPerf, kAskHere);
 }
-
-} // extern "C"
-
-namespace zelo::metriclog {
-
-int readMetricFile(const char *pszPath, SnapshotBuffer *psBuffer, BladeInletSensorBuffer *psInlet,
-                   PerfMetricSet *psPerf, int perfSupported) {
-    if (pszPath == nullptr || psBuffer == nullptr || psInlet == nullptr)
-        return 1;
-    FILE *file = zelo::openRegularStream(pszPath); // a FIFO at the path is refused, not waited on
-    if (file == nullptr)
-        return 2;
-    SnapshotBuffer &s = *psBuffer;
-    ReadMetricData(file, &s.u8PowerSupplyACNum, &s.psPowerSupplyAC);
-    ReadMetricData(file, &s.u8PowerSupplyDCNum, &s.psPowerSupplyDC);
-    uint8_t present = 0;
-    for (MetricStat **single : {&s.psSystemAC, &s.psSystemDC, &s.psCPUPower, &s.psMemoryPower,
-                                &s.psCoolingPower, &s.psEffectiveCPU})
-        ReadMetricData(file, &present, single);
-    getField(file, &s.u8InletTemperature);
-    getField(file, &s.u8OutletTemperature);
-    getField(file, &s.u64Timestamp);
-    getField(file, &s.u8PowerStatus);
-
-    uint64_t count = 0;
-    const bool haveCount = getLE(file, &count, 1);
-    psInlet->u8SensorNum = static_cast<uint8_t>(count);
-    std::printf("%s -- inlet sensor number is %u\n", "ReadMeticValueFromFile",
-                static_cast<unsigned>(psInlet->u8SensorNum));
-    if (!haveCount) {
-        std::fclose(file);
-        return -1;
-    }
-    // Each reading goes to the front, so the list comes back in reverse
-    // file order. A reading the file does not hold is not counted.
-    uint8_t linked = 0;
-    for (uint64_t i = 0; i < count; ++i) {
-        const Reading r = getReading(file, *psInlet);
-        if (r == Reading::EndOfFile)
-            break;
-        linked += r == Reading::Linked;
-    }
-    psInlet->u8SensorNum = linked;
-
-    if (psPerf != nullptr && perfSupported == kAskWhenNeeded)
-        perfSupported = NM_Performance_IsSupported();
-    if (psPerf != nullptr && perfSupported == 1) {
-        for (MetricStat **perf :
-             {&psPerf->psSystemPerf, &psPerf->psCPUPerf, &psPerf->psMemoryPerf, &psPerf->psIOPerf})
-            ReadMetricData(file, &present, perf);
-    }
-    std::fclose(file);
-    return 0;
-}
-
-} // namespace zelo::metriclog
-
-extern "C" {
 
 int GetMetricValue(SnapshotBuffer **ppsBuffers, BladeInletSensorBuffer **ppsInlets,
                    PerfMetricSet **ppsPerfs, uint8_t *pu8Count) {
@@ -252,14 +195,14 @@ void PrintMetricValue(const MetricStat *psStats, int s32Count, const char *pszLa
         return;
     const char *label = pszLabel != nullptr ? pszLabel : "";
     if (s32Count == 1) {
-        std::printf("%s Avg:%llu Max:%llu Min:%llu\r\n", label,
+        zelo::print("%s Avg:%llu Max:%llu Min:%llu\r\n", label,
                     static_cast<unsigned long long>(psStats->u64Avg),
                     static_cast<unsigned long long>(psStats->u64Max),
                     static_cast<unsigned long long>(psStats->u64Min));
         return;
     }
     for (int i = 0; i < s32Count; ++i)
-        std::printf("%s[%u] Avg:%llu Max:%llu Min:%llu\r\n", label, static_cast<unsigned>(i),
+        zelo::print("%s[%u] Avg:%llu Max:%llu Min:%llu\r\n", label, static_cast<unsigned>(i),
                     static_cast<unsigned long long>(psStats[i].u64Avg),
                     static_cast<unsigned long long>(psStats[i].u64Max),
                     static_cast<unsigned long long>(psStats[i].u64Min));
@@ -270,17 +213,13 @@ void PrintAllMetricValue(const SnapshotBuffer *psBuffer, const BladeInletSensorB
     if (psBuffer == nullptr)
         return;
     const SnapshotBuffer &s = *psBuffer;
-    PrintMetricValue(s.psPowerSupplyAC, s.u8PowerSupplyACNum, "PowerSupplyAC");
-    PrintMetricValue(s.psPowerSupplyDC, s.u8PowerSupplyDCNum, "PowerSupplyDC");
-    PrintMetricValue(s.psSystemAC, 1, "SystemAC");
-    PrintMetricValue(s.psSystemDC, 1, "SystemDC");
-    PrintMetricValue(s.psCPUPower, 1, "CPUPower");
-    PrintMetricValue(s.psMemoryPower, 1, "MemoryPower");
-    PrintMetricValue(s.psCoolingPower, 1, "CoolingPower");
-    PrintMetricValue(s.psEffectiveCPU, 1, "EffectiveCPU");
-    std::printf("InletTemperature: %u\r\n", static_cast<unsigned>(s.u8InletTemperature));
-    std::printf("OutletTemperature: %u\r\n", static_cast<unsigned>(s.u8OutletTemperature));
-    std::printf("Timestamp: %llu\r\n", static_cast<unsigned long long>(s.u64Timestamp));
+    for (const auto &supplies : zelo::acquisition::kSupplyRecords)
+        PrintMetricValue(s.*supplies.records, s.*supplies.count, supplies.label);
+    for (const auto &single : zelo::acquisition::kSingleRecords)
+        PrintMetricValue(s.*single.record, 1, single.label);
+    zelo::print("InletTemperature: %u\r\n", static_cast<unsigned>(s.u8InletTemperature));
+    zelo::print("OutletTemperature: %u\r\n", static_cast<unsigned>(s.u8OutletTemperature));
+    zelo::print("Timestamp: %llu\r\n", static_cast<unsigned long long>(s.u64Timestamp));
     if (psInlet != nullptr) {
         constexpr unsigned kMaxPrinted = 5;
         const InletSensorTemperature *node = psInlet->psSensor;
@@ -292,7 +231,7 @@ void PrintAllMetricValue(const SnapshotBuffer *psBuffer, const BladeInletSensorB
                 node->szTemperature,
                 static_cast<uint32_t>(strnlen(node->szTemperature, sizeof node->szTemperature)),
                 temperature, sizeof temperature);
-            std::printf("InletSensorName:%s  Temperature:%s\n",
+            zelo::print("InletSensorName:%s  Temperature:%s\n",
                         inletSensorName(node->u32SensorIndex), temperature);
         }
     }

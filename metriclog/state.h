@@ -7,6 +7,7 @@
 #include <zelo/metriclog.h>
 
 #include <cstdint>
+#include <vector>
 
 namespace zelo::metriclog {
 
@@ -21,6 +22,10 @@ void keepHistogram(HistogramData &histogram);
 // CalculateSnapshotValue for a blade (`blade`) or not.
 void calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade);
 
+// Puts one encoded record in the log's next file and counts it. 0 when it is
+// in place, else why not (an errno value).
+int storeRecord(const std::vector<uint8_t> &bytes);
+
 // Next metric log file index (0-119) and how many files exist (0-120).
 extern uint8_t u8LogFileIndex;
 extern uint8_t u8LogFileNum;
@@ -29,22 +34,6 @@ inline constexpr uint8_t kLogFileCount = 120;
 inline constexpr const char *kLockFile = "/tmp/zelo_log/zelo.lock";
 inline constexpr const char *kNumFile = "/tmp/zelo_log/zelo_num.log";
 inline constexpr const char *kLastFile = "/tmp/zelo_log/zelo_last.log";
-
-// On-disk sizes of the metric log file, little-endian and unpadded.
-inline constexpr std::size_t kStatBytes = 24; // u64Avg, u64Max, u64Min
-inline constexpr std::size_t kOptionalBytes = 1 + kStatBytes;
-inline constexpr std::size_t kInletReadingBytes = 4 + ZELO_INLET_TEMPERATURE_TEXT;
-static_assert(kInletReadingBytes == 68);
-// A rack snapshot with six single records, no supplies, no readings.
-static_assert(1 + 1 + 6 * kOptionalBytes + 1 + 1 + 8 + 1 + 1 == 164);
-// The same with the four performance records.
-static_assert(164 + 4 * kOptionalBytes == 264);
-
-// ReadMeticValueFromFile with the performance-support answer already known
-// (kAskWhenNeeded: asked after the readings, as the exported reader does).
-inline constexpr int kAskWhenNeeded = -1;
-int readMetricFile(const char *path, SnapshotBuffer *buffer, BladeInletSensorBuffer *inlet,
-                   PerfMetricSet *perf, int perfSupported);
 
 enum class LockWait {
     Taken,

@@ -3,6 +3,7 @@
 // every frame stays small, and laid out as the controller's platform lays out
 // its sensor records. Results: 0; -errno when the simulator cannot be reached
 // or answers nonsense; the completion code when it refuses.
+#include "bytes.h"
 #include "ipmi_wire.h"
 #include "socket_exchange.h"
 
@@ -26,48 +27,17 @@ static_assert(kNameOffset + kSensorNameMax < kReadingOffset, "the name keeps its
 static_assert(kReadingOffset + kSensorReadingMax < kRecordLen, "the reading keeps its NUL");
 constexpr uint32_t kLastIndex = 0xFFFF; // indices travel as 16 bits
 
-// Reads an answer front to back; a field running past its end spoils the
-// whole answer rather than reading beyond it.
-class Fields {
-  public:
-    Fields(const uint8_t *data, std::size_t len) : data_(data), len_(len) {}
-
-    const uint8_t *bytes(std::size_t n) {
-        if (!ok_ || n > len_ - at_) {
-            ok_ = false;
-            return nullptr;
-        }
-        const uint8_t *from = data_ + at_;
-        at_ += n;
-        return from;
-    }
-    // The next `width` bytes as a big-endian number.
-    std::size_t number(std::size_t width) {
-        const uint8_t *from = bytes(width);
-        std::size_t value = 0;
-        for (std::size_t i = 0; from != nullptr && i < width; ++i)
-            value = (value << 8) | from[i];
-        return value;
-    }
-    bool complete() const { return ok_ && at_ == len_; }
-
-  private:
-    const uint8_t *data_;
-    std::size_t len_;
-    std::size_t at_ = 0;
-    bool ok_ = true;
-};
-
 // Fills one record from the data after the completion code; false when the
 // answer is not one record's fields.
 bool fillRecord(const uint8_t *data, std::size_t len, uint8_t *record) {
-    Fields f(data, len);
-    const auto status = static_cast<uint8_t>(f.number(1));
-    const std::size_t nameLen = f.number(1);
-    const uint8_t *name = f.bytes(nameLen);
-    const std::size_t readingLen = f.number(2);
-    const uint8_t *reading = f.bytes(readingLen);
-    if (!f.complete() || nameLen > kSensorNameMax || readingLen > kSensorReadingMax)
+    // A field running past the answer's end spoils the whole answer.
+    zelo::Reader f(data, len);
+    const auto status = static_cast<uint8_t>(f.take(1));
+    const auto nameLen = static_cast<std::size_t>(f.take(1));
+    const uint8_t *name = f.next(nameLen);
+    const auto readingLen = static_cast<std::size_t>(f.take(2));
+    const uint8_t *reading = f.next(readingLen);
+    if (!f.ok() || f.left() != 0 || nameLen > kSensorNameMax || readingLen > kSensorReadingMax)
         return false;
     std::memset(record, 0, kRecordLen);
     record[kStatusOffset] = status;

@@ -2,6 +2,8 @@
 // the window is read from one source: the metric record that covers it, else
 // the persisted history sample (150 seconds) that covers it, else it had no
 // reading. So energy is the same sum whatever window a stretch is read in.
+#include "acquisition/snapshot_records.h"
+
 #include <zelo/firmware.h>
 #include <zelo/telemetry.h>
 
@@ -77,8 +79,8 @@ Watts wattsOf(const MetricStat *stat) {
 // takes it, not a reading of 0 W; so is the first one after a firmware
 // restart, which had no running total to difference against.
 Span recordSpan(const SnapshotBuffer &s, bool blade) {
-    const Watts ac = wattsOf(blade ? s.psSystemDC : s.psSystemAC);
-    const Watts dc = wattsOf(blade ? s.psSystemAC : s.psSystemDC);
+    const auto power = acquisition::powerRecords(blade);
+    const Watts ac = wattsOf(s.*power.ac), dc = wattsOf(s.*power.dc);
     return {0, s.u64Timestamp, dc.avg != 0, false, ac, dc};
 }
 

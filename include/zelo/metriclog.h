@@ -44,6 +44,10 @@ ZELO_API size_t WriteZeroIfNullOrValueZero(FILE *psFile, const MetricStat *psSta
 
 /* Reader and printer. */
 ZELO_API void ReadMetricData(FILE *psFile, uint8_t *pu8Count, MetricStat **ppsStats);
+/* One metric log file. -1 when it is cut short or is no metric record; then
+ * nothing of it is kept. The inlet readings come in the reverse of the file's
+ * order: the order the platform listed the sensors in. The performance records
+ * are read when psPerf is given and the firmware offers them. */
 ZELO_API int ReadMeticValueFromFile(const char *pszPath, SnapshotBuffer *psBuffer,
                                     BladeInletSensorBuffer *psInlet, PerfMetricSet *psPerf);
 /* Every stored record, oldest first. The firmware is asked once per call,

@@ -389,21 +389,24 @@ TEST_F(MetricLogTest, ReaderCopesWithCutAndForeignFiles) {
     EXPECT_EQ(r.u8PowerStatus, 0x21);
     EXPECT_EQ(r.u16Tag, 7) << "not in the file";
 
-    // Cut after row 14 (no inlet count), and a foreign file promising 255
-    // readings with a 64-byte text lacking its end.
+    // Cut after row 14 (no inlet count); a foreign reading with an index
+    // outside the name table and a 64-byte text lacking its end; and the
+    // same file promising a second reading it does not hold.
     Bytes foreign = fileBytes(file(0));
     foreign.pop_back();
     files::writeFile(file(1), foreign);
     EXPECT_EQ(read(file(1)), -1);
-    foreign.insert(foreign.end(), {255, 9, 0, 0, 0});
+    foreign.insert(foreign.end(), {1, 9, 0, 0, 0});
     foreign.insert(foreign.end(), 64, 'x');
     files::writeFile(file(2), foreign);
     EXPECT_EQ(read(file(2)), 0);
-    EXPECT_EQ(l.u8SensorNum, 1) << "only what the file holds";
     EXPECT_EQ(std::strlen(l.psSensor->szTemperature), 63u);
     output();
     PrintAllMetricValue(&r, &l, &f);
     EXPECT_NE(output().find("InletSensorName:Unknown  Temperature:xxx"), std::string::npos);
+    foreign[163] = 2;
+    files::writeFile(file(3), foreign);
+    EXPECT_EQ(read(file(3)), -1);
     EXPECT_EQ(read(dir + "none"), 2);
     EXPECT_EQ(ReadMeticValueFromFile(nullptr, &r, &l, &f), 1);
     FreeSignalMetricValue(&r, &l, &f);

@@ -127,38 +127,62 @@ TEST_F(TelemetryTest, MetricLogRecordsComeWholeOldestFirstUnderTheLock) {
         EXPECT_FALSE(fs::exists(root + "/tmp/zelo_log/zelo.lock"));
         for (unsigned i = 0; i < log.count; ++i)
             EXPECT_EQ(log.buffers[i].u64Timestamp, (i + c.oldest) * 30000ull) << i;
-        // The fields themselves: zeloctl's metrics test. Here the inlet order.
+        // The fields themselves: zeloctl's metrics test. Here the inlet order:
+        // the writer stores its list as collected, each sensor put in front,
+        // so the reader's list, built the same way, is in the sensors' order.
         const auto &inlets = log.inlets[log.count - 1];
         ASSERT_EQ(inlets.u8SensorNum, 2);
-        EXPECT_STREQ(inlets.psSensor->szTemperature, "20.5") << "file order";
-        EXPECT_EQ(inlets.psSensor->psNext->u32SensorIndex, 3u);
+        EXPECT_STREQ(inlets.psSensor->szTemperature, "23.5") << "the file's last reading first";
+        EXPECT_EQ(inlets.psSensor->psNext->u32SensorIndex, 0u);
     }
 }
 
+// Both readers decode the same way: a cut file is refused by the daemon's
+// reader too (-1), which leaves bytes after a whole record unread. The
+// platform offers performance figures, so it reads their block.
 TEST_F(TelemetryTest, AMetricFileThatIsNotOneWholeRecordIsLeftOut) {
-    const Bytes good = recordFile({30000, 400, 350});
+    useFirmware("perf 30 40 50 60\n");
+    const Bytes good = recordFile({30000, 400, 350}), withPerf = recordFile({30000, 1, 1}, true);
     Bytes badPresence = good;
     badPresence[1 + 2 * 24 + 1] = 2; // the system AC presence byte
-    const std::vector<std::pair<const char *, Bytes>> cases = {
-        {"cut in a record", Bytes(good.begin(), good.end() - 70)},
-        {"trailing bytes", concat(good, {0})},
-        {"presence byte 2", badPresence},
-        {"counts beyond the file", Bytes{255, 1, 2, 3}},
-        {"empty", {}},
+    const struct {
+        const char *what;
+        Bytes bytes;
+        int exported; // ReadMeticValueFromFile's result
+    } cases[] = {
+        {"cut in a record", Bytes(good.begin(), good.end() - 70), -1},
+        {"cut in the performance block", Bytes(withPerf.begin(), withPerf.end() - 1), -1},
+        {"trailing bytes", concat(withPerf, {0}), 0},
+        {"presence byte 2", badPresence, -1},
+        {"counts beyond the file", Bytes{255, 1, 2, 3}, -1},
+        {"empty", {}, -1},
     };
-    for (const auto &[what, bytes] : cases) {
-        SCOPED_TRACE(what);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.what);
         for (const bool alone : {false, true}) {
-            writeLog(root, alone ? std::vector<Bytes>{bytes} : std::vector<Bytes>{good, bytes},
+            writeLog(root, alone ? std::vector<Bytes>{c.bytes} : std::vector<Bytes>{good, c.bytes},
                      alone ? 0 : 1);
             LogRead log;
             uint8_t skipped = 0;
+            const std::size_t exchanges = fake().exchanges;
             EXPECT_EQ(ReadMetricLog(&log.buffers, &log.inlets, &log.perfs, &log.count, &skipped),
                       alone ? ZELO_RC_BAD_FILE : ZELO_RC_SUCCESS);
+            EXPECT_EQ(fake().exchanges, exchanges) << "the firmware is not asked";
             EXPECT_EQ(log.count, alone ? 0 : 1);
             EXPECT_EQ(skipped, 1);
             EXPECT_EQ(log.buffers == nullptr, alone);
         }
+        SnapshotBuffer s{};
+        BladeInletSensorBuffer l{};
+        PerfMetricSet f{};
+        testing::internal::CaptureStdout();
+        const std::string path = root + "/tmp/zelo_log/zelo_0.log";
+        EXPECT_EQ(ReadMeticValueFromFile(path.c_str(), &s, &l, &f), c.exported);
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(s.psSystemAC != nullptr && l.psSensor != nullptr && f.psIOPerf != nullptr,
+                  c.exported == 0)
+            << "all of a whole record, nothing of a cut one";
+        FreeSignalMetricValue(&s, &l, &f);
     }
 }
 

@@ -2,6 +2,8 @@
 // over a window, the 24-hour histories and the metric records.
 #include "zeloctl.h"
 
+#include "acquisition/snapshot_records.h"
+
 #include <zelo.h>
 
 #include <array>
@@ -128,10 +130,9 @@ Json stats(const MetricStat *s, uint8_t count) {
     return list;
 }
 
-// On a blade the DC figures are in the AC record.
 Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet, const PerfMetricSet &perf,
             bool blade) {
-    const MetricStat *dc = blade ? s.psSystemAC : s.psSystemDC;
+    const MetricStat *dc = s.*zelo::acquisition::powerRecords(blade).dc;
     const bool noReading = dc == nullptr || dc->u64Avg == 0;
     Json readings = Json::array();
     const InletSensorTemperature *node = inlet.psSensor;
@@ -140,25 +141,22 @@ Json record(const SnapshotBuffer &s, const BladeInletSensorBuffer &inlet, const 
                             {"Temperature", std::string(node->szTemperature)}});
     const bool withPerf = perf.psSystemPerf != nullptr || perf.psCPUPerf != nullptr ||
                           perf.psMemoryPerf != nullptr || perf.psIOPerf != nullptr;
-    return {{"Date", isoUtc(static_cast<std::time_t>(s.u64Timestamp / 1000))},
-            {"TimestampMs", s.u64Timestamp},
-            {"PowerStatus", s.u8PowerStatus},
-            {"PowerSupplyAC", stats(s.psPowerSupplyAC, s.u8PowerSupplyACNum)},
-            {"PowerSupplyDC", stats(s.psPowerSupplyDC, s.u8PowerSupplyDCNum)},
-            {"SystemAC", differenced(s.psSystemAC, noReading)},
-            {"SystemDC", differenced(s.psSystemDC, noReading)},
-            {"CPUPower", differenced(s.psCPUPower, noReading)},
-            {"MemoryPower", differenced(s.psMemoryPower, noReading)},
-            {"CoolingPower", differenced(s.psCoolingPower, noReading)},
-            {"EffectiveCPU", differenced(s.psEffectiveCPU, noReading)},
-            {"InletTemperature", s.u8InletTemperature},
-            {"OutletTemperature", s.u8OutletTemperature},
-            {"InletReadings", readings},
-            {"Performance", withPerf ? Json{{"System", stat(perf.psSystemPerf)},
-                                            {"CPU", stat(perf.psCPUPerf)},
-                                            {"Memory", stat(perf.psMemoryPerf)},
-                                            {"IO", stat(perf.psIOPerf)}}
-                                     : Json(nullptr)}};
+    Json out = {{"Date", isoUtc(static_cast<std::time_t>(s.u64Timestamp / 1000))},
+                {"TimestampMs", s.u64Timestamp},
+                {"PowerStatus", s.u8PowerStatus}};
+    for (const auto &supplies : zelo::acquisition::kSupplyRecords)
+        out[supplies.label] = stats(s.*supplies.records, s.*supplies.count);
+    for (const auto &single : zelo::acquisition::kSingleRecords)
+        out[single.label] = differenced(s.*single.record, noReading);
+    out["InletTemperature"] = s.u8InletTemperature;
+    out["OutletTemperature"] = s.u8OutletTemperature;
+    out["InletReadings"] = readings;
+    out["Performance"] = withPerf ? Json{{"System", stat(perf.psSystemPerf)},
+                                         {"CPU", stat(perf.psCPUPerf)},
+                                         {"Memory", stat(perf.psMemoryPerf)},
+                                         {"IO", stat(perf.psIOPerf)}}
+                                  : Json(nullptr);
+    return out;
 }
 
 // Text output: every field of the JSON record, one per line, nested parts
