@@ -7,6 +7,8 @@
 // its first chunk shows a new tag, and each utilisation figure once.
 #pragma once
 
+#include "performance.h"
+
 #include <zelo/acquisition.h>
 
 #include <array>
@@ -61,27 +63,5 @@ uint8_t fetchSnapshot(SnapshotBuffer **ppsBuffer, HistogramData *psHistogram, bo
 uint8_t readTotalSnapshot(uint8_t handle, uint16_t chunkSize, uint16_t totalSize,
                           uint16_t *bytesRead, uint8_t *destination, uint16_t *tag,
                           const std::function<bool(uint16_t)> &stopAt, bool *stopped);
-
-// One cycle's utilisation figures, each asked once. The first read, the
-// system's current value, is the very request NM_Performance_IsSupported
-// sends, so its answer also tells whether there are performance buffers.
-struct CyclePerformance {
-    int supported = 0;      // as NM_Performance_IsSupported answers
-    uint8_t currentRc = 0;  // as GetPerformanceFromNM returns
-    PerformanceData data{}; // on success: the four current values
-    bool extremes = false;  // stats hold what ReadPerformanceDataFromXPM reads
-    MetricStat stats[4]{};  // system, CPU, memory, I/O: current, maximum, minimum
-};
-
-// Reads the four current values, and with `withExtremes` their maxima and
-// minima for a new record; nothing past the first read without buffers.
-CyclePerformance readCyclePerformance(bool withExtremes);
-
-// What CreateDataLog reads for its record: the support question, then with
-// buffers the twelve reads of ReadPerformanceDataFromXPM.
-CyclePerformance readRecordPerformance();
-
-// The current values to the store, as GetPerformanceFromNM puts them there.
-void publishPerformance(const CyclePerformance &perf);
 
 } // namespace zelo::acquisition

@@ -1,6 +1,6 @@
 // Host utilisation (system, CPU, memory, I/O) read through the firmware's XPM
 // extension command.
-#include "cycle.h"
+#include "performance.h"
 #include "exchange.h"
 #include "hooks.h"
 #include "report.h"
@@ -229,7 +229,9 @@ void FreePerfBuffer(PerfMetricSet *psSet) {
 
 } // extern "C"
 
-zelo::acquisition::CyclePerformance zelo::acquisition::readCyclePerformance(bool withExtremes) {
+namespace zelo::acquisition {
+
+CyclePerformance readCyclePerformance(bool withExtremes) {
     static constexpr const char *kName = "GetPerformanceFromNM";
     CyclePerformance perf;
     PerformanceBuffer current[4] = {};
@@ -267,7 +269,7 @@ zelo::acquisition::CyclePerformance zelo::acquisition::readCyclePerformance(bool
     return perf;
 }
 
-zelo::acquisition::CyclePerformance zelo::acquisition::readRecordPerformance() {
+CyclePerformance readRecordPerformance() {
     CyclePerformance perf;
     perf.supported = NM_Performance_IsSupported();
     if (perf.supported == 1)
@@ -275,7 +277,7 @@ zelo::acquisition::CyclePerformance zelo::acquisition::readRecordPerformance() {
     return perf;
 }
 
-void zelo::acquisition::publishPerformance(const CyclePerformance &perf) {
+void publishPerformance(const CyclePerformance &perf) {
     if (perf.currentRc != ZELO_RC_SUCCESS)
         return;
     const uint64_t fields[4] = {perf.data.u64SystemPerf, perf.data.u64CPUPerf,
@@ -283,3 +285,5 @@ void zelo::acquisition::publishPerformance(const CyclePerformance &perf) {
     for (int i = 0; i < 4; ++i)
         (void)kiv_config_set_int64(kSources[i].storeKey, static_cast<int64_t>(fields[i]), 0);
 }
+
+} // namespace zelo::acquisition

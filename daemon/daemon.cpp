@@ -4,7 +4,8 @@
 #include "tracelog/verbosity.h"
 
 #include "acquisition/cycle.h"
-#include "events/cycle.h"
+#include "acquisition/snapshot_records.h"
+#include "events/events.h"
 #include "files.h"
 #include "metriclog/cycle.h"
 #include "paths.h"
@@ -14,6 +15,7 @@
 #include <zelo/events.h>
 #include <zelo/platform.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -151,12 +153,10 @@ bool firmwareRestarted(const SnapshotBuffer &now, const SnapshotBuffer &base, ui
         return false;
     if (now.u64Timestamp < base.u64Timestamp)
         return true;
-    return totalFell(now.psSystemAC, base.psSystemAC) ||
-           totalFell(now.psSystemDC, base.psSystemDC) ||
-           totalFell(now.psCPUPower, base.psCPUPower) ||
-           totalFell(now.psMemoryPower, base.psMemoryPower) ||
-           totalFell(now.psCoolingPower, base.psCoolingPower) ||
-           totalFell(now.psEffectiveCPU, base.psEffectiveCPU);
+    return std::any_of(acquisition::kSingleRecords.begin(), acquisition::kSingleRecords.end(),
+                       [&](const acquisition::SingleRecord &single) {
+                           return totalFell(now.*single.record, base.*single.record);
+                       });
 }
 
 // A lock left behind would stall every reader and the next cycle: a failed
@@ -334,6 +334,18 @@ void Daemon::publish(Acquired &now, bool blade) {
     }
 }
 
+void Daemon::follow(Acquired &now, bool blade) {
+    // Each step takes what the ones before it left in `now`, and asks
+    // nothing of an earlier one.
+    if (now.found == Found::Restart)
+        restartFrom(now);
+    if (now.found == Found::New) {
+        compute(now, blade);
+        record(now);
+    }
+    publish(now, blade);
+}
+
 void Daemon::cycle() {
     checkDirectories();
     WaitValueLock();
@@ -344,18 +356,10 @@ void Daemon::cycle() {
     const bool blade = IsBladeServer() != 0;
     bool recorded = false;
     {
-        // The road of one snapshot: each step takes what the ones before it
-        // left in `now`, and asks nothing of an earlier one.
         Acquired now;
         acquire(now, blade);
-        if (now.found == Found::Restart)
-            restartFrom(now);
-        if (now.found == Found::New) {
-            compute(now, blade);
-            record(now);
-            recorded = true;
-        }
-        publish(now, blade);
+        follow(now, blade);
+        recorded = now.found == Found::New;
     }
     unlock();
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "acquisition/cycle.h"
-#include "events/cycle.h"
+#include "events/events.h"
 #include "metriclog/cycle.h"
 #include "tracelog/verbosity.h"
 
@@ -73,6 +73,9 @@ struct Daemon {
     // extremes, the inlet readings and the cap settings; the current
     // utilisation figures always.
     void acquire(Acquired &now, bool blade);
+    // The road of what was acquired: a restart, or a new snapshot's
+    // figures, record and publication; the utilisation figures always.
+    void follow(Acquired &now, bool blade);
     // A restarted firmware's snapshot becomes the baseline, the log starts afresh.
     void restartFrom(Acquired &now);
     // A new snapshot's interval figures.

@@ -1,6 +1,6 @@
 // Software events: changes of the watched status bits of each new snapshot,
 // and power-cap limits that moved in the firmware since last published.
-#include "cycle.h"
+#include "events.h"
 #include "events_internal.h"
 #include "firmware/family.h"
 #include "report.h"
@@ -171,11 +171,13 @@ void CheckPowercapRelatedSettingForSendSWEvent(void) {
 
 } // extern "C"
 
-void zelo::events::checkPowercapSettings(bool blade) {
+namespace zelo::events {
+
+void checkPowercapSettings(bool blade) {
     sendPowercapEvents(readPowercapSettings(blade));
 }
 
-zelo::events::PowercapReadings zelo::events::readPowercapSettings(bool blade) {
+PowercapReadings readPowercapSettings(bool blade) {
     PowercapReadings r;
     if (firmware::supportsPowerUtilization(blade) == 0)
         return r;
@@ -210,7 +212,7 @@ zelo::events::PowercapReadings zelo::events::readPowercapSettings(bool blade) {
     return r;
 }
 
-void zelo::events::sendPowercapEvents(const PowercapReadings &r) {
+void sendPowercapEvents(const PowercapReadings &r) {
     if (!r.checked)
         return;
     // Only the low 16 bits of a stored value count: the registers are 16 bits.
@@ -218,6 +220,8 @@ void zelo::events::sendPowercapEvents(const PowercapReadings &r) {
         SendPowerCapsChangedEvent(r.kivMask, r.zeloMask, static_cast<uint16_t>(r.stored[i]),
                                   r.firmware[i], kLimits[i].bit, kLimits[i].event, kLimits[i].key);
 }
+
+} // namespace zelo::events
 
 extern "C" {
 

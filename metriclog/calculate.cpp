@@ -1,6 +1,7 @@
 // Interval figures: each running total of a new snapshot is differenced
 // against the previous snapshot into an average, and the histogram's changed
 // buckets give the DC minimum and maximum.
+#include "calculate.h"
 #include "acquisition/snapshot_records.h"
 #include "report.h"
 #include "state.h"
@@ -115,8 +116,9 @@ void CalculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData sHistogramDa
 
 } // extern "C"
 
-void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &h,
-                                             bool blade) {
+namespace zelo::metriclog {
+
+void calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &h, bool blade) {
     if (psBuffer == nullptr || h.pu8BucketData == nullptr) {
         trace("ERROR", "Empty input buffer");
         // Released here too: nothing may leak, also on a call the daemon never makes.
@@ -160,3 +162,5 @@ void zelo::metriclog::calculateSnapshotValue(SnapshotBuffer *psBuffer, Histogram
     }
     keepHistogram(h);
 }
+
+} // namespace zelo::metriclog

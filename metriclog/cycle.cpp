@@ -5,10 +5,12 @@
 #include "cycle.h"
 
 #include "acquisition/snapshot_records.h"
+#include "calculate.h"
 #include "inlet_internal.h"
 #include "record_codec.h"
 #include "report.h"
 #include "state.h"
+#include "store.h"
 
 #include <zelo/firmware.h>
 #include <zelo/history.h>

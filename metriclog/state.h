@@ -2,29 +2,15 @@
 // daemon reaches it through cycle.h. Not exported.
 #pragma once
 
+#include "calculate.h"
 #include "cycle.h"
+#include "store.h"
 
 #include <zelo/metriclog.h>
 
 #include <cstdint>
-#include <vector>
 
 namespace zelo::metriclog {
-
-// The previous processed snapshot (raw accumulators) and its histogram, the
-// one owner of bucket data that outlives a cycle.
-extern SnapshotBuffer sLastSnapshotBuffer;
-extern HistogramData sLastHistogramData;
-
-// The baseline takes over the histogram's buckets, releasing those it held.
-void keepHistogram(HistogramData &histogram);
-
-// CalculateSnapshotValue for a blade (`blade`) or not.
-void calculateSnapshotValue(SnapshotBuffer *psBuffer, HistogramData &histogram, bool blade);
-
-// Puts one encoded record in the log's next file and counts it. 0 when it is
-// in place, else why not (an errno value).
-int storeRecord(const std::vector<uint8_t> &bytes);
 
 // Next metric log file index (0-119) and how many files exist (0-120).
 extern uint8_t u8LogFileIndex;

@@ -1,5 +1,6 @@
 // The metric log's store: one record per new snapshot in 120 rotating files,
 // and the two counters that tell readers which files there are.
+#include "store.h"
 #include "files.h"
 #include "record_codec.h"
 #include "report.h"
