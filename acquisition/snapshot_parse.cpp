@@ -44,53 +44,49 @@ using zelo::acquisition::Layout;
 // parse stops there, the answer is asked, and the parse starts again.
 enum class Needs { Nothing, Histogram, Capabilities, Extended, InputPower };
 
+// An answer kept once read; a failed read is told, unless `call` is null
+// (the read has told it).
+template <typename T>
+uint8_t keep(std::optional<T> &kept, const T &read, uint8_t rc, const char *call) {
+    if (rc == ZELO_RC_SUCCESS)
+        kept = read;
+    else if (call != nullptr)
+        zelo::print("Failed to call %s() and the result code is %d.\n", call, rc);
+    return rc;
+}
+
 // Asks the firmware the answer the parse needs, and keeps it in `layout`.
 uint8_t ask(Layout &layout, uint8_t handle, Needs needs) {
-    uint8_t rc = ZELO_RC_SUCCESS;
     switch (needs) {
     case Needs::Histogram: {
         Layout::Histogram r{};
-        rc = ZELO_ReadPowerHistogramConfiguration(handle, &r.base, &r.second, &r.inner, &r.width,
-                                                  &r.size, &r.sixth);
-        if (rc == ZELO_RC_SUCCESS)
-            layout.histogram = r;
-        return rc; // the read has told its failure
+        return keep(layout.histogram, r,
+                    ZELO_ReadPowerHistogramConfiguration(handle, &r.base, &r.second, &r.inner,
+                                                         &r.width, &r.size, &r.sixth),
+                    nullptr);
     }
     case Needs::Capabilities: {
         uint8_t r = 0;
-        if ((rc = ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &r)) == ZELO_RC_SUCCESS)
-            layout.capabilities = r;
-        else
-            zelo::print("Failed to call ZELO_ReadFirmwarePowerThermalCapabilitiesRegister() and "
-                        "the result code is %d.\n",
-                        rc);
-        return rc;
+        return keep(layout.capabilities, r,
+                    ZELO_ReadFirmwarePowerThermalCapabilitiesRegister(handle, &r),
+                    "ZELO_ReadFirmwarePowerThermalCapabilitiesRegister");
     }
     case Needs::Extended: {
         uint32_t r = 0;
-        if ((rc = ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &r)) == ZELO_RC_SUCCESS)
-            layout.extended = r;
-        else
-            zelo::print("Failed to call ZELO_ReadExtendedFirmwareCapabilitiesRegister() and the "
-                        "result code is %d.\n",
-                        rc);
-        return rc;
+        return keep(layout.extended, r, ZELO_ReadExtendedFirmwareCapabilitiesRegister(handle, &r),
+                    "ZELO_ReadExtendedFirmwareCapabilitiesRegister");
     }
     case Needs::InputPower: {
         std::array<uint8_t, 8> r{};
-        if ((rc = ZELO_ReadInputPowerBufferConfiguration(handle, &r[0], &r[1], &r[2], &r[3], &r[4],
-                                                         &r[5], &r[6], &r[7])) == ZELO_RC_SUCCESS)
-            layout.inputPower = r;
-        else
-            zelo::print("Failed to call ZELO_ReadInputPowerBufferConfiguration() and the result "
-                        "code is %d.\n",
-                        rc);
-        return rc;
+        return keep(layout.inputPower, r,
+                    ZELO_ReadInputPowerBufferConfiguration(handle, &r[0], &r[1], &r[2], &r[3],
+                                                           &r[4], &r[5], &r[6], &r[7]),
+                    "ZELO_ReadInputPowerBufferConfiguration");
     }
     case Needs::Nothing:
         break;
     }
-    return rc;
+    return ZELO_RC_SUCCESS;
 }
 
 uint8_t snapshotConfiguration(Layout &layout, uint8_t handle, Layout::Snapshot &c) {
