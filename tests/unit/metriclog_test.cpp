@@ -409,7 +409,27 @@ TEST_F(MetricLogTest, ReaderCopesWithCutAndForeignFiles) {
     EXPECT_EQ(read(file(3)), -1);
     EXPECT_EQ(read(dir + "none"), 2);
     EXPECT_EQ(ReadMeticValueFromFile(nullptr, &r, &l, &f), 1);
+    EXPECT_EQ(ReadMeticValueFromFile(file(0).c_str(), nullptr, &l, &f), 1);
+    EXPECT_EQ(ReadMeticValueFromFile(file(0).c_str(), &r, nullptr, &f), 1);
     FreeSignalMetricValue(&r, &l, &f);
+
+    // A missing argument is refused, never written through.
+    SnapshotBuffer *buffers = nullptr;
+    BladeInletSensorBuffer *inlets = nullptr;
+    PerfMetricSet *perfs = nullptr;
+    uint8_t count = 0;
+    EXPECT_EQ(GetMetricValue(nullptr, &inlets, &perfs, &count), 1);
+    EXPECT_EQ(GetMetricValue(&buffers, nullptr, &perfs, &count), 1);
+    EXPECT_EQ(GetMetricValue(&buffers, &inlets, nullptr, &count), 1);
+    EXPECT_EQ(GetMetricValue(&buffers, &inlets, &perfs, nullptr), 1);
+    FILE *stream = std::fopen(file(0).c_str(), "rb");
+    MetricStat *stats = nullptr;
+    ReadMetricData(stream, nullptr, &stats);
+    ReadMetricData(stream, &count, nullptr);
+    ReadMetricData(nullptr, &count, &stats);
+    EXPECT_EQ(std::ftell(stream), 0) << "nothing read";
+    EXPECT_EQ(stats, nullptr);
+    std::fclose(stream);
 }
 
 } // namespace
