@@ -32,10 +32,14 @@ void vreport(const Notice &notice, const char *format, va_list args) {
     const bool toTrace = (notice.sinks & kToTrace) != 0 && trace::verbosity() >= notice.verbosity;
     const bool toLine = (notice.sinks & kToStdout) != 0 && console;
     const bool toSyslog = (notice.sinks & kToSyslog) != 0;
+    const bool toConsole = (notice.sinks & kToConsole) != 0 && console;
+    const bool toJournal = (notice.sinks & kToJournal) != 0;
+    if (!toTrace && !toLine && !toSyslog && !toConsole && !toJournal)
+        return; // the daemon's console lines, most of all
     va_list copy;
     if (toTrace) {
         // A text handed over whole is written whole, however long (a path).
-        if (std::strcmp(format, "%s") == 0) {
+        if (format[0] == '%' && format[1] == 's' && format[2] == '\0') {
             va_copy(copy, args);
             WriteToLog(notice.function, notice.level, va_arg(copy, const char *));
             va_end(copy);
@@ -47,7 +51,7 @@ void vreport(const Notice &notice, const char *format, va_list args) {
             WriteToLog(notice.function, notice.level, message);
         }
     }
-    if ((notice.sinks & kToConsole) != 0 && console) {
+    if (toConsole) {
         va_copy(copy, args);
         std::vprintf(format, copy);
         va_end(copy);
@@ -67,7 +71,7 @@ void vreport(const Notice &notice, const char *format, va_list args) {
         if (toSyslog)
             hooks().syslog(notice.priority, message);
     }
-    if ((notice.sinks & kToJournal) != 0) {
+    if (toJournal) {
         va_copy(copy, args);
         std::vfprintf(stderr, format, copy);
         va_end(copy);

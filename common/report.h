@@ -76,8 +76,9 @@ void systemLog(int priority, const char *message);
 // nearly all of the library's own are (trace lines, store keys): those come
 // by the hundred in a cycle that closes a history interval, and the general
 // formatter was most of its cost. False for any other text, with `out`
-// emptied and `args` partly taken.
-bool formatPlain(char *out, std::size_t cap, const char *format, va_list args);
+// emptied and `args` partly taken. `written` gets the length written.
+bool formatPlain(char *out, std::size_t cap, const char *format, va_list args,
+                 std::size_t *written = nullptr);
 
 // Formats as vsnprintf does, through formatPlain when the text allows it, and
 // returns what vsnprintf returns: the length of the whole text, also when

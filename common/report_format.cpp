@@ -23,7 +23,8 @@ char *decimal(char *end, uint64_t value) {
 
 } // namespace
 
-bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
+bool formatPlain(char *out, std::size_t cap, const char *format, va_list args,
+                 std::size_t *written) {
     std::size_t n = 0;
     const auto put = [&](const char *text, std::size_t length) {
         const std::size_t room = cap - 1 - n;
@@ -70,6 +71,8 @@ bool formatPlain(char *out, std::size_t cap, const char *format, va_list args) {
         p = percent + 2;
     }
     out[n] = '\0';
+    if (written != nullptr)
+        *written = n;
     return true;
 }
 
@@ -77,14 +80,11 @@ int formatText(char *out, std::size_t cap, const char *format, va_list args) {
     va_list again;
     va_copy(again, args);
     int length = 0;
-    if (!formatPlain(out, cap, format, args)) {
+    std::size_t n = 0;
+    if (!formatPlain(out, cap, format, args, &n))
         length = std::vsnprintf(out, cap, format, again);
-    } else {
-        const std::size_t n = std::strlen(out);
-        // A text that filled the buffer may have been cut: its whole length
-        // is measured, as vsnprintf reports it.
+    else // a text that filled the buffer may have been cut: its whole length is measured
         length = n + 1 < cap ? static_cast<int>(n) : std::vsnprintf(nullptr, 0, format, again);
-    }
     va_end(again);
     return length;
 }

@@ -11,6 +11,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -28,12 +29,14 @@ uint32_t u32TraceLogIndex = 0;
 namespace {
 
 // The file written to stays open, so a line costs an fstat and a write and
-// no path lookup; it is reopened when it rotates, when its path changes or
-// when it was removed. Its size is taken from the file at every line: other
-// processes linking the library write the same two files.
+// no path lookup; it is reopened when it rotates, when its path changes (its
+// index or the root: the environment's root string is another one once it
+// is set anew) or when it was removed. Its size is taken from the file at
+// every line: other processes linking the library write the same two files.
 struct OpenLog {
     int fd = -1;
-    char path[PATH_MAX] = "";
+    uint32_t index = 0;
+    const char *root = nullptr;
 };
 thread_local OpenLog gLog; // per thread, as each caller's own descriptor
 
@@ -119,31 +122,28 @@ int WriteToLog(const char *pszFunction, const char *pszLevel, const char *pszMes
         stampedAt = now;
     }
 
-    char path[PATH_MAX];
-    if (!currentLogPath(path, sizeof path)) {
-        closeLog();
-        return 0;
-    }
-    // A file removed under the open stream (an administrator clearing the
-    // trace) would swallow every later line: the name is opened again.
+    const char *root = std::getenv(zelo::kRootEnv);
     struct stat st {};
-    if (gLog.fd >= 0 &&
-        (std::strcmp(gLog.path, path) != 0 || ::fstat(gLog.fd, &st) != 0 || st.st_nlink == 0))
+    if (gLog.fd >= 0 && (gLog.index != u32TraceLogIndex || gLog.root != root ||
+                         ::fstat(gLog.fd, &st) != 0 || st.st_nlink == 0))
         closeLog();
+    char path[PATH_MAX];
     if (gLog.fd < 0) {
-        gLog.fd = openTraceFile(path, false);
-        if (gLog.fd < 0 || ::fstat(gLog.fd, &st) != 0) {
+        if (!currentLogPath(path, sizeof path) || (gLog.fd = openTraceFile(path, false)) < 0 ||
+            ::fstat(gLog.fd, &st) != 0) {
             closeLog();
             return 0;
         }
-        zelo::formatText(gLog.path, sizeof gLog.path, "%s", path);
+        gLog.index = u32TraceLogIndex;
+        gLog.root = root;
     }
     if (st.st_size > static_cast<off_t>(kRotateAboveBytes)) {
         closeLog();
         u32TraceLogIndex = u32TraceLogIndex + 1 > 1 ? 0 : u32TraceLogIndex + 1;
         if (!currentLogPath(path, sizeof path) || (gLog.fd = openTraceFile(path, true)) < 0)
             return 0;
-        zelo::formatText(gLog.path, sizeof gLog.path, "%s", path);
+        gLog.index = u32TraceLogIndex;
+        gLog.root = root;
     }
 
     // STAMP [LEVEL] "FUNCTION": MESSAGE, or STAMP [LEVEL] Empty msg: one
