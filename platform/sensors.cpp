@@ -4,6 +4,7 @@
 // its sensor records. Results: 0; -errno when the simulator cannot be reached
 // or answers nonsense; the completion code when it refuses.
 #include "ipmi_wire.h"
+#include "sensor_record.h"
 #include "socket_exchange.h"
 
 #include <zelo/platform.h>
@@ -15,15 +16,11 @@
 namespace {
 
 using namespace zelo::wire;
+using zelo::platform::kRecordLen;
 
-// A platform sensor record: zero but for the status byte and two
-// NUL-terminated texts.
-constexpr uint32_t kRecordLen = 1492;
-constexpr uint32_t kStatusOffset = 2;
-constexpr uint32_t kNameOffset = 6;
-constexpr uint32_t kReadingOffset = 198;
-static_assert(kNameOffset + kSensorNameMax < kReadingOffset, "the name keeps its NUL");
-static_assert(kReadingOffset + kSensorReadingMax < kRecordLen, "the reading keeps its NUL");
+static_assert(kSensorNameMax == zelo::platform::kRecordNameMax &&
+                  kSensorReadingMax == zelo::platform::kRecordReadingMax,
+              "a record holds what the wire carries");
 constexpr uint32_t kLastIndex = 0xFFFF; // indices travel as 16 bits
 
 // Reads an answer front to back; a field running past its end spoils the
@@ -69,12 +66,8 @@ bool fillRecord(const uint8_t *data, std::size_t len, uint8_t *record) {
     const uint8_t *reading = f.bytes(readingLen);
     if (!f.complete() || nameLen > kSensorNameMax || readingLen > kSensorReadingMax)
         return false;
-    std::memset(record, 0, kRecordLen);
-    record[kStatusOffset] = status;
-    if (nameLen > 0)
-        std::memcpy(record + kNameOffset, name, nameLen);
-    if (readingLen > 0)
-        std::memcpy(record + kReadingOffset, reading, readingLen);
+    zelo::platform::writeRecord(record, status, {reinterpret_cast<const char *>(name), nameLen},
+                                {reinterpret_cast<const char *>(reading), readingLen});
     return true;
 }
 
