@@ -324,6 +324,36 @@ TEST_F(PlatformBusTest, ABladesInletsComeFromTheSensorsFoundOrNamed) {
     ::unsetenv("RUX_FAMILY");
 }
 
+// A configuration that cannot be taken is said so, on standard error and in
+// the trace, and the defaults apply: the daemon records all the same. The
+// file is read as the daemon reads any: a FIFO there is not waited on.
+TEST_F(PlatformBusTest, AConfigurationNotTakenIsReportedAndTheDefaultsApply) {
+    const std::string conf = root.path() + "/etc/zelo/platform-dbus.conf";
+    const struct {
+        const char *why;
+        std::function<void()> lay;
+    } cases[] = {
+        {"missing", [&] { fs::remove(conf); }},
+        {"line 2: unknown key 'chanel'", [&] { configure("channel = 1\nchanel = 2\n"); }},
+        {"not a regular file", [&] { ASSERT_EQ(::mkfifo(conf.c_str(), 0644), 0); }},
+    };
+    auto sim = simOnBus(scenarioHead);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.why);
+        fs::remove(conf);
+        c.lay();
+        fs::remove_all(root.path() + "/tmp/zelo_trace");
+        auto zelo = daemon();
+        ASSERT_TRUE(zelo->awaitTrace("psBuffer->u16Tag is")) << zelo->trace();
+        const std::string said = conf + ": " + c.why + "; the defaults apply";
+        EXPECT_TRUE(zelo->awaitJournal("zelo platform: " + said)) << zelo->journal();
+        EXPECT_NE(zelo->trace().find("[ERROR] \"ReadPlatformConfiguration\": " + said),
+                  std::string::npos)
+            << zelo->trace();
+        EXPECT_EQ(zelo->terminate(), 15);
+    }
+}
+
 // busctl monitor, a client of the field's own, sees the bridge calls of one
 // new-snapshot cycle: as many as the socket platform's exchanges. The cycle
 // runs alone between two holds of the metric log lock.
