@@ -47,8 +47,13 @@ sd_bus *connection(Clock::time_point deadline, int *rc) {
     // does not answer costs the deadline, not a hang.
     for (;;) {
         const int ready = sd_bus_is_ready(gBus);
-        if (ready > 0)
+        if (ready > 0) {
+            // What a call left queued (a reply that came after its time-out,
+            // a signal) is dropped here, so that it cannot pile up.
+            while (sd_bus_process(gBus, nullptr) > 0) {
+            }
             return gBus;
+        }
         if (ready < 0) {
             *rc = ready;
             drop();
