@@ -159,7 +159,8 @@ BusConfig load() {
         parseBusConfig({reinterpret_cast<const char *>(text), length}, config, error))
         return config;
     report(std::string(path) + ": " + (why != nullptr ? why : error) +
-           "; the defaults apply (channel 1, timeout " + std::to_string(kDefaultTimeoutMs) +
+           "; the defaults apply (channel " + std::to_string(busnames::kFirmwareChannel) +
+           ", timeout " + std::to_string(kDefaultTimeoutMs) +
            " ms, sensors from the object mapper)");
     return BusConfig{};
 }

@@ -4,6 +4,8 @@
 // call; a missing or malformed one is reported and the defaults apply whole.
 #pragma once
 
+#include "bus_names.h"
+
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -26,7 +28,7 @@ struct SensorSource {
 };
 
 struct BusConfig {
-    std::uint8_t channel = 1;
+    std::uint8_t channel = busnames::kFirmwareChannel;
     std::uint32_t timeoutMs = kDefaultTimeoutMs;
     // Empty: the object mapper finds them.
     std::vector<SensorSource> sensors;
