@@ -3,7 +3,8 @@
 #   libzelo-dev  headers, zelo.pc and the unversioned link
 #   zelo         the daemon, zeloctl, the systemd unit, manual pages, bash
 #                completion, and on a development machine the host platform
-#                library the programs link (a controller image has its own)
+#                library the programs link (a controller image has its own),
+#                and the D-Bus platform library where libsystemd is
 
 # Manual pages from their scdoc sources, compressed as Debian wants them.
 find_program(ZELO_SCDOC scdoc)
@@ -42,6 +43,13 @@ if("zelo_platform" IN_LIST ZELO_PLATFORM_LIBS)
   install(TARGETS zelo_platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT daemon
           NAMELINK_SKIP)
 endif()
+# The platform over the controller's D-Bus services goes beside it: the same
+# calls, chosen when the programs are linked (ZELO_PLATFORM_LIBS) or, for the
+# programs linked with the host library, by preloading it (README).
+if(TARGET zelo_platform_dbus)
+  install(TARGETS zelo_platform_dbus LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT daemon
+          NAMELINK_SKIP)
+endif()
 install(TARGETS zelo-daemon zeloctl RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
 install(FILES include/zelo.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 install(DIRECTORY include/zelo DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
@@ -78,7 +86,8 @@ foreach(pair "lib;libzelo0" "dev;libzelo-dev" "daemon;zelo")
   # Lintian overrides, each with its reason.
   set(overrides "# Built from the zelo tree, never uploaded to a distribution: no bug\n"
                 "# report is closed by it.\n${package}: initial-upload-closes-no-bugs\n")
-  if(package STREQUAL "zelo" AND "zelo_platform" IN_LIST ZELO_PLATFORM_LIBS)
+  if(package STREQUAL "zelo" AND ("zelo_platform" IN_LIST ZELO_PLATFORM_LIBS OR
+                                  TARGET zelo_platform_dbus))
     file(READ cmake/debian/zelo-platform.lintian-overrides platform)
     list(APPEND overrides "${platform}")
   endif()

@@ -5,6 +5,7 @@
 // or answers nonsense; the completion code when it refuses.
 #include "bytes.h"
 #include "ipmi_wire.h"
+#include "sensor_record.h"
 #include "socket_exchange.h"
 
 #include <zelo/platform.h>
@@ -16,15 +17,11 @@
 namespace {
 
 using namespace zelo::wire;
+using zelo::platform::kRecordLen;
 
-// A platform sensor record: zero but for the status byte and two
-// NUL-terminated texts.
-constexpr uint32_t kRecordLen = 1492;
-constexpr uint32_t kStatusOffset = 2;
-constexpr uint32_t kNameOffset = 6;
-constexpr uint32_t kReadingOffset = 198;
-static_assert(kNameOffset + kSensorNameMax < kReadingOffset, "the name keeps its NUL");
-static_assert(kReadingOffset + kSensorReadingMax < kRecordLen, "the reading keeps its NUL");
+static_assert(kSensorNameMax == zelo::platform::kRecordNameMax &&
+                  kSensorReadingMax == zelo::platform::kRecordReadingMax,
+              "a record holds what the wire carries");
 constexpr uint32_t kLastIndex = 0xFFFF; // indices travel as 16 bits
 
 // Fills one record from the data after the completion code; false when the
@@ -39,12 +36,8 @@ bool fillRecord(const uint8_t *data, std::size_t len, uint8_t *record) {
     const uint8_t *reading = f.next(readingLen);
     if (!f.ok() || f.left() != 0 || nameLen > kSensorNameMax || readingLen > kSensorReadingMax)
         return false;
-    std::memset(record, 0, kRecordLen);
-    record[kStatusOffset] = status;
-    if (nameLen > 0)
-        std::memcpy(record + kNameOffset, name, nameLen);
-    if (readingLen > 0)
-        std::memcpy(record + kReadingOffset, reading, readingLen);
+    zelo::platform::writeRecord(record, status, {reinterpret_cast<const char *>(name), nameLen},
+                                {reinterpret_cast<const char *>(reading), readingLen});
     return true;
 }
 

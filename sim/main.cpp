@@ -1,6 +1,10 @@
 // zelo-fwsim: stands in for the host's power-management firmware so the
 // library runs end to end on a development machine.
+#ifdef ZELO_FWSIM_BUS
+#include "bus_server.h"
+#endif
 #include "model.h"
+#include "paths.h"
 #include "scenario.h"
 #include "server.h"
 
@@ -13,9 +17,15 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <poll.h>
 #include <string>
 
 namespace {
+
+#ifdef ZELO_FWSIM_BUS
+// Under $ZELO_ROOT: the entries the logging service on the bus was handed.
+constexpr const char *kEntriesPath = "/var/log/zelo-fwsim/entries.log";
+#endif
 
 std::atomic<bool> gStop{false};
 static_assert(std::atomic<bool>::is_always_lock_free, "stop flag is set from a signal handler");
@@ -25,23 +35,30 @@ extern "C" void onStopSignal(int) {
 }
 
 void usage(std::FILE *to) {
-    std::fputs("usage: zelo-fwsim [--scenario FILE] [--socket PATH] [--time-scale N] [--epoch MS]\n"
-               "       zelo-fwsim --control LINE [--socket PATH]\n"
-               "Answers power-management firmware requests on a Unix-domain socket.\n"
-               "  --scenario FILE  firmware setup (default: the built-in firmware)\n"
-               "  --socket PATH    where to listen (default: $ZELO_IPMI_SOCKET, else\n"
-               "                   /run/zelo-fwsim.sock under $ZELO_ROOT)\n"
-               "  --time-scale N   firmware time runs N times faster than real time\n"
-               "                   (1-100000; default 1), so tests need not wait\n"
-               "  --epoch MS       the firmware clock at start, in milliseconds since the\n"
-               "                   Unix epoch (default: now); 0 stamps snapshots with the\n"
-               "                   time since the firmware's last restart\n"
-               "  --control LINE   change the simulator listening at --socket while it\n"
-               "                   runs: one scenario line, or restart-now, snapshot-now,\n"
-               "                   tag <n>; exits 1 with the reason when refused\n"
-               "  --version        show the version\n"
-               "  --help           show this text\n",
-               to);
+    std::fputs(
+        "usage: zelo-fwsim [--scenario FILE] [--socket PATH] [--time-scale N] [--epoch MS]\n"
+        "       zelo-fwsim --bus ADDRESS [--scenario FILE] [--socket PATH] [--time-scale N] ...\n"
+        "       zelo-fwsim --control LINE [--socket PATH]\n"
+        "Answers power-management firmware requests on a Unix-domain socket.\n"
+        "  --scenario FILE  firmware setup (default: the built-in firmware)\n"
+        "  --socket PATH    where to listen (default: $ZELO_IPMI_SOCKET, else\n"
+        "                   /run/zelo-fwsim.sock under $ZELO_ROOT)\n"
+        "  --bus ADDRESS    also serve the same firmware on the D-Bus bus at ADDRESS\n"
+        "                   (unix:path=...) as the controller's IPMB bridge, with its\n"
+        "                   temperature sensors, an object mapper and a logging\n"
+        "                   service writing var/log/zelo-fwsim/entries.log under\n"
+        "                   $ZELO_ROOT\n"
+        "  --time-scale N   firmware time runs N times faster than real time\n"
+        "                   (1-100000; default 1), so tests need not wait\n"
+        "  --epoch MS       the firmware clock at start, in milliseconds since the\n"
+        "                   Unix epoch (default: now); 0 stamps snapshots with the\n"
+        "                   time since the firmware's last restart\n"
+        "  --control LINE   change the simulator listening at --socket while it\n"
+        "                   runs: one scenario line, or restart-now, snapshot-now,\n"
+        "                   tag <n>; exits 1 with the reason when refused\n"
+        "  --version        show the version\n"
+        "  --help           show this text\n",
+        to);
 }
 
 bool parseNumber(const char *text, std::uint64_t lowest, std::uint64_t highest,
@@ -76,6 +93,7 @@ int run(int argc, char **argv) {
     std::string scenarioPath;
     std::string socketPath;
     std::string controlLine;
+    std::string busAddress;
     bool control = false;
     std::uint64_t timeScale = 1;
     std::uint64_t epochMs = wallClockMs();
@@ -97,6 +115,8 @@ int run(int argc, char **argv) {
             controlLine = argv[++i];
         } else if (std::strcmp(argv[i], "--socket") == 0 && hasValue) {
             socketPath = argv[++i];
+        } else if (std::strcmp(argv[i], "--bus") == 0 && hasValue) {
+            busAddress = argv[++i];
         } else if (std::strcmp(argv[i], "--time-scale") == 0 && hasValue &&
                    parseNumber(argv[i + 1], 1, 100000, &timeScale)) {
             ++i;
@@ -112,7 +132,7 @@ int run(int argc, char **argv) {
     }
 
     std::string error;
-    if (control && (!scenarioPath.empty() || timeScale != 1 || epochGiven)) {
+    if (control && (!scenarioPath.empty() || !busAddress.empty() || timeScale != 1 || epochGiven)) {
         std::fputs("zelo-fwsim: --control takes only --socket\n", stderr);
         usage(stderr);
         return 2;
@@ -150,10 +170,38 @@ int run(int argc, char **argv) {
         std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());
         return 1;
     }
-    std::printf("zelo-fwsim: listening on %s\n", socketPath.c_str());
+    if (busAddress.empty()) {
+        std::printf("zelo-fwsim: listening on %s\n", socketPath.c_str());
+        std::fflush(stdout);
+        server.run();
+        return 0;
+    }
+#ifdef ZELO_FWSIM_BUS
+    char entries[4096];
+    if (!zelo::resolvePath(kEntriesPath, entries, sizeof entries) ||
+        !zelo::makeDirectories(entries, false)) {
+        std::fputs("zelo-fwsim: no place for the logging service's entries\n", stderr);
+        return 1;
+    }
+    zelo::sim::BusServer bus(firmware, entries);
+    if (!bus.connect(busAddress, error)) {
+        std::fprintf(stderr, "zelo-fwsim: %s\n", error.c_str());
+        return 1;
+    }
+    std::printf("zelo-fwsim: listening on %s and on the bus at %s\n", socketPath.c_str(),
+                busAddress.c_str());
     std::fflush(stdout);
-    server.run();
+    while (!gStop.load()) {
+        pollfd ready[2] = {{server.fd(), POLLIN, 0}, {bus.fd(), bus.events(), 0}};
+        if (::poll(ready, 2, bus.timeoutMs()) > 0 && (ready[0].revents & POLLIN) != 0)
+            server.serveOnce(0);
+        bus.process();
+    }
     return 0;
+#else
+    std::fputs("zelo-fwsim: built without D-Bus (libsystemd): no --bus\n", stderr);
+    return 2;
+#endif
 }
 
 } // namespace

@@ -106,6 +106,9 @@ class Firmware {
     // How long the server waits before sending each answer.
     std::uint32_t responseDelayMs() const { return state_.delayMs; }
 
+    // The scenario as it stands now (sensors, the bridge on a bus).
+    const Scenario &state() const { return state_; }
+
   private:
     using Bytes = std::vector<std::uint8_t>;
 

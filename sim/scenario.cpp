@@ -130,6 +130,7 @@ bool LineParser::apply() {
     using Handler = bool (LineParser::*)();
     static constexpr std::pair<std::string_view, Handler> kKeywords[] = {
         {"present", &LineParser::present},
+        {"bridge", &LineParser::bridge},
         {"instance", &LineParser::instance},
         {"reg", &LineParser::reg},
         {"fault", &LineParser::fault},

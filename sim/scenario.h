@@ -18,6 +18,9 @@
 //   fault discovery [<n>] <cc>          discovery (of instance n, or of any)
 //                                       answers cc
 //   delay <ms>                          wait before every answer (0-60000)
+//   bridge yes|no                       no: on a bus (--bus), the IPMB bridge's
+//                                       name is released, as when the bridge
+//                                       service is gone
 //
 // Power-supply tables of element 10, per instance (both start with the
 // built-in server tables). Indices are given densely from 0, in order; the
@@ -235,6 +238,7 @@ struct Scenario {
     Scenario();
 
     bool present = true;
+    bool bridge = true;
     std::uint32_t delayMs = 0;
     std::array<InstanceSetup, kInstanceCount> instances;
     std::vector<Fault> faults; // a later line wins over an earlier one

@@ -15,6 +15,10 @@ bool LineParser::present() {
     return yesNo("present yes|no", sc_.present);
 }
 
+bool LineParser::bridge() {
+    return yesNo("bridge yes|no", sc_.bridge);
+}
+
 bool LineParser::restartNow() {
     if (!runtimeOnly())
         return false;

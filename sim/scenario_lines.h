@@ -50,6 +50,7 @@ class LineParser {
 
   private:
     bool present();
+    bool bridge();
     bool restartNow();
     bool snapshotNow();
     bool tag();

@@ -43,6 +43,9 @@ class Server {
     // connection.
     bool serveOnce(int waitMs);
 
+    // The listening socket, for a loop that polls it beside other things.
+    int fd() const { return listenFd_; }
+
   private:
     void serve(int fd);
     bool answer(std::uint8_t netFn, std::uint8_t cmd, std::span<const std::uint8_t> request,

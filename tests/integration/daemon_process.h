@@ -11,6 +11,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -43,8 +44,9 @@ inline int occurrences(const std::string &in, const std::string &text) {
 // A running daemon; its output goes to files under the root.
 class DaemonProcess {
   public:
+    // program: the daemon linked with one platform library or another.
     DaemonProcess(const std::string &root, const std::vector<std::string> &args = {},
-                  const char *rate = "+0 x20")
+                  const char *rate = "+0 x20", const char *program = ZELO_DAEMON_PATH)
         : root_(root) {
         pid_ = ::fork();
         if (pid_ == 0) {
@@ -59,13 +61,13 @@ class DaemonProcess {
             ::setenv("FAKETIME", rate, 1);
             // A sanitizer runtime must not insist on coming first.
             ::setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=1", 1);
-            std::vector<std::string> argv = {ZELO_DAEMON_PATH};
+            std::vector<std::string> argv = {program};
             argv.insert(argv.end(), args.begin(), args.end());
             std::vector<char *> cargv;
             for (auto &a : argv)
                 cargv.push_back(a.data());
             cargv.push_back(nullptr);
-            ::execv(ZELO_DAEMON_PATH, cargv.data());
+            ::execv(program, cargv.data());
             ::_exit(127);
         }
     }
@@ -112,6 +114,27 @@ class DaemonProcess {
 
     std::string root_;
     pid_t pid_ = -1;
+};
+
+// The metric log lock taken as another reader takes it, held until the end
+// of the scope: the daemon's cycles wait meanwhile.
+class LockHeld {
+  public:
+    explicit LockHeld(const std::string &root) : path_(root + "/tmp/zelo_log/zelo.lock") {
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
+        int fd = -1;
+        while ((fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644)) < 0 &&
+               Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_GE(fd, 0) << "the daemon kept the lock";
+        const std::string pid = std::to_string(::getpid()) + "\n";
+        EXPECT_EQ(::write(fd, pid.data(), pid.size()), static_cast<ssize_t>(pid.size()));
+        ::close(fd);
+    }
+    ~LockHeld() { ::unlink(path_.c_str()); }
+
+  private:
+    std::string path_;
 };
 
 class DaemonTest : public ::testing::Test {

@@ -38,27 +38,6 @@ TEST_F(DaemonTest, TagsFiveSixSixOneTwo) {
     EXPECT_EQ(zelo.terminate(), 15);
 }
 
-// The metric log lock taken as another reader takes it, held until the end
-// of the scope: the daemon's cycles wait meanwhile.
-class LockHeld {
-  public:
-    explicit LockHeld(const std::string &root) : path_(root + "/tmp/zelo_log/zelo.lock") {
-        const auto deadline = Clock::now() + std::chrono::seconds(10);
-        int fd = -1;
-        while ((fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644)) < 0 &&
-               Clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        EXPECT_GE(fd, 0) << "the daemon kept the lock";
-        const std::string pid = std::to_string(::getpid()) + "\n";
-        EXPECT_EQ(::write(fd, pid.data(), pid.size()), static_cast<ssize_t>(pid.size()));
-        ::close(fd);
-    }
-    ~LockHeld() { ::unlink(path_.c_str()); }
-
-  private:
-    std::string path_;
-};
-
 // A restart no cycle saw (its tag 1 renamed 7 while the daemon waited) is
 // still a new baseline: the firmware's new counters, stamped with its time
 // since the restart, are never differenced against the old ones and

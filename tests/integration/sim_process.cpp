@@ -113,6 +113,7 @@ void SimProcess::stop() {
     if (pid_ <= 0)
         return;
     ::kill(pid_, SIGTERM);
+    ::kill(pid_, SIGCONT); // a test may have stopped it
     int status = 0;
     ::waitpid(pid_, &status, 0);
     pid_ = -1;

@@ -32,6 +32,7 @@ class SimProcess {
     SimProcess(const SimProcess &) = delete;
     SimProcess &operator=(const SimProcess &) = delete;
     void stop();
+    pid_t pid() const { return pid_; }
 
   private:
     pid_t pid_ = -1;
