@@ -289,8 +289,8 @@ TEST_F(PlatformBusTest, APowerCapChangeBecomesOneLogEntryWithItsValues) {
 }
 
 // A blade's inlet readings come from the temperature sensors the object
-// mapper finds (by path) or the configuration names (in its order); the
-// record lists them last first.
+// mapper finds (by path) or the configuration names (in its order), and the
+// records list them in that order.
 TEST_F(PlatformBusTest, ABladesInletsComeFromTheSensorsFoundOrNamed) {
     const std::string named =
         "sensor = xyz.openbmc_project.Zelo.FwSim /xyz/openbmc_project/sensors/temperature/";
@@ -298,11 +298,11 @@ TEST_F(PlatformBusTest, ABladesInletsComeFromTheSensorsFoundOrNamed) {
         std::string config;
         nlohmann::json readings;
     } cases[] = {
-        {"", R"([{"SensorIndex":0,"Temperature":"24 degrees C"},
-                 {"SensorIndex":1,"Temperature":"Unavailable"}])"_json},
+        {"", R"([{"SensorIndex":1,"Temperature":"Unavailable"},
+                 {"SensorIndex":0,"Temperature":"24 degrees C"}])"_json},
         {named + "Inlet_Temp\n" + named + "Inlet_1_Temp\n" + named + "Inlet_2_Temp\n",
-         R"([{"SensorIndex":1,"Temperature":"Unavailable"},
-             {"SensorIndex":0,"Temperature":"24 degrees C"}])"_json},
+         R"([{"SensorIndex":0,"Temperature":"24 degrees C"},
+             {"SensorIndex":1,"Temperature":"Unavailable"}])"_json},
     };
     ::setenv("RUX_FAMILY", "blade", 1);
     for (const auto &c : cases) {
