@@ -399,7 +399,8 @@ TEST_F(MetricLogTest, ReaderCopesWithCutAndForeignFiles) {
     foreign.insert(foreign.end(), {1, 9, 0, 0, 0});
     foreign.insert(foreign.end(), 64, 'x');
     files::writeFile(file(2), foreign);
-    EXPECT_EQ(read(file(2)), 0);
+    ASSERT_EQ(read(file(2)), 0);
+    ASSERT_NE(l.psSensor, nullptr);
     EXPECT_EQ(std::strlen(l.psSensor->szTemperature), 63u);
     output();
     PrintAllMetricValue(&r, &l, &f);

@@ -198,6 +198,14 @@ TEST_F(SnapshotParseTest, LayoutsThatDoNotFitAreRefused) {
     expectHistogram(250, 255);
     EXPECT_EQ(parse(rackHead()), 255);
     EXPECT_NE(output.find("does not fit"), std::string::npos) << output;
+    // The record counts buckets in one byte: 253 inner ones (255 in all) are
+    // taken, one more is refused.
+    for (const int inner : {253, 254}) {
+        release();
+        expectHistogram(static_cast<uint8_t>(inner), 1);
+        EXPECT_EQ(parse(rackHead()), 255);
+        EXPECT_EQ(output.find("more buckets") != std::string::npos, inner == 254) << output;
+    }
 }
 
 TEST_F(SnapshotParseTest, FailedReadsOfTheDescribingRegistersAreReturned) {
