@@ -56,7 +56,9 @@ std::string printable(const char *field) {
 
 } // namespace
 
-extern "C" int sw_msg_dispatcher(uint16_t eventId, void *params) {
+namespace {
+
+int dispatch(uint16_t eventId, void *params) {
     std::string type = "Event" + std::to_string(eventId);
     std::string level = "Notice";
     for (const EventKind &k : kKinds)
@@ -85,4 +87,14 @@ extern "C" int sw_msg_dispatcher(uint16_t eventId, void *params) {
         {names::kLoggingService, names::kLoggingPath, names::kCreateInterface, names::kCreate},
         fill, [](sd_bus_message *) { return 0; }, zelo::platform::busConfig().timeoutMs);
     return rc == 0 ? 0 : 1;
+}
+
+} // namespace
+
+extern "C" int sw_msg_dispatcher(uint16_t eventId, void *params) {
+    try {
+        return dispatch(eventId, params);
+    } catch (...) { // no memory for the entry's texts: the event is not logged
+        return 1;
+    }
 }

@@ -18,8 +18,10 @@ constexpr uint8_t kLun = 0;
 
 } // namespace
 
-extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request,
-                              uint32_t requestLen, uint8_t *response, uint32_t *responseLen) {
+namespace {
+
+int doCommand(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t requestLen,
+              uint8_t *response, uint32_t *responseLen) {
     namespace names = zelo::busnames;
     if (responseLen == nullptr || (response == nullptr && *responseLen > 0) ||
         (request == nullptr && requestLen > 0) || requestLen > kMaxRequestLen)
@@ -61,4 +63,15 @@ extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request
     return zelo::platform::callMethod(
         {names::kIpmbService, names::kIpmbPath, names::kIpmbInterface, names::kSendRequest}, fill,
         read, config.timeoutMs);
+}
+
+} // namespace
+
+extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request,
+                              uint32_t requestLen, uint8_t *response, uint32_t *responseLen) {
+    try {
+        return doCommand(netFn, cmd, request, requestLen, response, responseLen);
+    } catch (...) { // no memory for the bus message's texts
+        return -ENOMEM;
+    }
 }

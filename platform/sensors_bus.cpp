@@ -101,8 +101,10 @@ std::string readingText(double celsius) {
 
 } // namespace
 
-extern "C" int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize,
-                                      const uint8_t *sensorType, uint8_t *area) {
+namespace {
+
+int sensorInfo(uint32_t *deliveredLen, uint32_t areaSize, const uint8_t *sensorType,
+               uint8_t *area) {
     using namespace zelo::platform;
     if (deliveredLen == nullptr || sensorType == nullptr || (area == nullptr && areaSize > 0))
         return -EINVAL;
@@ -134,4 +136,15 @@ extern "C" int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize,
     }
     *deliveredLen = written;
     return 0;
+}
+
+} // namespace
+
+extern "C" int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize,
+                                      const uint8_t *sensorType, uint8_t *area) {
+    try {
+        return sensorInfo(deliveredLen, areaSize, sensorType, area);
+    } catch (...) { // no memory for the bus message's texts
+        return -ENOMEM;
+    }
 }
