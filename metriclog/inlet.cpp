@@ -18,15 +18,14 @@ BladeInletSensorBuffer sBladeInletSensorBuffer = {0, nullptr};
 
 namespace {
 
-// The platform's sensor records, back to back in the receiving area; only
-// these fields matter here. Texts end at their NUL or at the record's end.
-constexpr uint32_t kRecordLen = 1492;
+// Texts end at their NUL or at the record's end.
+constexpr uint32_t kRecordLen = ZELO_SENSOR_RECORD_LEN;
 constexpr uint32_t kRecordCapacity = 768;
 constexpr uint32_t kAreaLen = kRecordLen * kRecordCapacity;
 static_assert(kAreaLen == 1145856, "the receiving area holds 768 records");
-constexpr uint32_t kStatusOffset = 2;
-constexpr uint32_t kNameOffset = 6;
-constexpr uint32_t kReadingOffset = 198;
+constexpr uint32_t kStatusOffset = ZELO_SENSOR_RECORD_STATUS;
+constexpr uint32_t kNameOffset = ZELO_SENSOR_RECORD_NAME;
+constexpr uint32_t kReadingOffset = ZELO_SENSOR_RECORD_READING;
 
 constexpr uint8_t kTemperatureSensorType = 1; // the IPMI sensor type code
 constexpr std::size_t kReadingMax = ZELO_INLET_TEMPERATURE_TEXT - 1;

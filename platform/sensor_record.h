@@ -1,5 +1,4 @@
-// The controller's sensor record as GetAllSensorInfoByType lays it out:
-// zero but for the status byte and two NUL-terminated texts.
+// Writes the sensor records GetAllSensorInfoByType hands the library.
 #pragma once
 
 #include <algorithm>
@@ -8,12 +7,14 @@
 #include <cstring>
 #include <string_view>
 
+#include "zelo/platform.h"
+
 namespace zelo::platform {
 
-inline constexpr std::uint32_t kRecordLen = 1492;
-inline constexpr std::uint32_t kStatusOffset = 2;
-inline constexpr std::uint32_t kNameOffset = 6;
-inline constexpr std::uint32_t kReadingOffset = 198;
+inline constexpr std::uint32_t kRecordLen = ZELO_SENSOR_RECORD_LEN;
+inline constexpr std::uint32_t kStatusOffset = ZELO_SENSOR_RECORD_STATUS;
+inline constexpr std::uint32_t kNameOffset = ZELO_SENSOR_RECORD_NAME;
+inline constexpr std::uint32_t kReadingOffset = ZELO_SENSOR_RECORD_READING;
 // The longest texts a record holds with their NUL.
 inline constexpr std::size_t kRecordNameMax = 191;
 inline constexpr std::size_t kRecordReadingMax = 1293;

@@ -17,6 +17,15 @@ int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t 
                    uint8_t *response, uint32_t *responseLen);
 int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize, const uint8_t *sensorType,
                            uint8_t *area);
+/* The records GetAllSensorInfoByType puts back to back in the area: offsets
+ * of the only fields defined, the rest is zero. Status 0 is a valid reading;
+ * name and reading are texts ending at their NUL. */
+enum {
+    ZELO_SENSOR_RECORD_LEN = 1492,
+    ZELO_SENSOR_RECORD_STATUS = 2,
+    ZELO_SENSOR_RECORD_NAME = 6,
+    ZELO_SENSOR_RECORD_READING = 198
+};
 
 /* Configuration store: non-zero on success. */
 int kiv_config_get_bool(const char *key, uint8_t *value);
