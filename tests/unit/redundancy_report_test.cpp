@@ -70,14 +70,21 @@ TEST_F(RedundancyReportTest, AllowedFollowsPolicyBit0AndTarget) {
         const char *lines;
         std::vector<uint8_t> allowed;
         int count;
+        std::vector<uint8_t> policyClear; // bits 0 and 1
     } cases[] = {
-        {"", {0, 0, 1, 0}, 1},                                 // policy 0, target 0: bit 3
-        {"reg 0 0 16 0x01\n", {1, 0, 0, 1}, 2},                // policy 1, target 0: bit 2
-        {"reg 0 0 16 0x03\nreg 0 10 30 1\n", {0, 0, 0, 0}, 0}, // policy 1, target 1: bit 4
-        {"reg 0 10 30 2\nredundancy 0 4 1+1 props 0x20 list 0,0\n", {0, 1, 0, 1, 0}, 3}, // bit 5
+        {"", {0, 0, 1, 0}, 1, {1, 1}},                                 // policy 0, target 0: bit 3
+        {"reg 0 0 16 0x01\n", {1, 0, 0, 1}, 2, {0, 1}},                // policy 1, target 0: bit 2
+        {"reg 0 0 16 0x03\nreg 0 10 30 1\n", {0, 0, 0, 0}, 0, {0, 0}}, // policy 1, target 1: bit 4
+        {"reg 0 10 30 2\nredundancy 0 4 1+1 props 0x20 list 0,0\n",
+         {0, 1, 0, 1, 0},
+         3,
+         {1, 1}}, // bit 5
     };
     for (const auto &c : cases) {
         ASSERT_EQ(run(std::string(kFourShapes) + c.lines), 0) << c.lines;
+        EXPECT_EQ(std::vector<uint8_t>({report.policyBit0Clear, report.policyBit1Clear}),
+                  c.policyClear)
+            << c.lines;
         EXPECT_EQ(std::vector<uint8_t>(report.allowed, report.allowed + c.allowed.size()),
                   c.allowed)
             << c.lines;
