@@ -16,7 +16,7 @@ int64_t monotonicSeconds() {
 }
 
 Hooks gHooks{::sysinfo, ::poll,  ::usleep,  monotonicSeconds,
-             std::time, ::fsync, systemLog, std::malloc};
+             std::time, ::fsync, systemLog, std::calloc};
 
 } // namespace
 

@@ -21,7 +21,7 @@ struct Hooks {
     std::time_t (*time)(std::time_t *);     // wall time of the history files
     int (*sync)(int fd);                    // a replaced history file to stable storage
     void (*syslog)(int priority, const char *message);
-    void *(*malloc)(std::size_t size); // response areas, which a test may refuse
+    void *(*calloc)(std::size_t count, std::size_t size); // areas a test may refuse
 };
 
 const Hooks &hooks();

@@ -31,7 +31,7 @@ bool Exchange::allocate(uint32_t capacity) {
         if (area_ != small_.data())
             std::free(area_);
         area_ = capacity <= small_.size() ? small_.data()
-                                          : static_cast<uint8_t *>(hooks().malloc(capacity));
+                                          : static_cast<uint8_t *>(hooks().calloc(capacity, 1));
         capacity_ = area_ != nullptr ? capacity : 0;
     }
     if (area_ != nullptr)

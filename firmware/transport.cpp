@@ -111,7 +111,7 @@ uint8_t ReadRegister(uint8_t *pu8Request, uint8_t u8RegisterId, uint8_t u8DataLe
         return ZELO_RC_FAILURE;
     // The caller's area first: without it nothing is sent.
     const uint32_t capacity = uint32_t{u8DataLen} + ZELO_RESPONSE_HEAD_LEN;
-    *ppu8Response = static_cast<uint8_t *>(zelo::hooks().malloc(capacity));
+    *ppu8Response = static_cast<uint8_t *>(zelo::hooks().calloc(capacity, 1));
     if (*ppu8Response == nullptr) {
         report(kRegisterTexts.notice, kRegisterTexts.allocation, "ReadRegister");
         return ZELO_RC_NO_MEMORY;

@@ -1,6 +1,7 @@
 // Inlet temperatures of a blade: its snapshot carries none, so every cycle
 // the readings come from the controller's own temperature sensors instead.
 #include "cycle.h"
+#include "hooks.h"
 #include "inlet_internal.h"
 #include "report.h"
 
@@ -120,7 +121,7 @@ int zelo::metriclog::gatherInletReadings(bool blade) {
         return 0;
     }
     // Zeroed, so bytes a platform claims but never wrote read as empty texts.
-    auto *area = static_cast<uint8_t *>(std::calloc(kAreaLen, 1));
+    auto *area = static_cast<uint8_t *>(zelo::hooks().calloc(kAreaLen, 1));
     if (area == nullptr) {
         zelo::print("Unable to malloc (%d bytes)memory for sensor info\n)",
                     static_cast<int>(kAreaLen));

@@ -70,13 +70,21 @@ TEST(InletNames, OnlyExactTableNamesHaveAnIndex) {
     EXPECT_EQ(GetInletSensorIndexPerSensorName(nullptr), 5u);
 }
 
-TEST_F(InletTest, NonBladeAsksNoSensorsAndFailedPlatformGivesNone) {
+TEST_F(InletTest, NonBladeAsksNoSensorsAndFailedPlatformOrAreaGivesNone) {
     ::unsetenv("RUX_FAMILY");
     EXPECT_EQ(collect({record(0, "Inlet Temp")}), 0);
     EXPECT_TRUE(fake().sensorTypes.empty());
     ::setenv("RUX_FAMILY", "blade", 1);
     fake().sensorResult = -111;
     EXPECT_EQ(collect({}), 1);
+    EXPECT_EQ(list.psSensor, nullptr);
+
+    fake().sensorResult = 0;
+    fake().sensorTypes.clear();
+    hooks->calloc = [](std::size_t, std::size_t) -> void * { return nullptr; };
+    EXPECT_EQ(collect({record(0, "Inlet Temp")}), 1);
+    EXPECT_EQ(out, "Unable to malloc (1145856 bytes)memory for sensor info\n)");
+    EXPECT_TRUE(fake().sensorTypes.empty());
     EXPECT_EQ(list.psSensor, nullptr);
 }
 

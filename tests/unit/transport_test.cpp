@@ -46,7 +46,7 @@ TEST_F(TransportTest, AnAnswerWithoutRoomIsNeverAsked) {
     uint8_t *request = nullptr;
     ASSERT_EQ(GetReadEnergyAccumulatorRegisterRequestBuffer(5, &request), 0);
     HooksOverride over;
-    over->malloc = [](std::size_t) -> void * { return nullptr; };
+    over->calloc = [](std::size_t, std::size_t) -> void * { return nullptr; };
     uint8_t *response = reinterpret_cast<uint8_t *>(1);
     testing::internal::CaptureStdout();
     EXPECT_EQ(ReadRegister(request, 1, 8, &response), ZELO_RC_NO_MEMORY);
