@@ -30,9 +30,13 @@ bool Exchange::allocate(uint32_t capacity) {
     } else if (area_ == nullptr || capacity != capacity_) {
         if (area_ != small_.data())
             std::free(area_);
-        area_ = capacity <= small_.size() ? small_.data()
-                                          : static_cast<uint8_t *>(hooks().calloc(capacity, 1));
-        capacity_ = area_ != nullptr ? capacity : 0;
+        if (capacity > small_.size()) {
+            area_ = static_cast<uint8_t *>(hooks().calloc(capacity, 1)); // zeroed already
+            capacity_ = area_ != nullptr ? capacity : 0;
+            return area_ != nullptr;
+        }
+        area_ = small_.data();
+        capacity_ = capacity;
     }
     if (area_ != nullptr)
         std::memset(area_, 0, capacity_);

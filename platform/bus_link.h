@@ -33,4 +33,15 @@ int callMethod(const Target &target, const std::function<int(sd_bus_message *)> 
                const std::function<int(sd_bus_message *)> &read, std::uint32_t timeoutMs,
                char *errorName = nullptr);
 
+// One of the library's calls at the C edge, which no exception crosses: one
+// (no memory for a message's texts) fails the call with `failed`.
+template <class Call>
+int withoutExceptions(int failed, const Call &call) noexcept {
+    try {
+        return call();
+    } catch (...) {
+        return failed;
+    }
+}
+
 } // namespace zelo::platform

@@ -92,9 +92,6 @@ int dispatch(uint16_t eventId, void *params) {
 } // namespace
 
 extern "C" int sw_msg_dispatcher(uint16_t eventId, void *params) {
-    try {
-        return dispatch(eventId, params);
-    } catch (...) { // no memory for the entry's texts: the event is not logged
-        return 1;
-    }
+    // An entry without memory for its texts is not logged.
+    return zelo::platform::withoutExceptions(1, [&] { return dispatch(eventId, params); });
 }

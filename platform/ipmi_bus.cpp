@@ -69,9 +69,6 @@ int doCommand(uint8_t netFn, uint8_t cmd, const uint8_t *request, uint32_t reque
 
 extern "C" int IPMI_DoIPMICmd(uint8_t netFn, uint8_t cmd, const uint8_t *request,
                               uint32_t requestLen, uint8_t *response, uint32_t *responseLen) {
-    try {
-        return doCommand(netFn, cmd, request, requestLen, response, responseLen);
-    } catch (...) { // no memory for the bus message's texts
-        return -ENOMEM;
-    }
+    return zelo::platform::withoutExceptions(
+        -ENOMEM, [&] { return doCommand(netFn, cmd, request, requestLen, response, responseLen); });
 }

@@ -142,9 +142,6 @@ int sensorInfo(uint32_t *deliveredLen, uint32_t areaSize, const uint8_t *sensorT
 
 extern "C" int GetAllSensorInfoByType(uint32_t *deliveredLen, uint32_t areaSize,
                                       const uint8_t *sensorType, uint8_t *area) {
-    try {
-        return sensorInfo(deliveredLen, areaSize, sensorType, area);
-    } catch (...) { // no memory for the bus message's texts
-        return -ENOMEM;
-    }
+    return zelo::platform::withoutExceptions(
+        -ENOMEM, [&] { return sensorInfo(deliveredLen, areaSize, sensorType, area); });
 }
